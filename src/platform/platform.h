@@ -1,0 +1,203 @@
+// The machine as the rest of Diskhold sees it.
+//
+// Every operating-system service the program uses is reached through the
+// interfaces in this header, named after the Windows calls they stand for so
+// that the code above reads like the Windows program it is.  Three backends
+// implement them:
+//   - win32: the real Windows calls;
+//   - linux: block devices, sysfs, ioctls and termios;
+//   - sim:   a simulated machine described by the file named in the
+//            environment variable DISKHOLD_MACHINE (drives backed by image
+//            files, registry values, mounted volumes, console, locale...).
+// Host() picks the simulated machine when DISKHOLD_MACHINE is set and the
+// native backend otherwise.  No file outside src/platform includes an OS header.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace dh::platform {
+
+// MEDIA_TYPE values the program distinguishes.
+constexpr int32_t kMediaUnknown = 0;
+constexpr int32_t kMediaRemovable = 11;  // RemovableMedia
+constexpr int32_t kMediaFixed = 12;      // FixedMedia
+
+// DISK_GEOMETRY as IOCTL_DISK_GET_DRIVE_GEOMETRY reports it.
+struct DiskGeometry {
+  int64_t cylinders = 0;
+  int32_t mediaType = kMediaUnknown;
+  uint32_t tracksPerCylinder = 0;
+  uint32_t sectorsPerTrack = 0;
+  uint32_t bytesPerSector = 512;
+};
+
+// The first entry of a drive layout (IOCTL_DISK_GET_DRIVE_LAYOUT[_EX]).
+struct LayoutEntry {
+  uint32_t partitionStyle = 0;  // 0 MBR, 1 GPT, 2 RAW (EX query only)
+  uint8_t partitionType = 0;
+  uint64_t startingOffset = 0;
+  uint64_t partitionLength = 0;
+  bool present = false;  // false: the layout holds no entry
+};
+
+// How a path is opened; each mode is one CreateFileA call of the program.
+enum class OpenMode {
+  ProbeRead,          // GENERIC_READ, share read|write, OPEN_EXISTING (disk count)
+  DiskReadWrite,      // GENERIC_READ|GENERIC_WRITE, share read|write, OPEN_EXISTING
+  ReadExisting,       // GENERIC_READ, share read, OPEN_EXISTING
+  ReadWriteExisting,  // GENERIC_READ|GENERIC_WRITE, share read, OPEN_EXISTING
+  CreateAlways,       // GENERIC_WRITE, share write, CREATE_ALWAYS (truncates)
+};
+
+// An open file or device.  Transfers are at the current position, which
+// Seek sets; they report the byte count actually moved like ReadFile and
+// WriteFile do.  A transfer may be short; callers loop where they must.
+class File {
+ public:
+  virtual ~File() = default;
+  virtual bool Seek(uint64_t offset) = 0;
+  virtual bool Read(void* buffer, uint32_t bytes, uint32_t* done) = 0;
+  virtual bool Write(const void* buffer, uint32_t bytes, uint32_t* done) = 0;
+  // Makes written data durable (FlushFileBuffers / fsync).
+  virtual bool Flush() = 0;
+  // GetFileSizeEx; for a device, its size in bytes.
+  virtual bool Size(uint64_t* bytes) = 0;
+
+  // DeviceIoControl queries; plain files fail them.
+  virtual bool GetDriveGeometry(DiskGeometry* out) = 0;
+  // IOCTL_DISK_GET_DRIVE_GEOMETRY_EX: the geometry and DiskSize.
+  virtual bool GetDriveGeometryEx(DiskGeometry* geometry, uint64_t* diskSize) = 0;
+  // IOCTL_DISK_GET_PARTITION_INFO: StartingOffset and PartitionLength.
+  virtual bool GetPartitionInfo(uint64_t* startingOffset, uint64_t* partitionLength) = 0;
+  virtual bool GetDriveLayoutEx(LayoutEntry* first) = 0;
+  virtual bool GetDriveLayout(LayoutEntry* first) = 0;
+  // IOCTL_DISK_UPDATE_PROPERTIES: asks the system to re-read the table.
+  virtual bool UpdateProperties() = 0;
+};
+
+// GetVersionExA with OSVERSIONINFOA.
+struct OsVersion {
+  uint32_t majorVersion = 0;
+  uint32_t minorVersion = 0;
+  uint32_t platformId = 0;  // 2 = VER_PLATFORM_WIN32_NT
+};
+
+// The locale items FormatSizeText reads (GetLocaleInfoA) and the NUMBERFMTA
+// it hands to GetNumberFormatA.
+enum class LocaleItem { LeadingZero, Grouping, DecimalSep, ThousandSep, NegativeNumber };
+
+struct NumberFormat {
+  uint32_t numDigits = 2;
+  uint32_t leadingZero = 1;
+  uint32_t grouping = 3;
+  std::string decimalSep = ".";
+  std::string thousandSep = ",";
+  uint32_t negativeOrder = 1;
+};
+
+// Callback of the format engine: command, sub-action, command data.
+// Command 0: data points to a 32-bit percentage; 11: to a byte, non-zero on
+// success; 14: to a record whose second member is a text address (the
+// platform passes the text itself as `text`).
+struct FormatCallbackData {
+  uint32_t percent = 0;
+  bool success = false;
+  std::string text;
+};
+using FormatCallback = std::function<bool(int command, uint32_t subAction, const FormatCallbackData& data)>;
+
+enum class FormatEngineState {
+  LibraryMissing,  // LoadLibraryA("fmifs.dll") failed
+  EntryMissing,    // GetProcAddress("FormatEx") failed
+  Ready,
+};
+
+class Machine {
+ public:
+  virtual ~Machine() = default;
+
+  // ---- files and devices ------------------------------------------------
+  // Opens a path: "\\.\PhysicalDriveN" or a file.  Null on failure, with
+  // LastError() telling why.
+  virtual std::unique_ptr<File> Open(const std::string& path, OpenMode mode) = 0;
+  // Whether a file or directory exists at the path (GetFileAttributesA).
+  virtual bool PathExists(const std::string& path) = 0;
+
+  // ---- registry, under HKEY_LOCAL_MACHINE --------------------------------
+  // REG_SZ value; false when the key or value is missing.
+  virtual bool RegQueryString(const std::string& key, const std::string& value, std::string* out) = 0;
+  // Any value as raw bytes (REG_BINARY for SYSTEM\MountedDevices).
+  virtual bool RegQueryBinary(const std::string& key, const std::string& value, std::vector<uint8_t>* out) = 0;
+
+  // ---- mount manager ----------------------------------------------------
+  // GetLogicalDriveStringsA: the roots "C:\" ... in the order returned.
+  virtual std::vector<std::string> LogicalDriveStrings() = 0;
+  // GetVolumeNameForVolumeMountPointA: "\\?\Volume{GUID}\".
+  virtual bool VolumeNameForMountPoint(const std::string& mountPoint, std::string* volumeName) = 0;
+
+  // ---- format engine (fmifs.dll FormatEx) -------------------------------
+  virtual FormatEngineState LoadFormatEngine() = 0;
+  // Runs FormatEx; returns false when the call itself could not be made.
+  virtual bool FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, const std::u16string& fileSystem,
+                        const std::u16string& label, bool quick, uint32_t clusterSize,
+                        const FormatCallback& callback) = 0;
+  // Lets the thread handle one message already queued; never waits.
+  virtual void PumpOneMessage() = 0;
+
+  // ---- version, rights, shutdown -----------------------------------------
+  virtual bool GetVersionEx(OsVersion* out) = 0;
+  // GetVersion(): top bit set outside the NT family.
+  virtual uint32_t GetVersion() = 0;
+  // Token elevation; false when the token cannot be opened or read.
+  virtual bool QueryElevation(bool* elevated) = 0;
+  // OpenProcessToken + LookupPrivilegeValueA + AdjustTokenPrivileges for
+  // SeShutdownPrivilege; false when the token cannot be opened or the
+  // privilege is not granted.
+  virtual bool EnableShutdownPrivilege() = 0;
+  // ExitWindowsEx(flags, 0).
+  virtual bool ExitWindows(uint32_t flags) = 0;
+
+  // ---- console ----------------------------------------------------------
+  virtual uint32_t ConsoleOutputCodePage() = 0;
+  // Fills the screen buffer with blanks; does nothing without a console.
+  virtual void ClearScreen() = 0;
+  // Moves the cursor to a column and row, 0-based; nothing without a console.
+  virtual void SetCursorPosition(int column, int row) = 0;
+  // One key press without echo; -1 at end of input (never blocks then).
+  virtual int ReadKey() = 0;
+  // One line of input without its line end; false at end of input.
+  virtual bool ReadLine(std::string* line) = 0;
+
+  // ---- locale, names, environment, messages ------------------------------
+  // GetLocaleInfoA for LOCALE_USER_DEFAULT.
+  virtual bool GetLocaleInfo(LocaleItem item, std::string* out) = 0;
+  // GetNumberFormatA for LOCALE_USER_DEFAULT, flags 0, with an explicit format.
+  virtual bool GetNumberFormat(const std::string& value, const NumberFormat& format, std::string* out) = 0;
+  virtual std::string ComputerName() = 0;
+  virtual bool GetEnv(const std::string& name, std::string* value) = 0;
+  // MessageBoxA without an owner, MB_OK.
+  virtual void MessageBox(const std::string& text, const std::string& caption) = 0;
+  // GetLastError of the last failed call of this backend.
+  virtual uint32_t LastError() = 0;
+  // FormatMessageA from the system table; the text ends with "\r\n".
+  // False when the system has no text for the code.
+  virtual bool SystemMessageText(uint32_t code, std::string* text) = 0;
+};
+
+// The machine of this run: the simulated one when DISKHOLD_MACHINE names a
+// machine file, the native one otherwise.  When the machine file cannot be
+// read, `error` says why and the result is null.
+std::unique_ptr<Machine> CreateMachine(std::string* error);
+
+// The machine every part of the program uses; set once by main.
+Machine& Host();
+void SetHost(Machine* machine);
+
+// The native backend, also used by the simulated machine for host files.
+std::unique_ptr<Machine> CreateNativeMachine();
+
+}  // namespace dh::platform
