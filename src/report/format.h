@@ -1,0 +1,16 @@
+// The size and number texts shared by every report.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace dh {
+
+// "465.76GB": two decimals in the user's locale, then the unit word.
+std::string FormatSizeText(int64_t bytes);
+// "465G": about four characters for table columns.
+std::string FormatSizeCompact(int64_t bytes);
+// A right-aligned number with ',' every three digits, width - 1 characters.
+std::string FormatGroupedCount(uint32_t value, int width);
+
+}  // namespace dh
