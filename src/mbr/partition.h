@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 namespace dh {
@@ -86,12 +87,19 @@ struct PartitionRecord {
 // link that was already visited, so this only bounds hostile but loop-free
 // chains.
 constexpr int32_t kMaxLogicalPartitions = 16384;
+// Limit on the EBRs one chain walk reads.  EBRs whose first entry is empty
+// add no record, so the record limit alone would not bound the reads.
+constexpr int32_t kMaxExtendedLinks = 65536;
 
 class PartitionTable {
  public:
   explicit PartitionTable(DiskSet* owner) : owner_(owner) {}
 
   void Load();
+  // Appends the logical partitions of the chain that starts at
+  // `extendedStart`, numbering them on from `logicalCount`.  The walk ends
+  // at a zero link, a failed read, an EBR this table has already read, or
+  // the limits above.
   void ReadExtendedChain(uint64_t extendedStart);
   int32_t Count(int32_t kind) const;
   PartitionRecord* Get(int32_t n, int32_t kind);
@@ -106,6 +114,9 @@ class PartitionTable {
 
  private:
   DiskSet* owner_;
+  // Every EBR LBA read since the last Load: a link back into any chain of
+  // the table ends the walk instead of listing partitions twice.
+  std::unordered_set<uint64_t> visitedEbrs_;
 };
 
 // Decodes record.rawEntry with the given type and active flag.

@@ -1,0 +1,532 @@
+#include "app/grammar.h"
+
+#include <cstdio>
+#include <initializer_list>
+
+#include "app/frame.h"
+#include "app/run_state.h"
+
+namespace dh {
+
+namespace {
+
+ArgumentList g_arguments;
+
+char LowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+bool IsPrefixChar(char c) { return c == '/' || c == '-'; }
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+// Blanks before a number, as the C library skips them.
+bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
+// Separators of option-file tokens: blanks, tabs and line ends.
+bool IsTokenSeparator(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+int HexDigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  c = LowerAscii(c);
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+bool StartsWithDigit(std::string_view text) { return !text.empty() && IsDigit(text[0]); }
+
+// Reads the leading digits of `text` from `pos` in the base, saturating at
+// `limit` so that any number of digits gives a defined result.
+uint64_t ReadMagnitude(std::string_view text, size_t pos, unsigned base, uint64_t limit, bool* anyDigit) {
+  uint64_t magnitude = 0;
+  *anyDigit = false;
+  for (; pos < text.size(); ++pos) {
+    int digit = base == 16 ? HexDigitValue(text[pos]) : (IsDigit(text[pos]) ? text[pos] - '0' : -1);
+    if (digit < 0) break;
+    *anyDigit = true;
+    uint64_t d = static_cast<uint64_t>(digit);
+    magnitude = (magnitude > (limit - d) / base) ? limit : magnitude * base + d;
+  }
+  return magnitude;
+}
+
+// Skips blanks and one sign; returns the position of the first digit.
+size_t SkipBlanksAndSign(std::string_view text, bool* negative) {
+  size_t pos = 0;
+  while (pos < text.size() && IsBlank(text[pos])) ++pos;
+  *negative = false;
+  if (pos < text.size() && (text[pos] == '+' || text[pos] == '-')) {
+    *negative = text[pos] == '-';
+    ++pos;
+  }
+  return pos;
+}
+
+// The message of a code names the argument that caused it, so badArgument
+// follows the first-error rule together with resultCode: with several bad
+// arguments the first one is reported.
+void InvalidSwitch(const std::string& argument) {
+  State().usageError = true;
+  if (State().resultCode == kSuccess) {
+    State().resultCode = kInvalidSwitch;
+    State().badArgument = argument;
+  }
+}
+
+// An invalid parameter does not stop the parsing as a usage error does; the
+// pending code alone keeps the command from running.
+void InvalidParameter(const std::string& argument) {
+  if (State().resultCode == kSuccess) {
+    State().resultCode = kInvalidParameter;
+    State().badArgument = argument;
+  }
+}
+
+enum class MatchResult { None, Matched, EmptyValue };
+
+MatchResult Match(MatchMode mode, std::string_view keyword, std::string_view argument, std::string* value) {
+  value->clear();
+  if (argument.empty() || !IsPrefixChar(argument[0])) {
+    // Without a prefix only the whole keyword counts, so any value is empty.
+    if (!EqualsIgnoreCase(argument, keyword)) return MatchResult::None;
+    return mode == MatchMode::Value ? MatchResult::EmptyValue : MatchResult::Matched;
+  }
+  std::string_view rest = argument.substr(1);
+  if (rest.empty()) return MatchResult::None;
+  switch (mode) {
+    case MatchMode::Fixed:
+      if (rest.size() < keyword.size() || !EqualsIgnoreCase(rest.substr(0, keyword.size()), keyword)) {
+        return MatchResult::None;
+      }
+      value->assign(rest.substr(keyword.size()));
+      return MatchResult::Matched;
+    case MatchMode::Abbreviation:
+      if (rest.size() > keyword.size() || !EqualsIgnoreCase(rest, keyword.substr(0, rest.size()))) {
+        return MatchResult::None;
+      }
+      return MatchResult::Matched;
+    case MatchMode::Value: {
+      size_t n = keyword.size();
+      if (n > 0 && keyword[n - 1] == '=') --n;
+      if (rest.size() < n || !EqualsIgnoreCase(rest.substr(0, n), keyword.substr(0, n))) return MatchResult::None;
+      // The character after the name is skipped whatever it is: /save:mbr
+      // works like /save=mbr.
+      if (rest.size() > n + 1) value->assign(rest.substr(n + 1));
+      return value->empty() ? MatchResult::EmptyValue : MatchResult::Matched;
+    }
+  }
+  return MatchResult::None;
+}
+
+struct AreaWord {
+  const char* word;
+  int32_t area;
+};
+
+bool AreaFromWord(std::string_view value, std::initializer_list<AreaWord> words, int32_t* area) {
+  for (const AreaWord& w : words) {
+    if (EqualsIgnoreCase(value, w.word)) {
+      *area = w.area;
+      return true;
+    }
+  }
+  return false;
+}
+
+// save= and restore= store 105 over a pending code: an unknown area word
+// must never be mistaken for some other failure.
+void InvalidArea(const std::string& argument) {
+  State().usageError = true;
+  State().badArgument = argument;
+  State().resultCode = kInvalidSwitch;
+}
+
+void ApplyDisk(const std::string&, const std::string& value) {
+  RunOptions& o = Options();
+  if (!value.empty() && value[0] == '*') {
+    o.diskNumber = kAllDisks;
+  } else if (StartsWithDigit(value)) {
+    o.diskNumber = ReadDecimal(value);
+  } else {
+    o.diskNumber = kVirtualDiskNumber;
+    AssignValueText(o.diskFileName, value);
+  }
+}
+
+void ApplyPart(const std::string& argument, const std::string& value) {
+  RunOptions& o = Options();
+  o.partArgument = argument;
+  if (!value.empty() && value[0] == '*') {
+    o.partNumber = kAllPartitions;
+  } else if (StartsWithDigit(value) && value.size() <= 2) {
+    o.partNumber = ReadDecimal(value);
+  } else if (EqualsIgnoreCase(value, "system")) {
+    o.partNumber = kPartSystem;
+  } else if (EqualsIgnoreCase(value, "boot")) {
+    o.partNumber = kPartBoot;
+  } else if (EqualsIgnoreCase(value, "diag") || EqualsIgnoreCase(value, "dell") || EqualsIgnoreCase(value, "utility")) {
+    o.partNumber = kPartUtility;
+  } else {
+    InvalidSwitch(argument);
+  }
+}
+
+void ApplyOption(const std::string& argument, const std::string& value) {
+  if (!AreaFromWord(value, {{"track0", kAreaTrack0}, {"mbr", kAreaMbr}, {"gpt", kAreaGpt}, {"disk", kAreaDisk}},
+                    &Options().areaKind)) {
+    InvalidSwitch(argument);
+  }
+}
+
+void ApplySector(const std::string& argument, const std::string& value) {
+  if (StartsWithDigit(value)) {
+    Options().sectorNumber = ReadDecimal(value);
+  } else if (EqualsIgnoreCase(value, "disk")) {
+    // Letter case is ignored here as for every other value word.
+    Options().sectorNumber = kSectorDisk;
+  } else {
+    InvalidSwitch(argument);
+  }
+}
+
+void ApplyVol(const std::string& argument, const std::string& value) {
+  char first = LowerAscii(value.empty() ? '\0' : value[0]);
+  if (value.size() == 2 && first >= 'a' && first <= 'z' && value[1] == ':') {
+    Options().partNumber = kPartDriveLetter;
+  } else if (!value.empty()) {
+    Options().partNumber = kPartVolumeLabel;
+  } else {
+    InvalidSwitch(argument);
+  }
+}
+
+void ApplySave(const std::string& argument, const std::string& value) {
+  Options().command = kCmdSave;
+  if (!AreaFromWord(value,
+                    {{"track0", kAreaTrack0},
+                     {"mbr", kAreaMbr},
+                     {"gpt", kAreaGpt},
+                     {"disk", kAreaDisk},
+                     {"vbr", kAreaVbr},
+                     {"range", kAreaRange}},
+                    &Options().areaKind)) {
+    InvalidArea(argument);
+  }
+}
+
+void ApplyRestore(const std::string& argument, const std::string& value) {
+  Options().command = kCmdRestore;
+  if (AreaFromWord(
+          value,
+          {{"track0", kAreaTrack0}, {"mbr", kAreaMbr}, {"gpt", kAreaGpt}, {"disk", kAreaDisk}, {"vbr", kAreaVbr}},
+          &Options().areaKind)) {
+    return;
+  }
+  if (StartsWithDigit(value)) {
+    Options().areaKind = kAreaRange;
+  } else {
+    InvalidArea(argument);
+  }
+}
+
+void ApplyWipe(const std::string& argument, const std::string& value) {
+  Options().command = kCmdWipe;
+  if (!AreaFromWord(
+          value,
+          {{"track0", kAreaTrack0}, {"mbr", kAreaMbr}, {"gpt", kAreaGpt}, {"disk", kAreaDisk}, {"range", kAreaRange}},
+          &Options().areaKind)) {
+    InvalidParameter(argument);
+  }
+}
+
+void ApplyType(const std::string& argument, const std::string& value) {
+  // Partition creation reads "/type" itself; the type command is not meant.
+  if (FindArgument("/create")) return;
+  RunOptions& o = Options();
+  o.command = kCmdType;
+  if (!value.empty() && value.back() == 'd') {
+    o.typeValue = ReadDecimal(value);
+  } else if (!ReadHexadecimal(value, &o.typeValue)) {
+    // Without a single hexadecimal digit there is no type byte to store;
+    // typeValue keeps -2 and the pending 117 keeps the type change from
+    // running, naming the argument.
+    InvalidParameter(argument);
+  }
+}
+
+void ApplyStatusWrite(const std::string& argument, const std::string& value) {
+  Options().command = kCmdStatusWrite;
+  if (!StartsWithDigit(value)) InvalidParameter(argument);
+}
+
+// Keywords whose whole effect is one field set to one value.
+template <auto Field, auto Value>
+void Set(const std::string&, const std::string&) {
+  Options().*Field = Value;
+}
+
+// Keywords accepted without any effect of their own (their value, if any, is
+// read again by name later).
+void Accept(const std::string&, const std::string&) {}
+
+using ApplyFn = void (*)(const std::string& argument, const std::string& value);
+
+struct Keyword {
+  const char* keyword;
+  MatchMode mode;
+  std::string RunOptions::*destination;  // value mode: the text field that takes the value
+  ApplyFn apply;
+};
+
+// Tried in this order; the first match wins, which is what makes /s mean
+// sort and /c mean compare.
+const Keyword kKeywords[] = {
+    {"list", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdList>},
+    {"tablist", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdTabList>},
+    {"freespace", MatchMode::Fixed, nullptr, Set<&RunOptions::showFreeSpace, true>},
+    {"extended", MatchMode::Fixed, nullptr, Set<&RunOptions::showLogical, true>},
+    {"logical", MatchMode::Fixed, nullptr, Set<&RunOptions::showLogical, true>},
+    {"disk=", MatchMode::Fixed, nullptr, ApplyDisk},
+    {"part=", MatchMode::Fixed, nullptr, ApplyPart},
+    {"option=", MatchMode::Fixed, nullptr, ApplyOption},
+    {"sector=", MatchMode::Fixed, nullptr, ApplySector},
+    {"vol=", MatchMode::Fixed, nullptr, ApplyVol},
+    {"Filename=", MatchMode::Fixed, nullptr,
+     [](const std::string&, const std::string& value) { AssignValueText(Options().valueText2, value); }},
+    {"repair=", MatchMode::Value, &RunOptions::valueText,
+     [](const std::string&, const std::string&) {
+       Options().command = kCmdRepair;
+       Options().rangeFirst = ParseRepairKind();
+     }},
+    {"FlashMBR", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdFlashMbr>},
+    {"save=", MatchMode::Value, &RunOptions::valueText, ApplySave},
+    {"restore=", MatchMode::Value, &RunOptions::valueText, ApplyRestore},
+    {"show=", MatchMode::Value, &RunOptions::valueText, Set<&RunOptions::command, kCmdShow>},
+    {"FILE", MatchMode::Abbreviation, nullptr, Accept},
+    {"wipe=", MatchMode::Value, &RunOptions::valueText, ApplyWipe},
+    {"range=", MatchMode::Value, &RunOptions::valueText, Accept},
+    {"sort", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdSort>},
+    {"issorted", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdIsSorted>},
+    {"result", MatchMode::Abbreviation, nullptr, Set<&RunOptions::showResult, true>},
+    {"hide", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdHide>},
+    {"unhide", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdUnhide>},
+    {"active", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdActive>},
+    {"inactive", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdInactive>},
+    {"type=", MatchMode::Value, &RunOptions::valueText, ApplyType},
+    {"del", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdDelete>},
+    {"compare", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdCompare>},
+    {"copy", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdCopy>},
+    {"source=", MatchMode::Value, &RunOptions::valueText,
+     [](const std::string&, const std::string& value) { Options().rangeFirst = ReadDecimal64(value); }},
+    {"target=", MatchMode::Value, &RunOptions::valueText2,
+     [](const std::string&, const std::string& value) { Options().rangeLast = ReadDecimal64(value); }},
+    {"status", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdStatus>},
+    {"status=", MatchMode::Value, &RunOptions::valueText, ApplyStatusWrite},
+    {"create=", MatchMode::Value, &RunOptions::valueText, Set<&RunOptions::command, kCmdCreate>},
+    {"format", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdFormat>},
+    {"signature=", MatchMode::Value, &RunOptions::valueText, Set<&RunOptions::command, kCmdSignature>},
+    {"volumeid=", MatchMode::Value, &RunOptions::valueText, Set<&RunOptions::command, kCmdVolumeId>},
+    {"value=", MatchMode::Value, &RunOptions::valueText2, Accept},
+    {"align=", MatchMode::Value, &RunOptions::valueText2, Accept},
+    {"start=", MatchMode::Value, &RunOptions::valueText2, Accept},
+    {"size=", MatchMode::Value, &RunOptions::valueText2, Accept},
+    {"bootmenu", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdBootMenu>},
+    {"info", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdInfo>},
+    {"writeini", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdWriteIni>},
+    {"ignore", MatchMode::Abbreviation, nullptr, Set<&RunOptions::ignoreErrors, true>},
+    {"msg=", MatchMode::Value, &RunOptions::valueText3,
+     [](const std::string&, const std::string& value) { Options().messageNumber = ReadDecimal(value); }},
+    {"confirm", MatchMode::Abbreviation, nullptr, Set<&RunOptions::confirmed, true>},
+    {"debug", MatchMode::Abbreviation, nullptr, Accept},
+    {"text", MatchMode::Abbreviation, nullptr, [](const std::string&, const std::string&) { SelectFrameChars(3); }},
+    {"isfixed", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdIsFixed>},
+    {"diskcount", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdDiskCount>},
+    {"partcount", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdPartCount>},
+    {"silent", MatchMode::Abbreviation, nullptr, Set<&RunOptions::silent, true>},
+    {"nohdr", MatchMode::Abbreviation, nullptr, Set<&RunOptions::noHeader, true>},
+    {"asciimap", MatchMode::Abbreviation, nullptr, Set<&RunOptions::asciiMap, true>},
+    {"shutdown=", MatchMode::Value, &RunOptions::valueText3,
+     [](const std::string&, const std::string& value) { Options().shutdownMode = ReadDecimal(value); }},
+    {"?", MatchMode::Abbreviation, nullptr, Set<&RunOptions::helpRequested, true>},
+};
+
+static_assert(sizeof(kKeywords) / sizeof(kKeywords[0]) == 58, "the keyword table has 58 entries");
+
+// The value of create= is never used, so "/create" alone (nothing after the
+// name) is accepted as the creation command instead of being refused for its
+// missing value.  "/create:" or "/createX" remain invalid switches.
+bool IsBareCreate(const std::string& argument) {
+  return argument.size() > 1 && IsPrefixChar(argument[0]) &&
+         EqualsIgnoreCase(std::string_view(argument).substr(1), "create");
+}
+
+}  // namespace
+
+bool EqualsIgnoreCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
+  }
+  return true;
+}
+
+// ---- ArgumentList ---------------------------------------------------------
+
+void ArgumentList::Clear() {
+  entries.clear();
+  current = -1;
+}
+
+void ArgumentList::Add(const std::string& argument) {
+  ArgumentEntry entry;
+  size_t equals = argument.find('=');
+  entry.hasValue = equals != std::string::npos;
+  entry.text = argument.substr(0, kArgumentTextWidth);
+  if (entry.hasValue) {
+    entry.name = argument.substr(0, equals < kArgumentNameWidth ? equals : kArgumentNameWidth);
+    entry.value = argument.substr(equals + 1, kArgumentValueWidth);
+  }
+  entries.push_back(std::move(entry));
+}
+
+bool ArgumentList::Find(std::string_view name) {
+  current = -1;
+  for (size_t i = 0; i < entries.size(); ++i) {
+    const ArgumentEntry& entry = entries[i];
+    std::string_view key = entry.hasValue ? entry.name : entry.text;
+    bool match;
+    if (!key.empty() && !name.empty() && IsPrefixChar(key[0]) && IsPrefixChar(name[0])) {
+      match = EqualsIgnoreCase(key.substr(1), name.substr(1));
+    } else {
+      match = EqualsIgnoreCase(key, name);
+    }
+    if (match) {
+      current = static_cast<int>(i);
+      return true;
+    }
+  }
+  return false;
+}
+
+std::string ArgumentList::CurrentValue() const {
+  if (current < 0 || static_cast<size_t>(current) >= entries.size()) return std::string();
+  return entries[current].value;
+}
+
+std::string ArgumentList::CurrentText() const {
+  if (current < 0 || static_cast<size_t>(current) >= entries.size()) return std::string();
+  return entries[current].text;
+}
+
+ArgumentList& Arguments() { return g_arguments; }
+bool FindArgument(std::string_view name) { return g_arguments.Find(name); }
+std::string CurrentArgumentValue() { return g_arguments.CurrentValue(); }
+std::string CurrentArgumentText() { return g_arguments.CurrentText(); }
+
+// ---- matching and parsing -------------------------------------------------
+
+bool MatchKeyword(MatchMode mode, std::string_view keyword, const std::string& argument, std::string* destination) {
+  std::string value;
+  MatchResult result = Match(mode, keyword, argument, &value);
+  if (result == MatchResult::None) return false;
+  if (mode == MatchMode::Value && destination != nullptr) AssignValueText(*destination, value);
+  if (result == MatchResult::EmptyValue) InvalidSwitch(argument);
+  return true;
+}
+
+void ParseArgument(const std::string& argument) {
+  for (const Keyword& k : kKeywords) {
+    std::string value;
+    MatchResult result = Match(k.mode, k.keyword, argument, &value);
+    if (result == MatchResult::None) continue;
+    if (k.destination != nullptr) AssignValueText(Options().*(k.destination), value);
+    if (result == MatchResult::EmptyValue && !(std::string_view(k.keyword) == "create=" && IsBareCreate(argument))) {
+      // A value keyword without its value is refused as a whole: none of its
+      // effects apply.
+      InvalidSwitch(argument);
+      return;
+    }
+    k.apply(argument, value);
+    return;
+  }
+  InvalidSwitch(argument);
+}
+
+int32_t ParseRepairKind() {
+  const std::string& text = Options().valueText;
+  if (text.empty()) return -1;
+  if (EqualsIgnoreCase(text, "XP")) return 1;
+  if (EqualsIgnoreCase(text, "Win7")) return 2;
+  if (EqualsIgnoreCase(text, "PartitionTable") || EqualsIgnoreCase(text, "pt")) return 3;
+  return ReadDecimal(text);
+}
+
+// ---- numbers --------------------------------------------------------------
+
+int64_t ReadDecimal64(std::string_view text) {
+  bool negative = false;
+  size_t pos = SkipBlanksAndSign(text, &negative);
+  const uint64_t limit = negative ? static_cast<uint64_t>(INT64_MAX) + 1 : static_cast<uint64_t>(INT64_MAX);
+  bool anyDigit = false;
+  uint64_t magnitude = ReadMagnitude(text, pos, 10, limit, &anyDigit);
+  if (!negative) return static_cast<int64_t>(magnitude);
+  if (magnitude == static_cast<uint64_t>(INT64_MAX) + 1) return INT64_MIN;
+  return -static_cast<int64_t>(magnitude);
+}
+
+int32_t ReadDecimal(std::string_view text) {
+  int64_t value = ReadDecimal64(text);
+  if (value > INT32_MAX) return INT32_MAX;
+  if (value < INT32_MIN) return INT32_MIN;
+  return static_cast<int32_t>(value);
+}
+
+bool ReadHexadecimal(std::string_view text, int32_t* value) {
+  bool negative = false;
+  size_t pos = SkipBlanksAndSign(text, &negative);
+  if (pos + 2 < text.size() && text[pos] == '0' && LowerAscii(text[pos + 1]) == 'x' &&
+      HexDigitValue(text[pos + 2]) >= 0) {
+    pos += 2;
+  }
+  const uint64_t limit = negative ? static_cast<uint64_t>(INT32_MAX) + 1 : static_cast<uint64_t>(INT32_MAX);
+  bool anyDigit = false;
+  uint64_t magnitude = ReadMagnitude(text, pos, 16, limit, &anyDigit);
+  if (!anyDigit) return false;
+  int64_t signedValue = negative ? -static_cast<int64_t>(magnitude) : static_cast<int64_t>(magnitude);
+  *value = static_cast<int32_t>(signedValue);
+  return true;
+}
+
+// ---- option file ----------------------------------------------------------
+
+bool ReadOptionFile(const std::string& programPath) {
+  // The program's folder ends at its last separator: '\' as Windows writes
+  // paths, and '/' as well so that the file beside the program is found on
+  // Linux (and for Windows paths written with '/').
+  size_t cut = programPath.find_last_of("\\/");
+  std::string path =
+      cut == std::string::npos ? std::string("diskhold.opt") : programPath.substr(0, cut + 1) + "diskhold.opt";
+
+  ArgumentList& list = Arguments();
+  list.Clear();
+  std::FILE* file = std::fopen(path.c_str(), "r");
+  if (file == nullptr) return false;
+
+  bool anyToken = false;
+  // A line longer than the buffer is read in pieces of 1023 characters; a
+  // token that straddles a piece boundary becomes two tokens.
+  char line[1024];
+  while (std::fgets(line, sizeof(line), file) != nullptr) {
+    std::string_view text(line);
+    size_t pos = 0;
+    while (pos < text.size()) {
+      while (pos < text.size() && IsTokenSeparator(text[pos])) ++pos;
+      size_t start = pos;
+      while (pos < text.size() && !IsTokenSeparator(text[pos])) ++pos;
+      if (pos > start) {
+        std::string token(text.substr(start, pos - start));
+        list.Add(token);
+        ParseArgument(token);
+        anyToken = true;
+      }
+    }
+  }
+  std::fclose(file);
+  return anyToken;
+}
+
+}  // namespace dh

@@ -1,0 +1,167 @@
+#include "app/program.h"
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "app/dispatcher.h"
+#include "app/confirm.h"
+#include "app/frame.h"
+#include "app/grammar.h"
+#include "app/messages.h"
+#include "app/run_state.h"
+#include "app/shutdown.h"
+#include "disk/disk_set.h"
+#include "gpt/gpt_table.h"
+#include "mbr/partition.h"
+#include "platform/platform.h"
+
+namespace dh {
+
+const char* const kMakerNotice = "Partition table and boot record utility - (c) 2026 The Diskhold developers";
+
+namespace {
+
+void CheckElevation() {
+  platform::Machine& host = platform::Host();
+  platform::OsVersion version;
+  if (!host.GetVersionEx(&version)) return;
+  if (version.platformId != 2 || version.majorVersion < 6) return;
+  // When the token cannot be read the state is unknown; only a process
+  // known not to be elevated is stopped.
+  bool elevated = true;
+  if (host.QueryElevation(&elevated) && !elevated) SetResultIfNone(kNotElevated);
+}
+
+void ResolveSelectors(bool ignoreErrors) {
+  RunOptions& o = Options();
+  RunState& s = State();
+  int32_t mode = 0;
+  std::string text;
+  ResultCode notFound = kSuccess;
+  switch (o.partNumber) {
+    case kPartSystem: {
+      mode = 1;
+      notFound = kNoSystemPartition;
+      break;
+    }
+    case kPartBoot:
+      mode = 2;
+      notFound = kNoBootPartition;
+      break;
+    case kPartUtility:
+      mode = 3;
+      notFound = kNoUtilityPartition;
+      break;
+    case kPartVolumeLabel:
+    case kPartDriveLetter:
+      mode = o.partNumber == kPartVolumeLabel ? 4 : 5;
+      notFound = kVolumeNotFound;
+      if (FindArgument("/Vol")) text = CurrentArgumentValue();
+      break;
+    default:
+      break;
+  }
+  // The system selector reads the "systemdrive" variable itself; an unset
+  // variable finds nothing.
+  if (mode != 0 && !LocateVolume(mode, text, ignoreErrors)) SetResultIfNone(notFound);
+  if (s.locatedDisk >= 0 && s.locatedPart > 0) {
+    o.diskNumber = s.locatedDisk;
+    o.partNumber = s.locatedPart;
+  }
+}
+
+int32_t ExitValue(DiskSet* disks) {
+  const RunOptions& o = Options();
+  const RunState& s = State();
+  switch (o.command) {
+    case kCmdStatus:
+      return s.resultCode == kSuccess ? s.statusByte : -s.resultCode;
+    case kCmdIsSorted:
+      return s.sortedFlag == 0 ? 1 : 0;
+    case kCmdIsFixed:
+      if (!disks) return s.resultCode;
+      return disks->mediaType == platform::kMediaRemovable ? 1 : 0;
+    case kCmdDiskCount:
+      if (!disks) return s.resultCode;
+      return disks->diskCount;
+    case kCmdPartCount:
+      if (!disks) return s.resultCode;
+      if (disks->isGpt) return disks->gpt ? disks->gpt->EntryCount() : 0;
+      return PartitionCount(*disks, kKindPrimary);
+    default:
+      return s.resultCode;
+  }
+}
+
+}  // namespace
+
+int32_t RunDiskhold(int argc, char** argv) {
+  RunOptions& o = Options();
+  RunState& s = State();
+  platform::Machine& host = platform::Host();
+
+  CheckElevation();
+
+  uint32_t codePage = host.ConsoleOutputCodePage();
+  SetFrameCodePage(codePage);
+  SelectFrameChars(FrameSetForCodePage(codePage));
+
+  bool run = false;
+  if (argc <= 1) {
+    if (ReadOptionFile(argc >= 1 && argv[0] ? argv[0] : "")) {
+      run = true;
+    } else {
+      SetResultIfNone(kNoParameters);
+      s.usageError = true;
+    }
+  } else {
+    Arguments().Clear();
+    for (int i = 1; i < argc; ++i) Arguments().Add(argv[i] ? argv[i] : "");
+    for (int i = 1; i < argc; ++i) ParseArgument(argv[i] ? argv[i] : "");
+    run = !s.usageError && o.command != kCmdNone && !o.helpRequested;
+  }
+
+  if (!o.silent) {
+    std::printf("\n%s for %s\n", " Diskhold - Version 3.0.83", "Windows");
+    std::printf("  %s\n", kMakerNotice);
+  }
+
+  std::unique_ptr<DiskSet> disks;
+  if (!run) {
+    if (s.usageError) {
+      PrintFinalReport(-1);
+    } else if (o.shutdownMode == 0) {
+      PrintUsage();
+    }
+  } else {
+    disks = std::make_unique<DiskSet>(o.ignoreErrors);
+    if (disks->firstError != kSuccess) {
+      SetResultIfNone(disks->firstError);
+    } else {
+      s.completedStep = 0;
+    }
+    ResolveSelectors(o.ignoreErrors);
+    DispatchCommand(*disks);
+    if (o.command == kCmdBootMenu && s.resultCode == kSuccess) {
+      std::fprintf(stderr, "diskhold: bootmenu is not available in this build; nothing was changed\n");
+    }
+    PrintFinalReport(disks->currentDisk);
+  }
+
+  if (o.shutdownMode != 0 && (s.resultCode == kSuccess || o.ignoreErrors)) RequestShutdown();
+
+  int32_t exitValue = ExitValue(disks.get());
+  if (o.showResult) {
+    if (o.silent) {
+      std::printf("\n%d\n", static_cast<int>(exitValue));
+    } else {
+      std::printf("\n Result: %d\n", static_cast<int>(exitValue));
+    }
+  }
+  std::fflush(stdout);
+  disks.reset();
+  return exitValue;
+}
+
+}  // namespace dh

@@ -1,0 +1,15 @@
+// One invocation of the program, from the arguments to the exit value.
+#pragma once
+
+#include <cstdint>
+
+namespace dh {
+
+// The maker's notice printed under the banner.
+extern const char* const kMakerNotice;
+
+// Runs the program with main's arguments on the current Host() machine and
+// returns the exit value.
+int32_t RunDiskhold(int argc, char** argv);
+
+}  // namespace dh

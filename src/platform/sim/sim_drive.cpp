@@ -1,0 +1,213 @@
+// The drive file of the simulated machine.  Its failures follow what a disk
+// driver reports: reads and writes that touch a bad sector fail with a CRC
+// error, transfers past the last sector fail with "sector not found", and a
+// drive without its medium is "not ready" for everything but opening.
+#include "platform/sim/sim_drive.h"
+
+#include <cstring>
+#include <string>
+#include <utility>
+
+namespace dh::platform::sim {
+namespace {
+
+constexpr uint64_t kSector = 512;
+
+class DriveFile : public File {
+ public:
+  DriveFile(const DriveDescription& drive, std::unique_ptr<File> image, uint64_t imageBytes, bool writable,
+            std::shared_ptr<Machine> native, std::shared_ptr<ErrorState> errors)
+      : drive_(drive),
+        image_(std::move(image)),
+        imageBytes_(imageBytes),
+        writable_(writable),
+        native_(std::move(native)),
+        errors_(std::move(errors)) {}
+
+  bool Seek(uint64_t offset) override {
+    // Like SetFilePointerEx, any position is accepted; transfers judge it.
+    position_ = offset;
+    return true;
+  }
+
+  bool Read(void* buffer, uint32_t bytes, uint32_t* done) override {
+    if (done != nullptr) *done = 0;
+    if (!MediumPresent()) return false;
+    if (bytes == 0) return true;
+    if (position_ >= imageBytes_) return Fail(kErrorSectorNotFound);
+    const uint64_t left = imageBytes_ - position_;
+    const uint32_t count = left < bytes ? static_cast<uint32_t>(left) : bytes;
+    if (TouchesBadSector(drive_.badSectors, position_, count)) return Fail(kErrorCrc);
+    uint32_t moved = 0;
+    if (!Transfer(buffer, count, false, &moved)) return false;
+    position_ += moved;
+    if (done != nullptr) *done = moved;
+    return true;
+  }
+
+  bool Write(const void* buffer, uint32_t bytes, uint32_t* done) override {
+    if (done != nullptr) *done = 0;
+    if (!writable_) return Fail(kErrorAccessDenied);
+    if (!MediumPresent()) return false;
+    if (bytes == 0) return true;
+    const uint64_t left = position_ < imageBytes_ ? imageBytes_ - position_ : 0;
+    if (TouchesBadSector(drive_.badSectors, position_, left < bytes ? left : bytes)) return Fail(kErrorCrc);
+    // A disk does not grow: a write that would run past its end is refused
+    // whole, so the image keeps its size.
+    if (bytes > left) return Fail(kErrorSectorNotFound);
+    uint32_t moved = 0;
+    if (!Transfer(const_cast<void*>(buffer), bytes, true, &moved)) return false;
+    position_ += moved;
+    if (done != nullptr) *done = moved;
+    return true;
+  }
+
+  bool Flush() override {
+    if (!image_->Flush()) return FailFromNative();
+    return true;
+  }
+
+  bool Size(uint64_t* bytes) override {
+    if (!MediumPresent()) return false;
+    if (bytes != nullptr) *bytes = imageBytes_;
+    return true;
+  }
+
+  bool GetDriveGeometry(DiskGeometry* out) override {
+    if (!MediumPresent()) return false;
+    if (out == nullptr) return Fail(kErrorInvalidParameter);
+    DiskGeometry g;
+    g.mediaType = drive_.media == MediaKind::Removable ? kMediaRemovable : kMediaFixed;
+    g.tracksPerCylinder = drive_.heads;
+    g.sectorsPerTrack = drive_.sectorsPerTrack;
+    g.bytesPerSector = 512;
+    if (drive_.hasCylinders) {
+      g.cylinders = drive_.cylinders;
+    } else {
+      const uint64_t perCylinder = static_cast<uint64_t>(drive_.heads) * drive_.sectorsPerTrack;
+      g.cylinders = perCylinder == 0 ? 0 : static_cast<int64_t>(imageBytes_ / kSector / perCylinder);
+    }
+    *out = g;
+    return true;
+  }
+
+  bool GetDriveGeometryEx(DiskGeometry* geometry, uint64_t* diskSize) override {
+    if (!GetDriveGeometry(geometry)) return false;
+    if (diskSize != nullptr) *diskSize = imageBytes_;
+    return true;
+  }
+
+  bool GetPartitionInfo(uint64_t* startingOffset, uint64_t* partitionLength) override {
+    if (!MediumPresent()) return false;
+    if (startingOffset != nullptr) *startingOffset = 0;
+    if (partitionLength != nullptr) *partitionLength = imageBytes_;
+    return true;
+  }
+
+  bool GetDriveLayoutEx(LayoutEntry* first) override { return Layout(first); }
+  bool GetDriveLayout(LayoutEntry* first) override { return Layout(first); }
+
+  bool UpdateProperties() override { return true; }
+
+ private:
+  bool Fail(uint32_t code) {
+    errors_->lastError = code;
+    return false;
+  }
+  bool FailFromNative() { return Fail(native_->LastError()); }
+
+  bool MediumPresent() {
+    if (drive_.media != MediaKind::Absent) return true;
+    return Fail(kErrorNotReady);
+  }
+
+  // Moves `bytes` bytes between the buffer and the image at the current
+  // position, looping over short transfers of the host.
+  bool Transfer(void* buffer, uint32_t bytes, bool write, uint32_t* moved) {
+    auto* p = static_cast<uint8_t*>(buffer);
+    uint32_t total = 0;
+    while (total < bytes) {
+      if (!image_->Seek(position_ + total)) return FailFromNative();
+      uint32_t step = 0;
+      const bool ok = write ? image_->Write(p + total, bytes - total, &step) : image_->Read(p + total, bytes - total, &step);
+      if (!ok) return FailFromNative();
+      if (step == 0) break;
+      total += step;
+    }
+    *moved = total;
+    // Nothing moved at all: the image ended early (it shrank underneath us)
+    // or the host refused the data without saying why.
+    if (total == 0 && bytes != 0) return Fail(write ? kErrorWriteFault : kErrorSectorNotFound);
+    return true;
+  }
+
+  bool Layout(LayoutEntry* first) {
+    if (!MediumPresent()) return false;
+    if (first == nullptr) return Fail(kErrorInvalidParameter);
+    if (drive_.hasLayout) {
+      *first = drive_.layout;
+      return true;
+    }
+    // Read at query time, so that a volume written during the run shows.
+    uint8_t sector[kSector] = {};
+    uint32_t got = 0;
+    uint32_t total = 0;
+    while (total < kSector && image_->Seek(total) && image_->Read(sector + total, kSector - total, &got) && got > 0) {
+      total += got;
+    }
+    *first = DeriveLayout(sector, total, imageBytes_);
+    return true;
+  }
+
+  DriveDescription drive_;
+  std::unique_ptr<File> image_;
+  uint64_t imageBytes_;
+  bool writable_;
+  std::shared_ptr<Machine> native_;
+  std::shared_ptr<ErrorState> errors_;
+  uint64_t position_ = 0;
+};
+
+bool BytesAre(const uint8_t* data, size_t size, size_t offset, const char* text) {
+  const size_t length = std::strlen(text);
+  return offset + length <= size && std::memcmp(data + offset, text, length) == 0;
+}
+
+}  // namespace
+
+bool TouchesBadSector(const std::vector<SectorRange>& bad, uint64_t offset, uint64_t bytes) {
+  if (bytes == 0) return false;
+  const uint64_t firstLba = offset / kSector;
+  // The last byte, clamped so that a range reaching past 2^64 cannot wrap.
+  const uint64_t lastByte = bytes - 1 > UINT64_MAX - offset ? UINT64_MAX : offset + (bytes - 1);
+  const uint64_t lastLba = lastByte / kSector;
+  for (const SectorRange& range : bad) {
+    if (range.first <= lastLba && range.last >= firstLba) return true;
+  }
+  return false;
+}
+
+LayoutEntry DeriveLayout(const uint8_t* sector0, size_t bytes, uint64_t diskBytes) {
+  LayoutEntry entry;
+  entry.partitionStyle = 0;
+  entry.present = true;
+  entry.startingOffset = 0;
+  entry.partitionLength = diskBytes;
+  if (BytesAre(sector0, bytes, 3, "NTFS")) {
+    entry.partitionType = 0x07;
+  } else if (BytesAre(sector0, bytes, 3, "FAT32") || BytesAre(sector0, bytes, 82, "FAT32")) {
+    entry.partitionType = 0x0C;
+  } else if (BytesAre(sector0, bytes, 54, "FAT16") || BytesAre(sector0, bytes, 54, "FAT12")) {
+    entry.partitionType = 0x06;
+  }
+  return entry;
+}
+
+std::unique_ptr<File> MakeDriveFile(const DriveDescription& drive, std::unique_ptr<File> image, uint64_t imageBytes,
+                                    bool writable, std::shared_ptr<Machine> native,
+                                    std::shared_ptr<ErrorState> errors) {
+  return std::make_unique<DriveFile>(drive, std::move(image), imageBytes, writable, std::move(native),
+                                     std::move(errors));
+}
+
+}  // namespace dh::platform::sim

@@ -1,0 +1,268 @@
+// The framed disk and partition listing.  Every inner line is 77 characters
+// between two border characters: fixed texts plus fields filled with blanks
+// to fixed widths, so that the right border stands in one column.  A text
+// longer than its field is printed whole and pushes the border out.
+//
+// Numbers are formatted here rather than with printf length modifiers
+// (%lld, %hX), whose MinGW and glibc readings differ; the output must be the
+// same bytes on every platform.
+#include "report/listing.h"
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "app/frame.h"
+#include "app/run_state.h"
+#include "disk/disk_set.h"
+#include "disk/identify.h"
+#include "disk/le.h"
+#include "gpt/gpt_table.h"
+#include "mbr/partition.h"
+#include "platform/platform.h"
+#include "report/format.h"
+
+namespace dh {
+
+namespace {
+
+// Set while ListDisks prints the block of a virtual disk, whose partitions
+// have no drive letters of their own (their DL column reads "NA").
+bool g_listingVirtualDisk = false;
+
+void Emit(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
+
+std::string Blanks(int count) { return count > 0 ? std::string(static_cast<size_t>(count), ' ') : std::string(); }
+
+// Text as a C string holds it: up to its first NUL.
+std::string CText(const std::string& text) { return text.substr(0, text.find('\0')); }
+
+// The blanks that fill `text` out to `width` (none when it is as long or
+// longer).
+std::string FillTo(const std::string& text, int width) { return Blanks(width - static_cast<int>(text.size())); }
+
+// "%-W.Ws": cut or blank-filled to exactly `width` characters.
+std::string Field(const std::string& text, int width) {
+  std::string cut = CText(text).substr(0, static_cast<size_t>(width));
+  return cut + FillTo(cut, width);
+}
+
+// "%-Wd": left-aligned decimal number.
+std::string LeftNumber(int64_t value, int width) {
+  std::string digits = std::to_string(value);
+  return digits + FillTo(digits, width);
+}
+
+// "%-2.2X" / "%02hX": at least two upper-case hexadecimal digits.
+std::string Hex2(uint32_t value) {
+  char buffer[16];
+  std::snprintf(buffer, sizeof buffer, "%02X", static_cast<unsigned int>(value));
+  return buffer;
+}
+
+std::string V() { return FrameText(Frame().vLine); }
+
+// A line "V text V" followed by a line end.
+void EmitInner(const std::string& text) { Emit(V() + text + V() + "\n"); }
+
+void EmitBorder(uint32_t left, uint32_t fill, uint32_t right) {
+  Emit(FrameText(left) + FrameFill(fill, kFrameWidth) + FrameText(right) + "\n");
+}
+
+void EmitFreeSpaceRow(uint64_t start, uint64_t sectors) {
+  // The size wraps like the program's 64-bit product for absurd counts; the
+  // columns show the low 32 bits of start and count, as the MBR holds them.
+  std::string size = FormatSizeCompact(static_cast<int64_t>(sectors * kSectorSize));
+  EmitInner(" Freespace        " + size + "            " + FormatGroupedCount(static_cast<uint32_t>(start), 14) + " " +
+            FormatGroupedCount(static_cast<uint32_t>(sectors), 15) + "               ");
+}
+
+// The records that the table's lookups by kind reach, in table order: the
+// first Count(kind) primaries or logical partitions.  Collected once so that
+// long extended chains list in linear time.
+std::vector<const PartitionRecord*> RecordsOfKind(const PartitionTable* table, int32_t kind) {
+  std::vector<const PartitionRecord*> out;
+  if (table == nullptr) return out;
+  const int32_t count = table->Count(kind);
+  const bool wantPrimary = kind == kKindPrimary;
+  for (const auto& record : table->records) {
+    if (static_cast<int32_t>(out.size()) >= count) break;
+    if (record && (record->isPrimary != 0) == wantPrimary) out.push_back(record.get());
+  }
+  return out;
+}
+
+bool IsExtendedListType(int32_t type) { return type == 0x05 || type == 0x0F || type == 0x15 || type == 0x1F; }
+
+void PrintMbrRows(DiskSet& disks) {
+  const RunOptions& options = Options();
+  const std::vector<const PartitionRecord*> primaries = RecordsOfKind(disks.partitions.get(), kKindPrimary);
+  const std::vector<const PartitionRecord*> logicals = RecordsOfKind(disks.partitions.get(), kKindLogical);
+  const size_t count = primaries.size();
+  for (size_t i = 0; i < count; ++i) {
+    const PartitionRecord& record = *primaries[i];
+    const int position = static_cast<int>(i + 1);
+    // Free space before the first partition is counted from sector 63, where
+    // the first partition of a classic MBR disk begins.
+    if (options.showFreeSpace && i == 0 && record.startLba > 63) EmitFreeSpaceRow(63, record.startLba - 63);
+    PrintPartitionRow(record, position, kRowFramed);
+    if (options.showLogical && IsExtendedListType(record.type)) {
+      for (size_t j = 0; j < logicals.size(); ++j) {
+        PrintPartitionRow(*logicals[j], position + static_cast<int>(j + 1), kRowFramed);
+      }
+    }
+    if (options.showFreeSpace) {
+      const uint64_t end = record.startLba + record.sectorCount;
+      if (i + 1 < count) {
+        const uint64_t next = primaries[i + 1]->startLba;
+        if (next > end) EmitFreeSpaceRow(end, next - end);
+      } else if (disks.totalSectors > end) {
+        EmitFreeSpaceRow(end, disks.totalSectors - end);
+      }
+    }
+  }
+}
+
+int32_t ListedPartitionCount(const DiskSet& disks) {
+  if (disks.isGpt) return disks.gpt ? disks.gpt->EntryCount() : 0;
+  return disks.partitions ? disks.partitions->Count(kKindPrimary) : 0;
+}
+
+void PrintDiskBlock(DiskSet& disks, int32_t diskNumber) {
+  const FrameChars& frame = Frame();
+  g_listingVirtualDisk = disks.isVirtual;
+
+  // Every block is preceded by an empty line.
+  Emit("\n");
+  EmitBorder(frame.topLeft, frame.dblHLine, frame.topRight);
+
+  const std::string kind = CText(disks.diskKindText);
+  const std::string kindField = "MBR/GPT:         " + kind + FillTo(kind, 27);
+  if (disks.isVirtual) {
+    EmitInner(" Disk: Virtual" + Blanks(19) + kindField);
+  } else {
+    EmitInner(" Disk: " + LeftNumber(diskNumber, 2) + Blanks(24) + kindField);
+  }
+
+  if (disks.isGpt) {
+    PrintGptDiskDetailsAndRows(disks);
+  } else {
+    PrintMbrDiskDetails(disks);
+    PrintMbrRows(disks);
+  }
+
+  if (!disks.tableLoaded) {
+    EmitInner(Blanks(kFrameWidth));
+    const std::string disk = std::to_string(disks.currentDisk);
+    EmitInner("  Warning:  There is a discrepency with the partition table on disk " + disk + " " + Blanks(7));
+    EmitInner("    Try reloading the configuration by rebooting the machine " + Blanks(16));
+  }
+  if (ListedPartitionCount(disks) == 0) EmitInner("  No partitions found on this disk  " + Blanks(41));
+
+  EmitBorder(frame.bottomLeft, frame.dblHLine, frame.bottomRight);
+  g_listingVirtualDisk = false;
+}
+
+void ListOneDisk(DiskSet& disks, int32_t diskNumber) {
+  if (diskNumber == kVirtualDiskNumber) {
+    disks.OpenVirtualDisk(Options().diskFileName);
+  } else {
+    disks.SelectDisk(diskNumber);
+  }
+  if (disks.firstError != kSuccess) SetResultIfNone(disks.firstError);
+  // A disk that failed to load is listed all the same, with whatever the
+  // loaded disk record then holds: the listing shows what the program sees.
+  PrintDiskBlock(disks, diskNumber);
+}
+
+}  // namespace
+
+void ListDisks(DiskSet& disks) {
+  const RunOptions& options = Options();
+  if (options.diskNumber == kAllDisks || !options.diskExplicit) {
+    for (int32_t d = 0; d < disks.diskCount; ++d) ListOneDisk(disks, d);
+  } else {
+    ListOneDisk(disks, options.diskNumber);
+  }
+  if (options.asciiMap) PrintCharacterMap();
+}
+
+void PrintMbrDiskDetails(DiskSet& disks) {
+  const FrameChars& frame = Frame();
+
+  const std::string size = FormatSizeText(static_cast<int64_t>(disks.totalBytes));
+  const std::string geometry = "CHS:             " + std::to_string(disks.cylinders) + " " +
+                               std::to_string(disks.heads) + " " + std::to_string(disks.sectorsPerTrack);
+  EmitInner("   Size:        " + size + FillTo(size, 17) + geometry + FillTo(geometry, 44));
+
+  // The signature bytes from last to first read as the little-endian number.
+  const std::string sectors = std::to_string(static_cast<int64_t>(disks.totalSectors));
+  EmitInner("   Sectors:     " + sectors + FillTo(sectors, 13) + Blanks(4) + "Disk Signature:  0x" +
+            Hex2(disks.savedSignature[3]) + Hex2(disks.savedSignature[2]) + Hex2(disks.savedSignature[1]) +
+            Hex2(disks.savedSignature[0]) + Blanks(17));
+
+  const std::vector<const PartitionRecord*> primaries = RecordsOfKind(disks.partitions.get(), kKindPrimary);
+  std::string order;
+  for (const PartitionRecord* record : primaries) order += std::to_string(record->slot + 1) + " ";
+  EmitInner("   Partitions:  " + std::to_string(primaries.size()) + Blanks(16) + "Partition Order: " + order +
+            FillTo(order, 27));
+
+  // The bus and the description share one buffer of the DiskSet.
+  const std::string bus = CText(GetDiskBus(disks, disks.currentDisk));
+  const bool removable = disks.mediaType == platform::kMediaRemovable;
+  EmitInner(std::string("   Media Type:  ") + (removable ? "Removable" + Blanks(7) : "Fixed" + Blanks(11)) +
+            " Interface:       " + bus + FillTo(bus, 27));
+  const std::string description = CText(GetDiskDescription(disks, disks.currentDisk));
+  EmitInner("   Description: " + description + FillTo(description, 61));
+
+  EmitBorder(frame.teeLeft, frame.hLine, frame.teeRight);
+  EmitInner("Pos Idx Type/Name Size Boot Hide  Start Sector  Total Sectors  DL Vol Label  ");
+
+  std::string underline = FrameText(frame.teeLeft);
+  const int runs[] = {3, 3, 9, 4, 4, 4, 14, 14, 2, 11};
+  for (size_t i = 0; i < sizeof runs / sizeof runs[0]; ++i) {
+    if (i > 0) underline += " ";
+    underline += FrameFill(frame.hLine, runs[i]);
+  }
+  Emit(underline + FrameText(frame.teeRight) + "\n");
+}
+
+void PrintPartitionRow(const PartitionRecord& record, int position, int form) {
+  const std::string type = Hex2(static_cast<uint32_t>(record.type));
+  const std::string size = FormatSizeCompact(static_cast<int64_t>(record.sizeBytes));
+  const std::string start = FormatGroupedCount(static_cast<uint32_t>(record.startLba), 14);
+  const std::string count = FormatGroupedCount(static_cast<uint32_t>(record.sectorCount), 15);
+  const std::string slot = LeftNumber(record.slot + 1, 2);
+
+  if (form == kRowBackupFile) {
+    Emit("\n  " + LeftNumber(record.primaryNumber, 2) + "  " + slot + " " + type + "-" + Field(record.typeName, 7) +
+         " " + size + "  " + (record.active ? "Yes" : "No ") + "    " + (record.hidden ? "Yes" : "No ") + "  " +
+         start + "  " + count);
+    return;
+  }
+
+  std::string lead;
+  if (record.isPrimary) {
+    lead = " " + LeftNumber(record.primaryNumber, 2) + "  " + slot;
+  } else if (position <= 9) {
+    lead = " L" + LeftNumber(record.logicalNumber, 2) + " - ";
+  } else {
+    lead = "L" + LeftNumber(record.logicalNumber, 2) + "  - ";
+  }
+  std::string letter = "  ";
+  if (g_listingVirtualDisk) {
+    letter = "NA";
+  } else if (static_cast<unsigned char>(record.driveLetter) > ' ') {
+    letter = std::string(1, record.driveLetter) + ":";
+  }
+  const std::string label = CText(record.volumeLabel).empty() ? "<None>" : record.volumeLabel;
+  EmitInner(lead + " " + type + "-" + Field(record.typeName, 6) + " " + size + " " +
+            Field(record.active ? " Yes" : " No", 4) + "  " + Field(record.hidden ? "Yes" : "No ", 3) + "  " + start +
+            " " + count + " " + letter + " " + Field(label, 11));
+}
+
+// GPT disks get their details and rows from the GPT listing; until that is
+// written they show only the frame, the header line and the closing lines.
+void PrintGptDiskDetailsAndRows(DiskSet&) {}
+
+}  // namespace dh

@@ -1,0 +1,269 @@
+// The in-memory machine of the unit tests.
+#include "fake_machine.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "platform/common/number_format.h"
+
+namespace dh::test {
+
+namespace {
+
+using platform::OpenMode;
+
+// Windows error codes the fake reports.
+constexpr uint32_t kErrorFileNotFound = 2;
+constexpr uint32_t kErrorAccessDenied = 5;
+constexpr uint32_t kErrorWriteProtect = 19;
+constexpr uint32_t kErrorCrc = 23;
+constexpr uint32_t kErrorSectorNotFound = 27;
+constexpr uint32_t kErrorNotSupported = 50;
+
+bool ModeReads(OpenMode mode) { return mode != OpenMode::CreateAlways; }
+bool ModeWrites(OpenMode mode) { return mode != OpenMode::ProbeRead && mode != OpenMode::ReadExisting; }
+
+class FakeFile : public platform::File {
+ public:
+  FakeFile(FakeMachine* machine, FakeDrive* drive, OpenMode mode) : machine_(machine), drive_(drive), mode_(mode) {}
+
+  bool Seek(uint64_t offset) override {
+    position_ = offset;
+    return true;
+  }
+
+  bool Read(void* buffer, uint32_t bytes, uint32_t* done) override {
+    *done = 0;
+    ++drive_->readCalls;
+    if (!ModeReads(mode_)) return Fail(kErrorAccessDenied);
+    uint64_t size = drive_->bytes.size();
+    if (position_ >= size) return drive_->isDevice ? Fail(kErrorSectorNotFound) : true;
+    uint64_t count = std::min<uint64_t>(bytes, size - position_);
+    if (drive_->readLimit != 0) count = std::min<uint64_t>(count, drive_->readLimit);
+    if (TouchesBadSector(count)) return Fail(kErrorCrc);
+    std::memcpy(buffer, drive_->bytes.data() + position_, count);
+    position_ += count;
+    *done = static_cast<uint32_t>(count);
+    return true;
+  }
+
+  bool Write(const void* buffer, uint32_t bytes, uint32_t* done) override {
+    *done = 0;
+    ++drive_->writeCalls;
+    if (!ModeWrites(mode_)) return Fail(kErrorAccessDenied);
+    if (drive_->writeProtected) return Fail(kErrorWriteProtect);
+    if (TouchesBadSector(bytes)) return Fail(kErrorCrc);
+    uint64_t end = position_ + bytes;
+    if (end > drive_->bytes.size()) {
+      if (drive_->isDevice) return Fail(kErrorSectorNotFound);
+      drive_->bytes.resize(end);
+    }
+    std::memcpy(drive_->bytes.data() + position_, buffer, bytes);
+    position_ = end;
+    *done = bytes;
+    return true;
+  }
+
+  bool Flush() override {
+    ++drive_->flushCalls;
+    return true;
+  }
+
+  bool Size(uint64_t* bytes) override {
+    *bytes = drive_->isDevice && drive_->diskSizeOverride ? drive_->diskSizeOverride : drive_->bytes.size();
+    return true;
+  }
+
+  bool GetDriveGeometry(platform::DiskGeometry* out) override {
+    if (!drive_->isDevice || !drive_->geometryOk) return Fail(kErrorNotSupported);
+    *out = drive_->geometry;
+    return true;
+  }
+
+  bool GetDriveGeometryEx(platform::DiskGeometry* geometry, uint64_t* diskSize) override {
+    if (!drive_->isDevice || !drive_->geometryExOk) return Fail(kErrorNotSupported);
+    *geometry = drive_->geometry;
+    return Size(diskSize);
+  }
+
+  bool GetPartitionInfo(uint64_t* startingOffset, uint64_t* partitionLength) override {
+    if (!drive_->isDevice || !drive_->partitionInfoOk) return Fail(kErrorNotSupported);
+    *startingOffset = drive_->partitionStart;
+    *partitionLength = drive_->partitionLength;
+    return true;
+  }
+
+  bool GetDriveLayoutEx(platform::LayoutEntry* first) override {
+    if (!drive_->isDevice || !drive_->layoutExOk) return Fail(kErrorNotSupported);
+    *first = drive_->layoutEx;
+    return true;
+  }
+
+  bool GetDriveLayout(platform::LayoutEntry* first) override {
+    if (!drive_->isDevice || !drive_->layoutOk) return Fail(kErrorNotSupported);
+    *first = drive_->layout;
+    return true;
+  }
+
+  bool UpdateProperties() override {
+    if (!drive_->isDevice) return Fail(kErrorNotSupported);
+    ++drive_->updatePropertiesCalls;
+    return true;
+  }
+
+ private:
+  bool Fail(uint32_t error) {
+    machine_->lastError = error;
+    return false;
+  }
+
+  bool TouchesBadSector(uint64_t count) const {
+    if (count == 0 || drive_->badSectors.empty()) return false;
+    uint64_t first = position_ / 512;
+    uint64_t last = (position_ + count - 1) / 512;
+    auto it = drive_->badSectors.lower_bound(first);
+    return it != drive_->badSectors.end() && *it <= last;
+  }
+
+  FakeMachine* machine_;
+  FakeDrive* drive_;
+  OpenMode mode_;
+  uint64_t position_ = 0;
+};
+
+std::string RegistryName(const std::string& key, const std::string& value) { return key + "\n" + value; }
+
+}  // namespace
+
+std::string DrivePath(int number) {
+  char path[64];
+  std::snprintf(path, sizeof path, "\\\\.\\PhysicalDrive%d", number);
+  return path;
+}
+
+FakeMachine::FakeMachine() {
+  locale[platform::LocaleItem::LeadingZero] = "1";
+  locale[platform::LocaleItem::Grouping] = "3;0";
+  locale[platform::LocaleItem::DecimalSep] = ".";
+  locale[platform::LocaleItem::ThousandSep] = ",";
+  locale[platform::LocaleItem::NegativeNumber] = "1";
+}
+
+FakeMachine::~FakeMachine() = default;
+
+FakeDrive& FakeMachine::AddDrive(int number, uint64_t sectors, int32_t mediaType) {
+  FakeDrive& drive = devices[DrivePath(number)];
+  drive = FakeDrive{};
+  drive.bytes.assign(sectors * 512, 0);
+  drive.geometry.mediaType = mediaType;
+  drive.geometry.tracksPerCylinder = 255;
+  drive.geometry.sectorsPerTrack = 63;
+  drive.geometry.cylinders = static_cast<int64_t>(sectors / (255 * 63));
+  return drive;
+}
+
+FakeDrive& FakeMachine::AddFile(const std::string& path, std::vector<uint8_t> contents) {
+  FakeDrive& file = devices[path];
+  file = FakeDrive{};
+  file.isDevice = false;
+  file.bytes = std::move(contents);
+  return file;
+}
+
+FakeDrive* FakeMachine::Find(const std::string& path) {
+  auto it = devices.find(path);
+  return it == devices.end() ? nullptr : &it->second;
+}
+
+std::unique_ptr<platform::File> FakeMachine::Open(const std::string& path, OpenMode mode) {
+  FakeDrive* drive = Find(path);
+  if (!drive && mode == OpenMode::CreateAlways && path.rfind("\\\\.\\", 0) != 0) drive = &AddFile(path);
+  if (!drive) {
+    lastError = kErrorFileNotFound;
+    return nullptr;
+  }
+  if (drive->refusedModes.count(mode)) {
+    lastError = kErrorAccessDenied;
+    return nullptr;
+  }
+  if (mode == OpenMode::CreateAlways && !drive->isDevice) drive->bytes.clear();
+  return std::make_unique<FakeFile>(this, drive, mode);
+}
+
+bool FakeMachine::PathExists(const std::string& path) { return Find(path) != nullptr; }
+
+bool FakeMachine::RegQueryString(const std::string& key, const std::string& value, std::string* out) {
+  auto it = registryStrings.find(RegistryName(key, value));
+  if (it == registryStrings.end()) return false;
+  *out = it->second;
+  return true;
+}
+
+bool FakeMachine::RegQueryBinary(const std::string& key, const std::string& value, std::vector<uint8_t>* out) {
+  auto it = registryBinary.find(RegistryName(key, value));
+  if (it == registryBinary.end()) return false;
+  *out = it->second;
+  return true;
+}
+
+bool FakeMachine::VolumeNameForMountPoint(const std::string& mountPoint, std::string* volumeName) {
+  auto it = volumeNames.find(mountPoint);
+  if (it == volumeNames.end()) return false;
+  *volumeName = it->second;
+  return true;
+}
+
+int FakeMachine::ReadKey() {
+  if (keys.empty()) return -1;
+  int key = keys.front();
+  keys.pop_front();
+  return key;
+}
+
+bool FakeMachine::ReadLine(std::string* line) {
+  if (lines.empty()) return false;
+  *line = lines.front();
+  lines.pop_front();
+  return true;
+}
+
+bool FakeMachine::GetLocaleInfo(platform::LocaleItem item, std::string* out) {
+  auto it = locale.find(item);
+  if (localeFails || it == locale.end()) {
+    lastError = 87;
+    return false;
+  }
+  *out = it->second;
+  return true;
+}
+
+bool FakeMachine::GetNumberFormat(const std::string& value, const platform::NumberFormat& format, std::string* out) {
+  lastNumberValue = value;
+  lastNumberFormat = format;
+  if (numberFormatFails) {
+    lastError = numberFormatError;
+    return false;
+  }
+  if (!platform::FormatNumberLikeWindows(value, format, out)) {
+    lastError = 87;
+    return false;
+  }
+  return true;
+}
+
+bool FakeMachine::GetEnv(const std::string& name, std::string* value) {
+  auto it = environment.find(name);
+  if (it == environment.end()) return false;
+  *value = it->second;
+  return true;
+}
+
+bool FakeMachine::SystemMessageText(uint32_t code, std::string* text) {
+  auto it = messages.find(code);
+  if (it == messages.end()) return false;
+  *text = it->second;
+  return true;
+}
+
+}  // namespace dh::test

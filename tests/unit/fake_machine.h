@@ -1,0 +1,168 @@
+// An in-memory machine for unit tests: drives and files are byte vectors,
+// and every other service answers from plain fields the test sets.
+//
+//   FakeMachine machine;
+//   FakeDrive& disk = machine.AddDrive(0, 2048);   // \\.\PhysicalDrive0
+//   disk.badSectors.insert(7);
+//   ScopedHost host(&machine);                     // Host() is now `machine`
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/platform.h"
+
+namespace dh::test {
+
+// A drive or a plain file.  Drives answer the DeviceIoControl queries from
+// the fields below; plain files fail them, as Windows does.
+struct FakeDrive {
+  std::vector<uint8_t> bytes;
+  bool isDevice = true;
+
+  // Open refuses these modes (e.g. DiskReadWrite for a drive that only
+  // opens for reading).
+  std::set<platform::OpenMode> refusedModes;
+  // Reads and writes that touch one of these 512-byte sectors fail.
+  std::set<uint64_t> badSectors;
+  // When non-zero, a read delivers at most this many bytes (a short read).
+  uint32_t readLimit = 0;
+  bool writeProtected = false;
+
+  bool geometryOk = true;
+  platform::DiskGeometry geometry;  // set by FakeMachine::AddDrive
+  bool geometryExOk = true;
+  uint64_t diskSizeOverride = 0;  // DiskSize of the EX query; 0: bytes.size()
+  bool partitionInfoOk = false;
+  uint64_t partitionStart = 0;
+  uint64_t partitionLength = 0;
+  bool layoutExOk = false;
+  platform::LayoutEntry layoutEx;
+  bool layoutOk = false;
+  platform::LayoutEntry layout;
+  int updatePropertiesCalls = 0;
+
+  // Counters for tests that check how the program used the drive.
+  int readCalls = 0;
+  int writeCalls = 0;
+  int flushCalls = 0;
+
+  // Sector helpers for building images.
+  uint8_t* Sector(uint64_t lba) { return bytes.data() + lba * 512; }
+  void SetBootSignature(uint64_t lba = 0) {
+    Sector(lba)[510] = 0x55;
+    Sector(lba)[511] = 0xAA;
+  }
+};
+
+class FakeMachine : public platform::Machine {
+ public:
+  FakeMachine();
+  ~FakeMachine() override;
+
+  // Adds \\.\PhysicalDrive<number> with `sectors` zero sectors and a fixed
+  // disk geometry of 255 heads and 63 sectors per track.
+  FakeDrive& AddDrive(int number, uint64_t sectors, int32_t mediaType = platform::kMediaFixed);
+  // Adds a plain file.
+  FakeDrive& AddFile(const std::string& path, std::vector<uint8_t> contents = {});
+  // The drive or file at a path, null when there is none.
+  FakeDrive* Find(const std::string& path);
+
+  std::map<std::string, FakeDrive> devices;  // by path
+
+  // GetLastError of the last failure.
+  uint32_t lastError = 0;
+
+  // Locale: the texts GetLocaleInfoA answers, and whether it fails.
+  std::map<platform::LocaleItem, std::string> locale;
+  bool localeFails = false;
+  // GetNumberFormatA: fails with `numberFormatError` when set; otherwise it
+  // formats as Windows does.  The last format handed to it is kept.
+  bool numberFormatFails = false;
+  uint32_t numberFormatError = 87;
+  platform::NumberFormat lastNumberFormat;
+  std::string lastNumberValue;
+  // FormatMessageA texts by error code (each should end with "\r\n").
+  std::map<uint32_t, std::string> messages;
+
+  // Registry (key + '\n' + value name) and mount manager.
+  std::map<std::string, std::string> registryStrings;
+  std::map<std::string, std::vector<uint8_t>> registryBinary;
+  std::vector<std::string> logicalDrives;
+  std::map<std::string, std::string> volumeNames;  // mount point -> volume name
+
+  platform::FormatEngineState formatEngine = platform::FormatEngineState::LibraryMissing;
+
+  platform::OsVersion version{6, 1, 2};
+  bool elevated = true;
+  bool elevationQueryOk = true;
+  bool shutdownPrivilege = true;
+  std::vector<uint32_t> exitWindowsCalls;
+
+  uint32_t codePage = 437;
+  int clearScreenCalls = 0;
+  std::deque<int> keys;           // ReadKey answers -1 once these run out
+  std::deque<std::string> lines;  // ReadLine answers false once these run out
+  std::string computerName = "TESTPC";
+  std::map<std::string, std::string> environment;
+  std::vector<std::string> messageBoxes;
+
+  // platform::Machine
+  std::unique_ptr<platform::File> Open(const std::string& path, platform::OpenMode mode) override;
+  bool PathExists(const std::string& path) override;
+  bool RegQueryString(const std::string& key, const std::string& value, std::string* out) override;
+  bool RegQueryBinary(const std::string& key, const std::string& value, std::vector<uint8_t>* out) override;
+  std::vector<std::string> LogicalDriveStrings() override { return logicalDrives; }
+  bool VolumeNameForMountPoint(const std::string& mountPoint, std::string* volumeName) override;
+  platform::FormatEngineState LoadFormatEngine() override { return formatEngine; }
+  bool FormatEx(const std::u16string&, uint32_t, const std::u16string&, const std::u16string&, bool, uint32_t,
+                const platform::FormatCallback&) override {
+    return false;
+  }
+  void PumpOneMessage() override {}
+  bool GetVersionEx(platform::OsVersion* out) override {
+    *out = version;
+    return true;
+  }
+  uint32_t GetVersion() override { return version.majorVersion | (version.minorVersion << 8); }
+  bool QueryElevation(bool* isElevated) override {
+    *isElevated = elevated;
+    return elevationQueryOk;
+  }
+  bool EnableShutdownPrivilege() override { return shutdownPrivilege; }
+  bool ExitWindows(uint32_t flags) override {
+    exitWindowsCalls.push_back(flags);
+    return true;
+  }
+  uint32_t ConsoleOutputCodePage() override { return codePage; }
+  void ClearScreen() override { ++clearScreenCalls; }
+  void SetCursorPosition(int, int) override {}
+  int ReadKey() override;
+  bool ReadLine(std::string* line) override;
+  bool GetLocaleInfo(platform::LocaleItem item, std::string* out) override;
+  bool GetNumberFormat(const std::string& value, const platform::NumberFormat& format, std::string* out) override;
+  std::string ComputerName() override { return computerName; }
+  bool GetEnv(const std::string& name, std::string* value) override;
+  void MessageBox(const std::string& text, const std::string&) override { messageBoxes.push_back(text); }
+  uint32_t LastError() override { return lastError; }
+  bool SystemMessageText(uint32_t code, std::string* text) override;
+};
+
+// "\\.\PhysicalDrive<number>"
+std::string DrivePath(int number);
+
+// Makes `machine` the Host() of the program for the lifetime of this object.
+class ScopedHost {
+ public:
+  explicit ScopedHost(platform::Machine* machine) { platform::SetHost(machine); }
+  ~ScopedHost() { platform::SetHost(nullptr); }
+  ScopedHost(const ScopedHost&) = delete;
+  ScopedHost& operator=(const ScopedHost&) = delete;
+};
+
+}  // namespace dh::test

@@ -1,0 +1,513 @@
+// The Linux backend: device naming and ordering, error translation, plain
+// files through the File interface, the registry synthesized from a small
+// sysfs tree of the test's own, and console input at end of input.  Nothing
+// here needs root or touches a real device.
+#ifdef __linux__
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/linux/linux_machine.h"
+#include "platform/linux/linux_support.h"
+
+namespace dh::platform::linux_native {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A fresh folder per test, removed afterwards.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "dh_linux_XXXXXX").string();
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    char* made = ::mkdtemp(buffer.data());
+    if (made != nullptr) path_ = made;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    if (!path_.empty()) fs::remove_all(path_, ignored);
+  }
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+void WriteText(const std::string& path, const std::string& text) {
+  fs::create_directories(fs::path(path).parent_path());
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+std::string ReadText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// ---- pure pieces ------------------------------------------------------------
+
+TEST(LinuxErrors, ErrnoBecomesTheWindowsCode) {
+  EXPECT_EQ(WindowsErrorFromErrno(ENOENT), 2u);
+  EXPECT_EQ(WindowsErrorFromErrno(ENOTDIR), 3u);
+  EXPECT_EQ(WindowsErrorFromErrno(EACCES), 5u);
+  EXPECT_EQ(WindowsErrorFromErrno(EPERM), 5u);
+  EXPECT_EQ(WindowsErrorFromErrno(EISDIR), 5u);
+  EXPECT_EQ(WindowsErrorFromErrno(EBADF), 5u);
+  EXPECT_EQ(WindowsErrorFromErrno(EROFS), 19u);
+  EXPECT_EQ(WindowsErrorFromErrno(EIO), 23u);
+  EXPECT_EQ(WindowsErrorFromErrno(ENOSPC), 112u);
+  EXPECT_EQ(WindowsErrorFromErrno(EBUSY), 32u);
+  EXPECT_EQ(WindowsErrorFromErrno(ENOMEDIUM), 21u);
+  EXPECT_EQ(WindowsErrorFromErrno(EINVAL), 87u);
+  EXPECT_EQ(WindowsErrorFromErrno(EHOSTDOWN), 31u);
+  EXPECT_EQ(WindowsErrorFromErrno(0), 31u);
+}
+
+TEST(LinuxDrives, OnlyWholeDisksAreDrives) {
+  for (const char* name : {"sda", "sdaa", "vdb", "hdc", "xvda", "nvme0n1", "nvme12n3", "mmcblk0", "loop7"}) {
+    EXPECT_NE(FamilyOfBlockName(name), DiskFamily::NotADisk) << name;
+  }
+  for (const char* name : {"sda1", "sd", "nvme0n1p1", "nvme0c0n1", "nvme0", "nvmen1", "mmcblk0p1", "mmcblk0boot0",
+                           "mmcblk0rpmb", "loop", "loop0p1", "sr0", "dm-0", "md127", "zram0", "ram0", "", "sdA"}) {
+    EXPECT_EQ(FamilyOfBlockName(name), DiskFamily::NotADisk) << name;
+  }
+}
+
+TEST(LinuxDrives, NaturalOrderFollowsTheKernel) {
+  EXPECT_TRUE(NaturalNameLess("sdz", "sdaa"));
+  EXPECT_FALSE(NaturalNameLess("sdaa", "sdz"));
+  EXPECT_TRUE(NaturalNameLess("sda", "sdb"));
+  EXPECT_TRUE(NaturalNameLess("loop2", "loop10"));
+  EXPECT_TRUE(NaturalNameLess("nvme2n1", "nvme10n1"));
+  EXPECT_TRUE(NaturalNameLess("nvme0n2", "nvme1n1"));
+  EXPECT_TRUE(NaturalNameLess("nvme0n2", "nvme0n10"));
+  EXPECT_FALSE(NaturalNameLess("loop3", "loop3"));
+  // Equal values in other spellings still order one way only.
+  EXPECT_NE(NaturalNameLess("loop01", "loop1"), NaturalNameLess("loop1", "loop01"));
+  // Digit runs of any length compare without overflow.
+  EXPECT_TRUE(NaturalNameLess("loop99999999999999999999", "loop100000000000000000000"));
+}
+
+TEST(LinuxDrives, OrderGroupsFamiliesThenNaturalOrder) {
+  std::vector<std::string> names = {"loop10", "mmcblk0boot1", "nvme1n1", "sdaa", "loop2",  "sda1",  "vda",
+                                    "mmcblk1", "xvdb",        "hda",     "sdb",  "nvme0n1", "loop3", "sr0",
+                                    "mmcblk0", "sdz",         "loop1",   "sda",  "dm-0",    "nvme0n1p2"};
+  auto backed = [](const std::string& loop) { return loop != "loop3" && loop != "loop1"; };
+  std::vector<std::string> expected = {"sda",     "sdb",     "sdz",     "sdaa",    "vda",   "hda",   "xvdb",
+                                       "nvme0n1", "nvme1n1", "mmcblk0", "mmcblk1", "loop2", "loop10"};
+  EXPECT_EQ(OrderWholeDisks(names, backed), expected);
+  // Without a way to tell, no loop device counts.
+  std::vector<std::string> noLoops = OrderWholeDisks({"loop0", "sdb"}, nullptr);
+  EXPECT_EQ(noLoops, std::vector<std::string>{"sdb"});
+}
+
+TEST(LinuxDrives, PhysicalDrivePaths) {
+  DrivePath drive;
+  ASSERT_TRUE(ParsePhysicalDrivePath("\\\\.\\PhysicalDrive0", &drive));
+  EXPECT_TRUE(drive.valid);
+  EXPECT_EQ(drive.number, 0u);
+  ASSERT_TRUE(ParsePhysicalDrivePath("\\\\.\\physicaldrive17", &drive));
+  EXPECT_TRUE(drive.valid);
+  EXPECT_EQ(drive.number, 17u);
+  // Drive paths that name no drive number: open fails, they are no files.
+  for (const char* bad : {"\\\\.\\PhysicalDrive", "\\\\.\\PhysicalDrive01", "\\\\.\\PhysicalDrive-1",
+                          "\\\\.\\PhysicalDrive1x", "\\\\.\\PhysicalDrive1234567890"}) {
+    drive.valid = true;
+    EXPECT_TRUE(ParsePhysicalDrivePath(bad, &drive)) << bad;
+    EXPECT_FALSE(drive.valid) << bad;
+  }
+  for (const char* file : {"disk.img", "/dev/sda", "\\\\.\\PhysicalDisk0", "\\\\?\\PhysicalDrive0", ""}) {
+    EXPECT_FALSE(ParsePhysicalDrivePath(file, &drive)) << file;
+  }
+}
+
+TEST(LinuxDrives, LayoutTypeFromTheFileSystemName) {
+  std::vector<uint8_t> sector(512, 0);
+  EXPECT_EQ(LayoutTypeFromBootSector(sector.data(), sector.size()), 0x00);
+  std::memcpy(&sector[3], "NTFS    ", 8);
+  EXPECT_EQ(LayoutTypeFromBootSector(sector.data(), sector.size()), 0x07);
+  std::fill(sector.begin(), sector.end(), 0);
+  std::memcpy(&sector[82], "FAT32   ", 8);
+  EXPECT_EQ(LayoutTypeFromBootSector(sector.data(), sector.size()), 0x0C);
+  std::fill(sector.begin(), sector.end(), 0);
+  std::memcpy(&sector[54], "FAT16   ", 8);
+  EXPECT_EQ(LayoutTypeFromBootSector(sector.data(), sector.size()), 0x06);
+  std::memcpy(&sector[54], "FAT12   ", 8);
+  EXPECT_EQ(LayoutTypeFromBootSector(sector.data(), sector.size()), 0x06);
+  // A short first sector is only looked at as far as it goes.
+  EXPECT_EQ(LayoutTypeFromBootSector(sector.data(), 58), 0x00);
+  EXPECT_EQ(LayoutTypeFromBootSector(nullptr, 0), 0x00);
+}
+
+// ATA, USB, NVMe and loop disks are met in the registry tests further down.
+TEST(LinuxIdentity, CardsOddNamesAndDisksWithoutModel) {
+  DiskFacts card{"mmcblk0", "/sys/devices/platform/mmc_host/mmc0/mmc0:0001/block/mmcblk0", "", "SD32G\n", ""};
+  DiskIdentity id = IdentifyDisk(card, 3);
+  EXPECT_EQ(id.bus, "SD");
+  EXPECT_EQ(id.friendlyName, "SD32G");
+
+  // Texts that would break the key path are made harmless.
+  DiskFacts odd{"loop2", "/sys/devices/virtual/block/loop2", "", "", "/srv/images/a&b\\c d.img\n"};
+  id = IdentifyDisk(odd, 4);
+  EXPECT_EQ(id.bus, "SCSI");
+  EXPECT_EQ(id.instancePath, "SCSI\\Disk&Ven_Linux&Prod_a_b_c_d.img\\4");
+  EXPECT_EQ(id.friendlyName, "a&b\\c d.img SCSI Disk Device");
+
+  // No model at all: no FriendlyName, so the description comes from DeviceDesc.
+  DiskFacts bare{"vda", "/sys/devices/pci0000:00/0000:00:04.0/virtio1/block/vda", "", "", ""};
+  id = IdentifyDisk(bare, 5);
+  EXPECT_EQ(id.instancePath, "SCSI\\Disk&Ven_&Prod_\\5");
+  EXPECT_TRUE(id.friendlyName.empty());
+}
+
+TEST(LinuxLocaleText, CodePageGroupingAndComputerName) {
+  EXPECT_EQ(CodePageFromCodeset("UTF-8"), 65001u);
+  EXPECT_EQ(CodePageFromCodeset("utf8"), 65001u);
+  EXPECT_EQ(CodePageFromCodeset("ANSI_X3.4-1968"), 20127u);
+  EXPECT_EQ(CodePageFromCodeset("ISO-8859-1"), 20127u);
+  EXPECT_EQ(CodePageFromCodeset(""), 20127u);
+
+  EXPECT_EQ(GroupingText(std::string("\3\3", 2)), "3;0");
+  EXPECT_EQ(GroupingText(std::string("\3\2", 2)), "3;0");
+  EXPECT_EQ(GroupingText(""), "0");
+  EXPECT_EQ(GroupingText(std::string(1, '\0')), "0");
+  EXPECT_EQ(GroupingText(std::string(1, static_cast<char>(127))), "0");
+  EXPECT_EQ(GroupingText(std::string(1, static_cast<char>(-1))), "0");
+
+  EXPECT_EQ(ComputerNameFromHostName("buildhost.example.org"), "BUILDHOST");
+  EXPECT_EQ(ComputerNameFromHostName("a-very-long-host-name-indeed"), "A-VERY-LONG-HOS");
+  EXPECT_EQ(ComputerNameFromHostName(""), "");
+}
+
+// ---- plain files ------------------------------------------------------------
+
+class LinuxFiles : public ::testing::Test {
+ protected:
+  LinuxFiles() : machine_(CreateLinuxMachine({dir_ / "sys", dir_ / "dev"})) {}
+  TempDir dir_;
+  std::unique_ptr<Machine> machine_;
+};
+
+TEST_F(LinuxFiles, OpenModes) {
+  std::string path = dir_ / "image.bin";
+  EXPECT_FALSE(machine_->PathExists(path));
+  EXPECT_EQ(machine_->Open(path, OpenMode::ReadExisting), nullptr);
+  EXPECT_EQ(machine_->LastError(), 2u);
+  EXPECT_EQ(machine_->Open(path, OpenMode::ReadWriteExisting), nullptr);
+  EXPECT_EQ(machine_->Open(dir_ / "missing/image.bin", OpenMode::CreateAlways), nullptr);
+  EXPECT_EQ(machine_->LastError(), 2u);
+
+  WriteText(path, "old contents that are longer");
+  EXPECT_TRUE(machine_->PathExists(path));
+  {
+    auto file = machine_->Open(path, OpenMode::CreateAlways);
+    ASSERT_NE(file, nullptr);
+    uint32_t done = 0;
+    EXPECT_TRUE(file->Write("new", 3, &done));
+    EXPECT_EQ(done, 3u);
+    // Written only: reading back is refused by the handle.
+    char c = 0;
+    EXPECT_FALSE(file->Read(&c, 1, &done));
+  }
+  EXPECT_EQ(ReadText(path), "new");  // truncated on open
+
+  {
+    auto file = machine_->Open(path, OpenMode::ReadExisting);
+    ASSERT_NE(file, nullptr);
+    uint32_t done = 7;
+    EXPECT_FALSE(file->Write("x", 1, &done));
+    EXPECT_EQ(machine_->LastError(), 5u);
+    EXPECT_EQ(done, 0u);
+  }
+  EXPECT_EQ(ReadText(path), "new");
+
+  {
+    auto file = machine_->Open(path, OpenMode::ReadWriteExisting);
+    ASSERT_NE(file, nullptr);
+    uint32_t done = 0;
+    ASSERT_TRUE(file->Seek(1));
+    EXPECT_TRUE(file->Write("EW", 2, &done));
+    EXPECT_TRUE(file->Flush());
+  }
+  EXPECT_EQ(ReadText(path), "nEW");
+
+  // A folder is no file; neither is a FIFO, whose open must not wait.
+  EXPECT_EQ(machine_->Open(dir_.path(), OpenMode::ReadExisting), nullptr);
+  EXPECT_EQ(machine_->LastError(), 5u);
+  EXPECT_EQ(machine_->Open(dir_.path(), OpenMode::CreateAlways), nullptr);
+  EXPECT_EQ(machine_->LastError(), 5u);
+  std::string fifo = dir_ / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_EQ(machine_->Open(fifo, OpenMode::ProbeRead), nullptr);
+  EXPECT_EQ(machine_->LastError(), 5u);
+}
+
+TEST_F(LinuxFiles, TransfersAtTheStoredOffset) {
+  std::string path = dir_ / "data.bin";
+  std::vector<uint8_t> pattern(1300);
+  for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<uint8_t>(i * 7 + 1);
+  {
+    auto file = machine_->Open(path, OpenMode::CreateAlways);
+    ASSERT_NE(file, nullptr);
+    uint32_t done = 0;
+    ASSERT_TRUE(file->Write(pattern.data(), 1000, &done));
+    EXPECT_EQ(done, 1000u);
+    // The offset advanced: this lands right behind.
+    ASSERT_TRUE(file->Write(pattern.data() + 1000, 300, &done));
+    uint64_t size = 0;
+    ASSERT_TRUE(file->Size(&size));
+    EXPECT_EQ(size, 1300u);
+    // Writing beyond the end leaves a hole and grows the file.
+    ASSERT_TRUE(file->Seek(4096));
+    ASSERT_TRUE(file->Write("Z", 1, &done));
+    ASSERT_TRUE(file->Size(&size));
+    EXPECT_EQ(size, 4097u);
+  }
+  auto file = machine_->Open(path, OpenMode::ReadExisting);
+  ASSERT_NE(file, nullptr);
+  std::vector<uint8_t> got(512, 0xEE);
+  uint32_t done = 0;
+  ASSERT_TRUE(file->Read(got.data(), 512, &done));
+  EXPECT_EQ(done, 512u);
+  EXPECT_TRUE(std::equal(got.begin(), got.end(), pattern.begin()));
+  ASSERT_TRUE(file->Read(got.data(), 512, &done));
+  EXPECT_TRUE(std::equal(got.begin(), got.end(), pattern.begin() + 512));
+
+  // A read that reaches the end is short, then empty, and never an error.
+  ASSERT_TRUE(file->Seek(4000));
+  ASSERT_TRUE(file->Read(got.data(), 512, &done));
+  EXPECT_EQ(done, 97u);
+  EXPECT_EQ(got[96], 'Z');
+  EXPECT_EQ(got[0], 0);  // the hole reads as zeros
+  ASSERT_TRUE(file->Read(got.data(), 512, &done));
+  EXPECT_EQ(done, 0u);
+  ASSERT_TRUE(file->Seek(uint64_t{1} << 40));
+  ASSERT_TRUE(file->Read(got.data(), 512, &done));
+  EXPECT_EQ(done, 0u);
+  ASSERT_TRUE(file->Read(got.data(), 0, &done));
+  EXPECT_EQ(done, 0u);
+
+  // Positions past what a signed offset holds are refused, not wrapped.
+  EXPECT_FALSE(file->Seek(uint64_t{1} << 63));
+  EXPECT_EQ(machine_->LastError(), 131u);
+  EXPECT_FALSE(file->Seek(UINT64_MAX));
+}
+
+TEST_F(LinuxFiles, DiskQueriesFailOnFiles) {
+  std::string path = dir_ / "image.bin";
+  WriteText(path, std::string(2048, '\0'));
+  auto file = machine_->Open(path, OpenMode::DiskReadWrite);
+  ASSERT_NE(file, nullptr);
+  DiskGeometry geometry;
+  uint64_t a = 0;
+  uint64_t b = 0;
+  LayoutEntry entry;
+  EXPECT_FALSE(file->GetDriveGeometry(&geometry));
+  EXPECT_EQ(machine_->LastError(), 1u);
+  EXPECT_FALSE(file->GetDriveGeometryEx(&geometry, &a));
+  EXPECT_FALSE(file->GetPartitionInfo(&a, &b));
+  EXPECT_FALSE(file->GetDriveLayoutEx(&entry));
+  EXPECT_FALSE(file->GetDriveLayout(&entry));
+  EXPECT_EQ(machine_->LastError(), 1u);
+  EXPECT_FALSE(entry.present);
+  EXPECT_TRUE(file->UpdateProperties());
+}
+
+// ---- drives and registry over a sysfs tree of the test's own -----------------
+
+class LinuxFakeSysfs : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // Disks hang under /sys/devices; /sys/block links to them.
+    AddDisk("sda", "pci0000:00/0000:00:17.0/ata1/host0/target0:0:0/0:0:0:0", "ATA     \n", "WDC WD10EZEX  \n");
+    AddDisk("sdb", "pci0000:00/0000:00:14.0/usb2/2-1/2-1:1.0/host4/target4:0:0/4:0:0:0", "SanDisk \n",
+            "Cruzer Blade\n");
+    AddDisk("nvme0n1", "pci0000:00/0000:00:1d.0/0000:3d:00.0/nvme/nvme0", "", "Samsung SSD 970\n");
+    AddDisk("loop0", "virtual", "", "", "");
+    AddDisk("loop4", "virtual", "", "", "/srv/images/test disk.img\n");
+    fs::create_directories(dir_ / "sys/block/sr0");
+    fs::create_directories(dir_ / "sys/block/sda/sda1");
+    for (const char* node : {"sda", "sdb", "nvme0n1", "loop0", "loop4"}) {
+      WriteText(dir_ / (std::string("dev/") + node), std::string("node ") + node);
+    }
+    machine_ = CreateLinuxMachine({dir_ / "sys", dir_ / "dev"});
+  }
+
+  void AddDisk(const std::string& name, const std::string& parent, const std::string& vendor,
+               const std::string& model, const char* backingFile = nullptr) {
+    std::string real = dir_ / ("sys/devices/" + parent + "/block/" + name);
+    fs::create_directories(real);
+    if (!vendor.empty()) WriteText(real + "/device/vendor", vendor);
+    if (!model.empty()) WriteText(real + "/device/model", model);
+    if (backingFile != nullptr) WriteText(real + "/loop/backing_file", backingFile);
+    fs::create_directories(dir_ / "sys/block");
+    fs::create_symlink(real, dir_ / ("sys/block/" + name));
+  }
+
+  std::string Read(std::unique_ptr<File> file) {
+    char buffer[64] = {};
+    uint32_t done = 0;
+    if (!file || !file->Read(buffer, sizeof(buffer), &done)) return "<failed>";
+    return std::string(buffer, done);
+  }
+
+  TempDir dir_;
+  std::unique_ptr<Machine> machine_;
+};
+
+TEST_F(LinuxFakeSysfs, DriveNumbersFollowTheSortedDisks) {
+  EXPECT_EQ(Read(machine_->Open("\\\\.\\PhysicalDrive0", OpenMode::ProbeRead)), "node sda");
+  EXPECT_EQ(Read(machine_->Open("\\\\.\\PHYSICALDRIVE1", OpenMode::ProbeRead)), "node sdb");
+  EXPECT_EQ(Read(machine_->Open("\\\\.\\physicaldrive2", OpenMode::DiskReadWrite)), "node nvme0n1");
+  // loop0 has no file behind it and is skipped.
+  EXPECT_EQ(Read(machine_->Open("\\\\.\\PhysicalDrive3", OpenMode::ProbeRead)), "node loop4");
+  EXPECT_EQ(machine_->Open("\\\\.\\PhysicalDrive4", OpenMode::ProbeRead), nullptr);
+  EXPECT_EQ(machine_->LastError(), 2u);
+  EXPECT_EQ(machine_->Open("\\\\.\\PhysicalDrive03", OpenMode::ProbeRead), nullptr);
+  EXPECT_TRUE(machine_->PathExists("\\\\.\\PhysicalDrive3"));
+  EXPECT_FALSE(machine_->PathExists("\\\\.\\PhysicalDrive4"));
+}
+
+TEST_F(LinuxFakeSysfs, RegistryDescribesEachDisk) {
+  const std::string kEnum = "SYSTEM\\CurrentControlSet\\Services\\Disk\\Enum";
+  std::string instance;
+  ASSERT_TRUE(machine_->RegQueryString(kEnum, "0", &instance));
+  EXPECT_EQ(instance, "IDE\\Disk&Ven_ATA&Prod_WDC_WD10EZEX\\0");
+  std::string text;
+  ASSERT_TRUE(machine_->RegQueryString("SYSTEM\\CurrentControlSet\\Enum\\" + instance, "FriendlyName", &text));
+  EXPECT_EQ(text, "WDC WD10EZEX ATA Device");
+  ASSERT_TRUE(machine_->RegQueryString("system\\currentcontrolset\\enum\\" + instance, "DeviceDesc", &text));
+  EXPECT_EQ(text, "Disk drive");
+  EXPECT_FALSE(machine_->RegQueryString("SYSTEM\\CurrentControlSet\\Enum\\" + instance, "ParentIDPrefix", &text));
+  EXPECT_EQ(machine_->LastError(), 2u);
+
+  ASSERT_TRUE(machine_->RegQueryString(kEnum, "1", &instance));
+  EXPECT_EQ(instance, "USB\\Disk&Ven_SanDisk&Prod_Cruzer_Blade\\1");
+  ASSERT_TRUE(machine_->RegQueryString("SYSTEM\\CurrentControlSet\\Enum\\" + instance, "FriendlyName", &text));
+  EXPECT_EQ(text, "Cruzer Blade USB Device");
+
+  ASSERT_TRUE(machine_->RegQueryString(kEnum, "2", &instance));
+  EXPECT_EQ(instance, "SCSI\\Disk&Ven_NVMe&Prod_Samsung_SSD_970\\2");
+  ASSERT_TRUE(machine_->RegQueryString(kEnum, "3", &instance));
+  EXPECT_EQ(instance, "SCSI\\Disk&Ven_Linux&Prod_test_disk.img\\3");
+
+  text = "unchanged";
+  EXPECT_FALSE(machine_->RegQueryString(kEnum, "4", &text));
+  EXPECT_FALSE(machine_->RegQueryString(kEnum, "01", &text));
+  EXPECT_FALSE(machine_->RegQueryString(kEnum, "", &text));
+  EXPECT_FALSE(machine_->RegQueryString("SYSTEM\\CurrentControlSet\\Enum\\USB\\Nothing\\9", "DeviceDesc", &text));
+  EXPECT_EQ(text, "unchanged");
+  std::vector<uint8_t> bytes;
+  EXPECT_FALSE(machine_->RegQueryBinary("SYSTEM\\MountedDevices", "\\DosDevices\\C:", &bytes));
+  ASSERT_TRUE(machine_->RegQueryBinary(kEnum, "0", &bytes));
+  // A string value read raw: its bytes and the terminating zero.
+  std::string first = "IDE\\Disk&Ven_ATA&Prod_WDC_WD10EZEX\\0";
+  std::vector<uint8_t> expected(first.begin(), first.end());
+  expected.push_back(0);
+  EXPECT_EQ(bytes, expected);
+  EXPECT_TRUE(machine_->LogicalDriveStrings().empty());
+  std::string volume;
+  EXPECT_FALSE(machine_->VolumeNameForMountPoint("C:\\", &volume));
+}
+
+TEST_F(LinuxFakeSysfs, RegistryNumbersTheDisksThatOpen) {
+  // A drive the program cannot open is no disk of its table; the disk
+  // values of the registry follow the table, not the drive numbers.
+  fs::remove(dir_ / "dev/sdb");
+  machine_ = CreateLinuxMachine({dir_ / "sys", dir_ / "dev"});
+  EXPECT_EQ(machine_->Open("\\\\.\\PhysicalDrive1", OpenMode::ProbeRead), nullptr);
+  const std::string kEnum = "SYSTEM\\CurrentControlSet\\Services\\Disk\\Enum";
+  std::string instance;
+  ASSERT_TRUE(machine_->RegQueryString(kEnum, "1", &instance));
+  EXPECT_EQ(instance, "SCSI\\Disk&Ven_NVMe&Prod_Samsung_SSD_970\\1");
+  ASSERT_TRUE(machine_->RegQueryString(kEnum, "2", &instance));
+  EXPECT_EQ(instance, "SCSI\\Disk&Ven_Linux&Prod_test_disk.img\\2");
+  EXPECT_FALSE(machine_->RegQueryString(kEnum, "3", &instance));
+}
+
+// ---- machine services -------------------------------------------------------
+
+// Standard input replaced by a pipe holding `input`, closed at its end.
+class StdinFromText {
+ public:
+  explicit StdinFromText(const std::string& input) {
+    saved_ = ::dup(STDIN_FILENO);
+    int fds[2];
+    if (::pipe(fds) != 0) return;
+    ssize_t written = ::write(fds[1], input.data(), input.size());
+    (void)written;
+    ::close(fds[1]);
+    ::dup2(fds[0], STDIN_FILENO);
+    ::close(fds[0]);
+  }
+  ~StdinFromText() {
+    ::dup2(saved_, STDIN_FILENO);
+    ::close(saved_);
+  }
+
+ private:
+  int saved_ = -1;
+};
+
+TEST(LinuxMachineServices, KeysAndLinesEndAtEndOfInput) {
+  auto machine = CreateLinuxMachine({});
+  StdinFromText input("y\nfirst line\r\nlast");
+  EXPECT_EQ(machine->ReadKey(), 'y');
+  std::string line = "x";
+  ASSERT_TRUE(machine->ReadLine(&line));
+  EXPECT_EQ(line, "");  // the rest of the line the key was on
+  ASSERT_TRUE(machine->ReadLine(&line));
+  EXPECT_EQ(line, "first line");
+  ASSERT_TRUE(machine->ReadLine(&line));
+  EXPECT_EQ(line, "last");
+  EXPECT_FALSE(machine->ReadLine(&line));
+  EXPECT_EQ(machine->ReadKey(), -1);
+  EXPECT_EQ(machine->ReadKey(), -1);
+}
+
+TEST(LinuxMachineServices, LocaleItemsLeaveTheProgramLocaleAlone) {
+  auto machine = CreateLinuxMachine({});
+  const char* old = std::getenv("LC_ALL");
+  std::string saved = old != nullptr ? old : "";
+  ::setenv("LC_ALL", "C", 1);
+  std::string text;
+  ASSERT_TRUE(machine->GetLocaleInfo(LocaleItem::DecimalSep, &text));
+  EXPECT_EQ(text, ".");
+  ASSERT_TRUE(machine->GetLocaleInfo(LocaleItem::ThousandSep, &text));
+  EXPECT_EQ(text, "");
+  ASSERT_TRUE(machine->GetLocaleInfo(LocaleItem::Grouping, &text));
+  EXPECT_EQ(text, "0");
+  ASSERT_TRUE(machine->GetLocaleInfo(LocaleItem::LeadingZero, &text));
+  EXPECT_EQ(text, "1");
+  ASSERT_TRUE(machine->GetLocaleInfo(LocaleItem::NegativeNumber, &text));
+  EXPECT_EQ(text, "1");
+  EXPECT_EQ(machine->ConsoleOutputCodePage(), 20127u);
+  if (old != nullptr) {
+    ::setenv("LC_ALL", saved.c_str(), 1);
+  } else {
+    ::unsetenv("LC_ALL");
+  }
+  char number[16];
+  std::snprintf(number, sizeof(number), "%.2f", 1.5);
+  EXPECT_STREQ(number, "1.50");
+}
+
+}  // namespace
+}  // namespace dh::platform::linux_native
+
+#endif  // __linux__

@@ -1,0 +1,450 @@
+// The MBR partition model: entry decoding, the primary slots, the extended
+// chain walk and its guards, superfloppies, counting and lookup by kind, and
+// the sort by start sector.
+#include "mbr/partition.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+
+#include "disk/disk_set.h"
+#include "disk/le.h"
+#include "fake_machine.h"
+#include "gpt/gpt_table.h"
+
+namespace dh {
+namespace {
+
+using test::FakeDrive;
+using test::FakeMachine;
+using test::ScopedHost;
+
+constexpr uint8_t kNtfs = 0x07;
+constexpr uint8_t kExtended = 0x0F;
+
+void PutEntry(uint8_t* sector, size_t offset, uint8_t boot, uint8_t type, uint32_t first, uint32_t count) {
+  uint8_t* e = sector + offset;
+  std::memset(e, 0, mbr::kEntrySize);
+  e[mbr::kEntryBoot] = boot;
+  e[mbr::kEntryType] = type;
+  StoreLe32(e + mbr::kEntryFirstSector, first);
+  StoreLe32(e + mbr::kEntrySectorCount, count);
+}
+
+void PutSlot(uint8_t* mbrSector, size_t slot, uint8_t type, uint32_t first, uint32_t count, uint8_t boot = 0) {
+  PutEntry(mbrSector, mbr::kEntryOffset + mbr::kEntrySize * slot, boot, type, first, count);
+}
+
+class PartitionTableTest : public ::testing::Test {
+ protected:
+  static constexpr uint64_t kSectors = 8192;
+
+  void SetUp() override {
+    // The set is made while the machine has no drive, so nothing is loaded;
+    // each test then loads the table itself from drive 0.
+    disks = std::make_unique<DiskSet>(false);
+    drive = &machine.AddDrive(0, kSectors);
+    ASSERT_TRUE(disks->device.Open(test::DrivePath(0), platform::OpenMode::DiskReadWrite));
+    drive->SetBootSignature();
+  }
+
+  uint8_t* Mbr() { return drive->Sector(0); }
+
+  // An EBR at `lba`: its logical partition `relStart` sectors after the EBR,
+  // and a link `nextRel` sectors after the extended start (no link when 0).
+  void PutEbr(uint64_t lba, uint8_t type, uint32_t relStart, uint32_t count, uint32_t nextRel) {
+    uint8_t* ebr = drive->Sector(lba);
+    PutEntry(ebr, mbr::kEntryOffset, 0, type, relStart, count);
+    if (nextRel != 0) {
+      PutEntry(ebr, mbr::kEbrLinkOffset, 0, 0x05, nextRel, 64);
+    } else {
+      std::memset(ebr + mbr::kEbrLinkOffset, 0, mbr::kEntrySize);
+    }
+  }
+
+  PartitionTable& Load() {
+    std::memcpy(disks->sector0, drive->Sector(0), 512);
+    disks->mediumPresent = true;
+    disks->bootSignatureValid = disks->sector0[510] == 0x55 && disks->sector0[511] == 0xAA;
+    disks->tableLoaded = false;
+    table = std::make_unique<PartitionTable>(disks.get());
+    table->Load();
+    return *table;
+  }
+
+  FakeMachine machine;
+  ScopedHost host{&machine};
+  FakeDrive* drive = nullptr;
+  std::unique_ptr<DiskSet> disks;
+  std::unique_ptr<PartitionTable> table;
+};
+
+TEST(DecodeEntry, DecodesEveryField) {
+  PartitionRecord r;
+  const uint8_t raw[16] = {0x80, 0xFE, 0xFF, 0x12, 0x07, 0x21, 0xC3, 0x34,
+                           0x00, 0x08, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF};
+  std::memcpy(r.rawEntry, raw, 16);
+  DecodeEntry(r, 0x07, true);
+  EXPECT_EQ(r.active, 1);
+  EXPECT_EQ(r.type, 0x07);
+  EXPECT_EQ(r.typeName, "NTFS");
+  EXPECT_EQ(r.hidden, 0);
+  EXPECT_EQ(r.startHead, 0xFEu);
+  EXPECT_EQ(r.startSector, 0x3Fu);
+  EXPECT_EQ(r.startCylinder, 0x312u);
+  EXPECT_EQ(r.endHead, 0x21u);
+  EXPECT_EQ(r.endSector, 0x03u);
+  EXPECT_EQ(r.endCylinder, 0x334u);
+  EXPECT_EQ(r.startLba, 2048u);
+  EXPECT_EQ(r.sectorCount, 0xFFFFFFFFu);
+  EXPECT_EQ(r.sizeBytes, 0xFFFFFFFFull * 512);
+}
+
+TEST(DecodeEntry, HiddenRuleAndTypeChanges) {
+  PartitionRecord r;
+  r.rawEntry[mbr::kEntryType] = 0x07;
+  for (uint32_t type : {0x11u, 0x14u, 0x16u, 0x17u, 0x1Bu, 0x1Cu, 0x1Du, 0x1Eu, 0x1Fu}) {
+    DecodeEntry(r, type, false);
+    EXPECT_EQ(r.hidden, 1) << std::hex << type;
+    EXPECT_EQ(r.rawEntry[mbr::kEntryType], type);
+  }
+  // The type table's hidden column plays no part here.
+  DecodeEntry(r, 0x3D, false);
+  EXPECT_EQ(r.hidden, 0);
+  EXPECT_EQ(r.typeName, "Netware");
+  DecodeEntry(r, 0x0D, false);
+  EXPECT_EQ(r.typeName, "UNKNWN");
+  EXPECT_EQ(r.type, 0x0D);
+}
+
+TEST(DecodeEntry, EmptyEntryIsLeftAlone) {
+  PartitionRecord r;
+  r.typeName = "before";
+  DecodeEntry(r, 0x07, true);
+  EXPECT_EQ(r.type, 0);
+  EXPECT_EQ(r.active, 0);
+  EXPECT_EQ(r.typeName, "before");
+  EXPECT_EQ(r.rawEntry[mbr::kEntryType], 0);
+}
+
+TEST(PartitionTypes, ExtendedAndHiddenRules) {
+  for (uint32_t t = 0; t < 256; ++t) {
+    EXPECT_EQ(IsExtendedType(t), t == 0x05 || t == 0x0F || t == 0x15 || t == 0x1F) << t;
+  }
+  EXPECT_TRUE(IsHiddenTypeByRule(0x1D));
+  EXPECT_FALSE(IsHiddenTypeByRule(0x3D));
+  EXPECT_FALSE(IsHiddenTypeByRule(0x07));
+}
+
+TEST_F(PartitionTableTest, PrimariesAreNumberedAcrossEmptySlots) {
+  PutSlot(Mbr(), 0, kNtfs, 63, 100, 0x81);
+  PutSlot(Mbr(), 2, 0x1D, 200, 50, 0x80);
+  PartitionTable& t = Load();
+  EXPECT_TRUE(disks->tableLoaded);
+  ASSERT_EQ(t.Count(kKindAll), 2);
+  PartitionRecord* first = t.Get(1, kKindPrimary);
+  PartitionRecord* second = t.Get(2, kKindPrimary);
+  EXPECT_EQ(first->slot, 0);
+  EXPECT_EQ(first->primaryNumber, 1);
+  EXPECT_EQ(first->active, 0);  // 0x81 is not active
+  EXPECT_EQ(first->isPrimary, 1);
+  EXPECT_EQ(second->slot, 2);
+  EXPECT_EQ(second->primaryNumber, 2);
+  EXPECT_EQ(second->active, 1);
+  EXPECT_EQ(second->hidden, 1);
+  EXPECT_EQ(second->typeName, "UNKNWN");
+  EXPECT_EQ(second->startLba, 200u);
+  EXPECT_EQ(std::memcmp(second->rawEntry, Mbr() + 478, 16), 0);
+}
+
+TEST_F(PartitionTableTest, TablesWithoutPartitions) {
+  Load();
+  EXPECT_EQ(table->Count(kKindAll), 0);  // 55 AA with four empty entries
+
+  PutSlot(Mbr(), 0, kNtfs, 63, 100);
+  Mbr()[511] = 0;
+  Load();
+  EXPECT_EQ(table->Count(kKindAll), 0);  // no boot signature
+
+  drive->SetBootSignature();
+  std::memcpy(disks->sector0, Mbr(), 512);
+  disks->mediumPresent = false;
+  disks->tableLoaded = false;
+  PartitionTable noMedium(disks.get());
+  noMedium.Load();
+  EXPECT_EQ(noMedium.Count(kKindAll), 0);
+  EXPECT_TRUE(disks->tableLoaded);
+}
+
+TEST_F(PartitionTableTest, LogicalsFollowTheirExtendedPrimary) {
+  PutSlot(Mbr(), 0, kNtfs, 63, 937);
+  PutSlot(Mbr(), 1, kExtended, 1000, 3000);
+  PutSlot(Mbr(), 2, 0x0B, 5000, 100);
+  PutEbr(1000, kNtfs, 63, 100, 200);
+  PutEbr(1200, 0x83, 63, 100, 400);
+  PutEbr(1400, 0x82, 2, 50, 0);
+  PartitionTable& t = Load();
+
+  ASSERT_EQ(t.records.size(), 6u);
+  EXPECT_EQ(t.Count(kKindPrimary), 3);
+  EXPECT_EQ(t.Count(kKindLogical), 3);
+  EXPECT_EQ(t.Count(kKindExtended), 1);
+  EXPECT_EQ(t.Count(kKindAll), 6);
+  const int expectedSlots[] = {0, 1, -1, -1, -1, 2};
+  for (int i = 0; i < 6; ++i) {
+    const PartitionRecord& r = *t.records[static_cast<size_t>(i)];
+    if (expectedSlots[i] < 0) {
+      EXPECT_EQ(r.isPrimary, 0) << i;
+    } else {
+      EXPECT_EQ(r.slot, expectedSlots[i]) << i;
+    }
+  }
+  PartitionRecord* l2 = t.Get(2, kKindLogical);
+  ASSERT_NE(l2, nullptr);
+  EXPECT_EQ(l2->logicalNumber, 2);
+  EXPECT_EQ(l2->primaryNumber, 0);
+  EXPECT_EQ(l2->startLba, 1263u);  // relative to its own EBR
+  EXPECT_EQ(l2->ebrLba, 1200u);    // link relative to the extended start
+  EXPECT_EQ(l2->typeName, "Linux");
+  EXPECT_EQ(std::memcmp(l2->ebrImage, drive->Sector(1200), 512), 0);
+  EXPECT_EQ(t.Get(3, kKindLogical)->startLba, 1402u);
+  EXPECT_EQ(t.Get(1, kKindExtended)->slot, 1);
+  EXPECT_EQ(t.Get(3, kKindPrimary)->primaryNumber, 3);
+  EXPECT_EQ(t.Get(6, kKindAll)->slot, 2);
+}
+
+TEST_F(PartitionTableTest, EmptyEbrEntriesAndPartialLinksAreFollowed) {
+  PutSlot(Mbr(), 0, 0x05, 1000, 3000);
+  PutEbr(1000, kNtfs, 63, 100, 200);
+  PutEbr(1200, 0, 0, 0, 400);  // no partition here, but a link
+  PutEbr(1400, 0x83, 63, 100, 600);
+  // A link whose type byte alone is zero still leads on.
+  drive->Sector(1400)[mbr::kEbrLinkOffset + mbr::kEntryType] = 0;
+  PutEbr(1600, 0x82, 63, 100, 0);
+  PartitionTable& t = Load();
+  ASSERT_EQ(t.Count(kKindLogical), 3);
+  EXPECT_EQ(t.Get(1, kKindLogical)->ebrLba, 1000u);
+  EXPECT_EQ(t.Get(2, kKindLogical)->ebrLba, 1400u);
+  EXPECT_EQ(t.Get(2, kKindLogical)->logicalNumber, 2);
+  EXPECT_EQ(t.Get(3, kKindLogical)->ebrLba, 1600u);
+  EXPECT_EQ(t.Get(3, kKindLogical)->logicalNumber, 3);
+}
+
+TEST_F(PartitionTableTest, ChainsThatLoopEnd) {
+  PutSlot(Mbr(), 0, kExtended, 1000, 3000);
+  // Self link: a link of 0 points at the chain's start.
+  PutEbr(1000, kNtfs, 63, 100, 0);
+  PutEntry(drive->Sector(1000), mbr::kEbrLinkOffset, 0, 0x05, 0, 64);
+  EXPECT_EQ(Load().Count(kKindLogical), 1);
+
+  // The third EBR links back to the second.
+  PutEbr(1000, kNtfs, 63, 100, 200);
+  PutEbr(1200, kNtfs, 63, 100, 400);
+  PutEbr(1400, kNtfs, 63, 100, 200);
+  EXPECT_EQ(Load().Count(kKindLogical), 3);
+  EXPECT_EQ(table->records.size(), 4u);
+}
+
+TEST_F(PartitionTableTest, ChainsThatCannotBeReadEnd) {
+  PutSlot(Mbr(), 0, kExtended, 1000, 3000);
+  PutEbr(1000, kNtfs, 63, 100, 200);
+  PutEbr(1200, kNtfs, 63, 100, 400);
+  PutEbr(1400, kNtfs, 63, 100, 0);
+  drive->badSectors.insert(1200);
+  EXPECT_EQ(Load().Count(kKindLogical), 1);
+
+  // A link beyond the end of the disk fails its read.
+  drive->badSectors.clear();
+  PutEbr(1200, kNtfs, 63, 100, 0xFFFFFFFFu);
+  EXPECT_EQ(Load().Count(kKindLogical), 2);
+
+  // A short read leaves no stale bytes of an earlier EBR behind.
+  drive->readLimit = 200;
+  EXPECT_EQ(Load().Count(kKindLogical), 0);
+}
+
+TEST_F(PartitionTableTest, NoChainWalkWhenDisabled) {
+  PutSlot(Mbr(), 0, kExtended, 1000, 3000);
+  PutEbr(1000, kNtfs, 63, 100, 0);
+  disks->walkExtended = false;
+  EXPECT_EQ(Load().Count(kKindAll), 1);
+}
+
+TEST_F(PartitionTableTest, TwoExtendedPrimariesNumberTheirLogicalsInOneSequence) {
+  PutSlot(Mbr(), 0, kExtended, 1000, 1000);
+  PutSlot(Mbr(), 1, 0x05, 3000, 1000);
+  PutSlot(Mbr(), 2, 0x05, 3000, 1000);  // the same chain again
+  PutEbr(1000, kNtfs, 63, 100, 200);
+  PutEbr(1200, kNtfs, 63, 100, 0);
+  PutEbr(3000, 0x83, 63, 100, 0);
+  PartitionTable& t = Load();
+  EXPECT_EQ(t.Count(kKindPrimary), 3);
+  EXPECT_EQ(t.Count(kKindExtended), 3);
+  ASSERT_EQ(t.Count(kKindLogical), 3);
+  EXPECT_EQ(t.Count(kKindAll), static_cast<int32_t>(t.records.size()));
+  EXPECT_EQ(t.Get(3, kKindLogical)->logicalNumber, 3);
+  EXPECT_EQ(t.Get(3, kKindLogical)->startLba, 3063u);
+  EXPECT_EQ(t.Get(6, kKindAll), t.records[5].get());
+}
+
+TEST_F(PartitionTableTest, ChainOfTenThousandLogicalsLoadsQuickly) {
+  constexpr uint32_t kLogicals = 10000;
+  constexpr uint32_t kStart = 2048;
+  drive->bytes.resize((kStart + 2 * kLogicals + 16) * 512);
+  PutSlot(Mbr(), 0, kExtended, kStart, 2 * kLogicals);
+  for (uint32_t i = 0; i < kLogicals; ++i) {
+    PutEbr(kStart + 2 * i, kNtfs, 1, 1, i + 1 < kLogicals ? 2 * (i + 1) : 0);
+  }
+  auto begin = std::chrono::steady_clock::now();
+  PartitionTable& t = Load();
+  auto elapsed = std::chrono::steady_clock::now() - begin;
+  EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count(), 1000);
+  ASSERT_EQ(t.Count(kKindLogical), static_cast<int32_t>(kLogicals));
+  EXPECT_EQ(t.Get(kLogicals, kKindLogical)->startLba, kStart + 2 * (kLogicals - 1) + 1u);
+  EXPECT_EQ(t.Get(kLogicals, kKindLogical)->logicalNumber, static_cast<int32_t>(kLogicals));
+}
+
+TEST_F(PartitionTableTest, ChainOnAVirtualDiskCountsFromItsSectorZero) {
+  // On a virtual disk file, the disk's sector 0 lies at bootSectorLba.
+  disks->bootSectorLba = 100;
+  PutSlot(Mbr(), 0, kExtended, 1000, 3000);
+  PutEbr(1100, kNtfs, 63, 100, 0);
+  PartitionTable& t = Load();
+  ASSERT_EQ(t.Count(kKindLogical), 1);
+  EXPECT_EQ(t.Get(1, kKindLogical)->ebrLba, 1000u);
+  EXPECT_EQ(t.Get(1, kKindLogical)->startLba, 1063u);
+}
+
+TEST_F(PartitionTableTest, GetRejectsNumbersOutOfRange) {
+  PutSlot(Mbr(), 0, kNtfs, 63, 100);
+  PartitionTable& t = Load();
+  EXPECT_EQ(t.Get(0, kKindPrimary), nullptr);
+  EXPECT_EQ(t.Get(2, kKindPrimary), nullptr);
+  EXPECT_EQ(t.Get(-1, kKindAll), nullptr);
+  EXPECT_EQ(t.Get(1, kKindLogical), nullptr);
+  EXPECT_EQ(t.Get(1, kKindExtended), nullptr);
+  EXPECT_EQ(t.Count(4), 0);
+  EXPECT_EQ(t.Get(1, 4), nullptr);
+}
+
+TEST_F(PartitionTableTest, SortByStartIsAPlainSelectionSort) {
+  // Starts 5, 5, 3 (A, B, C) end as C, B, A: equal starts never exchange,
+  // and the sort is not stable.
+  PutSlot(Mbr(), 0, kNtfs, 5, 1);
+  PutSlot(Mbr(), 1, 0x83, 5, 1);
+  PutSlot(Mbr(), 2, 0x0B, 3, 1);
+  PartitionTable& t = Load();
+  t.SortByStart();
+  EXPECT_EQ(t.sorted, 0);
+  EXPECT_EQ(t.records[0]->slot, 2);
+  EXPECT_EQ(t.records[1]->slot, 1);
+  EXPECT_EQ(t.records[2]->slot, 0);
+  EXPECT_EQ(t.records[0]->primaryNumber, 3);  // numbers travel with records
+  t.SortByStart();
+  EXPECT_EQ(t.sorted, 1);
+}
+
+TEST_F(PartitionTableTest, SortMovesLogicalsAheadOfALaterPrimary) {
+  PutSlot(Mbr(), 0, kNtfs, 5000, 100);
+  PutSlot(Mbr(), 1, kExtended, 1000, 3000);
+  PutEbr(1000, kNtfs, 63, 100, 200);
+  PutEbr(1200, kNtfs, 63, 100, 0);
+  PartitionTable& t = Load();
+  t.SortByStart();
+  EXPECT_EQ(t.sorted, 0);
+  const uint64_t expected[] = {1000, 1063, 1263, 5000};
+  ASSERT_EQ(t.records.size(), 4u);
+  for (size_t i = 0; i < 4; ++i) EXPECT_EQ(t.records[i]->startLba, expected[i]) << i;
+}
+
+TEST_F(PartitionTableTest, SuperfloppyTakesItsPartitionFromTheDriveLayout) {
+  disks->superFloppy = 1;
+  drive->layoutExOk = true;
+  drive->layoutEx = {0, 0x3D, 32256, 1048576, true};
+  PartitionTable& t = Load();
+  ASSERT_EQ(t.Count(kKindAll), 1);
+  const PartitionRecord& r = *t.records[0];
+  EXPECT_EQ(r.type, 0x3D);
+  EXPECT_EQ(r.typeName, "Netware");
+  EXPECT_EQ(r.hidden, 1);  // the table's hidden column on this road
+  EXPECT_EQ(r.startLba, 63u);
+  EXPECT_EQ(r.sectorCount, 2048u);
+  EXPECT_EQ(r.sizeBytes, 1048576u);
+  EXPECT_EQ(r.primaryNumber, 1);
+  EXPECT_EQ(r.isPrimary, 1);
+  EXPECT_EQ(r.active, 0);
+
+  // A style other than MBR gives zeros; an unknown type is UNKNWN.
+  drive->layoutEx = {1, 0x07, 512, 512, true};
+  Load();
+  EXPECT_EQ(table->records[0]->type, 0);
+  EXPECT_EQ(table->records[0]->startLba, 0u);
+  EXPECT_EQ(table->records[0]->typeName, "UNKNWN");
+  EXPECT_EQ(table->records[0]->hidden, 0);
+}
+
+TEST_F(PartitionTableTest, SuperfloppyFallsBackToTheOldLayoutQuery) {
+  disks->superFloppy = 1;
+  drive->layoutOk = true;
+  drive->layout = {0, 0x07, 512, 4096, true};
+  EXPECT_EQ(Load().records.at(0)->typeName, "NTFS");
+
+  DriveLayoutResult result;
+  drive->layout.present = false;
+  EXPECT_TRUE(QueryDriveLayout(disks->device, &result));
+  EXPECT_EQ(result.type, 0u);
+  EXPECT_EQ(result.partitionLength, 0u);
+
+  drive->layoutOk = false;
+  EXPECT_FALSE(QueryDriveLayout(disks->device, &result));
+  EXPECT_EQ(Load().Count(kKindAll), 0);
+}
+
+TEST_F(PartitionTableTest, PartitionCountAndGetPartitionFollowTheDiskKind) {
+  PutSlot(Mbr(), 0, kNtfs, 63, 100);
+  PutSlot(Mbr(), 1, kExtended, 1000, 3000);
+  PutEbr(1000, kNtfs, 63, 100, 0);
+  Load();
+  disks->partitions = std::move(table);
+  EXPECT_EQ(PartitionCount(*disks, kKindAll), 3);
+  EXPECT_EQ(PartitionCount(*disks, kKindLogical), 1);
+  EXPECT_EQ(PartitionCount(*disks, 4), 0);
+  EXPECT_EQ(PartitionCount(*disks, -1), 0);
+  EXPECT_EQ(GetPartition(*disks, 1, kKindLogical)->startLba, 1063u);
+  EXPECT_EQ(GetPartition(*disks, 4, kKindAll), nullptr);
+
+  // On a GPT disk the GPT entries count, whatever the kind.
+  disks->isGpt = true;
+  EXPECT_EQ(PartitionCount(*disks, kKindLogical), 0);
+  EXPECT_EQ(GetPartition(*disks, 1, kKindAll), nullptr);
+  disks->gpt = std::make_unique<GptTable>();
+  disks->gpt->entries.push_back(std::make_unique<PartitionRecord>());
+  disks->gpt->entries.push_back(std::make_unique<PartitionRecord>());
+  EXPECT_EQ(PartitionCount(*disks, kKindLogical), 2);
+  EXPECT_EQ(PartitionCount(*disks, 7), 2);
+  EXPECT_EQ(GetPartition(*disks, 2, kKindPrimary), disks->gpt->entries[1].get());
+  EXPECT_EQ(GetPartition(*disks, 3, kKindPrimary), nullptr);
+  EXPECT_EQ(GetPartition(*disks, 0, kKindPrimary), nullptr);
+}
+
+TEST(PartitionTableLoad, DiskLoadingBuildsTheTable) {
+  FakeMachine machine;
+  ScopedHost host(&machine);
+  FakeDrive& drive = machine.AddDrive(0, 4096);
+  drive.Sector(0)[0] = 0x33;
+  drive.Sector(0)[1] = 0xC0;
+  drive.SetBootSignature();
+  PutSlot(drive.Sector(0), 0, kNtfs, 63, 100, 0x80);
+  PutSlot(drive.Sector(0), 3, kExtended, 1000, 2000);
+  PutEntry(drive.Sector(1000), mbr::kEntryOffset, 0x80, 0x0B, 63, 100);
+  DiskSet disks(false);
+  ASSERT_NE(disks.partitions, nullptr);
+  EXPECT_TRUE(disks.tableLoaded);
+  EXPECT_EQ(PartitionCount(disks, kKindAll), 3);
+  EXPECT_EQ(GetPartition(disks, 3, kKindAll)->typeName, "FAT32");
+  EXPECT_EQ(disks.activeIndex, 3);  // the last active partition wins
+}
+
+}  // namespace
+}  // namespace dh

@@ -1,0 +1,516 @@
+// The simulated machine on real image files in a temporary folder: drive
+// mapping, access rights, bad sectors and the image's end, device queries,
+// registry and mount-manager answers, and the other services.
+#include "platform/sim/sim_machine.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace dh::platform::sim {
+namespace {
+
+namespace fs = std::filesystem;
+
+class SimMachineTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    static std::atomic<int> counter{0};
+    const auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
+    dir_ = fs::temp_directory_path() /
+           ("diskhold_sim_" + std::to_string(stamp) + "_" + std::to_string(counter++));
+    fs::create_directories(dir_);
+  }
+  void TearDown() override {
+    machine_.reset();
+    std::error_code ignored;
+    fs::remove_all(dir_, ignored);
+  }
+
+  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
+
+  // An image of `sectors` sectors, each filled with its LBA's low byte.
+  void MakeImage(const std::string& name, uint64_t sectors) {
+    std::ofstream out(Path(name), std::ios::binary);
+    for (uint64_t lba = 0; lba < sectors; ++lba) {
+      const std::string sector(512, static_cast<char>(lba & 0xFF));
+      out.write(sector.data(), 512);
+    }
+  }
+  void Poke(const std::string& name, uint64_t offset, const std::string& bytes) {
+    std::fstream f(Path(name), std::ios::binary | std::ios::in | std::ios::out);
+    f.seekp(static_cast<std::streamoff>(offset));
+    f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  }
+  std::string FileText(const std::string& name) const {
+    std::ifstream in(Path(name), std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+
+  Machine& Load(const std::string& text) {
+    std::ofstream(Path("machine.ini"), std::ios::binary) << text;
+    std::string error;
+    machine_ = LoadSimulatedMachine(Path("machine.ini"), CreateNativeMachine(), &error);
+    EXPECT_TRUE(machine_ != nullptr) << error;
+    if (!machine_) throw std::runtime_error(error);
+    return *machine_;
+  }
+  std::string LoadError(const std::string& text) {
+    std::ofstream(Path("machine.ini"), std::ios::binary) << text;
+    std::string error;
+    EXPECT_EQ(LoadSimulatedMachine(Path("machine.ini"), CreateNativeMachine(), &error), nullptr);
+    return error;
+  }
+
+  static std::vector<uint8_t> ReadAt(File& f, uint64_t offset, uint32_t bytes, bool* ok, uint32_t* done) {
+    std::vector<uint8_t> buffer(bytes, 0xEE);
+    *ok = f.Seek(offset) && f.Read(buffer.data(), bytes, done);
+    return buffer;
+  }
+  static bool WriteAt(File& f, uint64_t offset, const std::vector<uint8_t>& data) {
+    uint32_t done = 0;
+    return f.Seek(offset) && f.Write(data.data(), static_cast<uint32_t>(data.size()), &done) && done == data.size();
+  }
+
+  fs::path dir_;
+  std::unique_ptr<Machine> machine_;
+};
+
+TEST_F(SimMachineTest, LoadFailuresSayWhy) {
+  std::string error;
+  EXPECT_EQ(LoadSimulatedMachine(Path("nothing.ini"), CreateNativeMachine(), &error), nullptr);
+  EXPECT_NE(error.find("cannot read the machine file"), std::string::npos) << error;
+  EXPECT_NE(error.find("The system cannot find the file specified."), std::string::npos) << error;
+
+  error = LoadError("[machine]\n\n[drive 0]\nimage = missing.img\n");
+  EXPECT_NE(error.find("line 4: cannot open the image of [drive 0]"), std::string::npos) << error;
+  EXPECT_NE(error.find("missing.img"), std::string::npos) << error;
+
+  error = LoadError("[drive 0]\nimage = a\nbogus = 1\n");
+  EXPECT_NE(error.find(Path("machine.ini") + ", line 3:"), std::string::npos) << error;
+}
+
+TEST_F(SimMachineTest, DrivesMapByNumberWithGaps) {
+  MakeImage("d0.img", 8);
+  MakeImage("d2.img", 16);
+  Poke("d2.img", 0, "TWO");
+  Machine& m = Load("[drive 2]\nimage = d2.img\n[drive 0]\nimage = d0.img\n");
+
+  EXPECT_EQ(m.Open("\\\\.\\PhysicalDrive1", OpenMode::ProbeRead), nullptr);
+  EXPECT_EQ(m.LastError(), 2u);
+  for (const char* absent : {"\\\\.\\PhysicalDrive02", "\\\\.\\PhysicalDrive100", "\\\\.\\PhysicalDrive",
+                             "\\\\.\\PhysicalDrive2x", "\\\\.\\C:"}) {
+    EXPECT_EQ(m.Open(absent, OpenMode::ProbeRead), nullptr) << absent;
+    EXPECT_FALSE(m.PathExists(absent)) << absent;
+  }
+  EXPECT_TRUE(m.PathExists("\\\\.\\PhysicalDrive0"));
+  std::unique_ptr<File> two = m.Open("\\\\.\\physicaldrive2", OpenMode::DiskReadWrite);
+  ASSERT_NE(two, nullptr);
+  uint64_t size = 0;
+  ASSERT_TRUE(two->Size(&size));
+  EXPECT_EQ(size, 16u * 512);
+  bool ok = false;
+  uint32_t done = 0;
+  std::vector<uint8_t> head = ReadAt(*two, 0, 3, &ok, &done);
+  ASSERT_TRUE(ok);
+  EXPECT_EQ(std::string(head.begin(), head.end()), "TWO");
+  // Creating over a drive would truncate its image.
+  EXPECT_EQ(m.Open("\\\\.\\PhysicalDrive0", OpenMode::CreateAlways), nullptr);
+  EXPECT_EQ(m.LastError(), 5u);
+  EXPECT_EQ(fs::file_size(Path("d0.img")), 8u * 512);
+}
+
+TEST_F(SimMachineTest, ReadOnlyDrivesOpenOnlyForReading) {
+  MakeImage("d.img", 8);
+  Machine& m = Load("[drive 0]\nimage = d.img\nreadonly = yes\n");
+  EXPECT_EQ(m.Open("\\\\.\\PhysicalDrive0", OpenMode::DiskReadWrite), nullptr);
+  EXPECT_EQ(m.LastError(), 5u);
+  EXPECT_EQ(m.Open("\\\\.\\PhysicalDrive0", OpenMode::ReadWriteExisting), nullptr);
+  std::unique_ptr<File> probe = m.Open("\\\\.\\PhysicalDrive0", OpenMode::ProbeRead);
+  ASSERT_NE(probe, nullptr);
+  ASSERT_NE(m.Open("\\\\.\\PhysicalDrive0", OpenMode::ReadExisting), nullptr);
+  bool ok = false;
+  uint32_t done = 0;
+  EXPECT_EQ(ReadAt(*probe, 512, 512, &ok, &done)[0], 1);
+  EXPECT_TRUE(ok);
+  // A handle opened for reading refuses writes.
+  EXPECT_FALSE(WriteAt(*probe, 0, std::vector<uint8_t>(512, 0x77)));
+  EXPECT_EQ(m.LastError(), 5u);
+  EXPECT_EQ(FileText("d.img")[0], '\0');
+}
+
+TEST_F(SimMachineTest, BadSectorsFailReadsAndWritesThatTouchThem) {
+  MakeImage("d.img", 200);
+  Machine& m = Load("[drive 0]\nimage = d.img\nbadsectors = 100-120, 150\n");
+  std::unique_ptr<File> f = m.Open("\\\\.\\PhysicalDrive0", OpenMode::DiskReadWrite);
+  ASSERT_NE(f, nullptr);
+  bool ok = false;
+  uint32_t done = 0;
+  struct Case {
+    uint64_t offset;
+    uint32_t bytes;
+    bool good;
+  };
+  const Case cases[] = {
+      {99 * 512, 512, true},         // just before the range
+      {100 * 512, 512, false},       // its first sector
+      {120 * 512, 512, false},       // its last sector
+      {121 * 512, 512, true},        // just after
+      {99 * 512, 1024, false},       // crossing into it
+      {100 * 512 - 1, 2, false},     // one byte on each side of the edge
+      {99 * 512 + 511, 1, true},     // the last byte before it
+      {121 * 512, 29 * 512, true},   // up to 149
+      {121 * 512, 29 * 512 + 1, false},  // one byte of 150
+      {150 * 512 + 511, 1, false},
+  };
+  for (const Case& c : cases) {
+    ReadAt(*f, c.offset, c.bytes, &ok, &done);
+    EXPECT_EQ(ok, c.good) << "read at " << c.offset << " +" << c.bytes;
+    if (c.good) {
+      EXPECT_EQ(done, c.bytes);
+    } else {
+      EXPECT_EQ(m.LastError(), 23u);
+    }
+  }
+  const std::string before = FileText("d.img");
+  EXPECT_FALSE(WriteAt(*f, 99 * 512, std::vector<uint8_t>(1024, 0x55)));
+  EXPECT_EQ(m.LastError(), 23u);
+  EXPECT_EQ(FileText("d.img"), before);  // a refused write changes nothing
+  EXPECT_TRUE(WriteAt(*f, 121 * 512, std::vector<uint8_t>(512, 0x55)));
+  EXPECT_EQ(static_cast<uint8_t>(FileText("d.img")[121 * 512]), 0x55);
+}
+
+TEST_F(SimMachineTest, TheImageEndIsTheDiskEnd) {
+  MakeImage("d.img", 10);
+  Machine& m = Load("[drive 0]\nimage = d.img\n");
+  std::unique_ptr<File> f = m.Open("\\\\.\\PhysicalDrive0", OpenMode::DiskReadWrite);
+  ASSERT_NE(f, nullptr);
+  bool ok = false;
+  uint32_t done = 0;
+  ReadAt(*f, 10 * 512, 512, &ok, &done);
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(m.LastError(), 27u);
+  ReadAt(*f, 1ull << 62, 512, &ok, &done);
+  EXPECT_FALSE(ok);
+  std::vector<uint8_t> tail = ReadAt(*f, 9 * 512, 1024, &ok, &done);
+  EXPECT_TRUE(ok);
+  EXPECT_EQ(done, 512u);  // short, not failed
+  EXPECT_EQ(tail[0], 9);
+  EXPECT_EQ(tail[512], 0xEE);  // nothing written past what was read
+
+  EXPECT_FALSE(WriteAt(*f, 9 * 512, std::vector<uint8_t>(1024, 1)));
+  EXPECT_EQ(m.LastError(), 27u);
+  EXPECT_FALSE(WriteAt(*f, 0xFFFFFFFFFFFFFE00ull, std::vector<uint8_t>(1024, 1)));
+  EXPECT_EQ(fs::file_size(Path("d.img")), 10u * 512);
+  EXPECT_EQ(static_cast<uint8_t>(FileText("d.img")[9 * 512]), 9);
+  EXPECT_TRUE(WriteAt(*f, 9 * 512, std::vector<uint8_t>(512, 0xAB)));
+  EXPECT_TRUE(f->Flush());
+  EXPECT_EQ(static_cast<uint8_t>(FileText("d.img")[9 * 512 + 511]), 0xAB);
+  EXPECT_EQ(fs::file_size(Path("d.img")), 10u * 512);
+}
+
+TEST_F(SimMachineTest, GeometryAndDeviceQueries) {
+  MakeImage("fixed.img", 255 * 63 * 3 + 100);
+  MakeImage("stick.img", 64);
+  MakeImage("card.img", 8);
+  Machine& m = Load(
+      "[drive 0]\nimage = fixed.img\n"
+      "[drive 1]\nimage = stick.img\nmedia = removable\nheads = 2\nsectors = 16\ncylinders = 7\n"
+      "layout = 0e,512,0x1000\n"
+      "[drive 2]\nimage = card.img\nmedia = absent\n");
+  std::unique_ptr<File> fixed = m.Open("\\\\.\\PhysicalDrive0", OpenMode::DiskReadWrite);
+  ASSERT_NE(fixed, nullptr);
+  DiskGeometry g;
+  ASSERT_TRUE(fixed->GetDriveGeometry(&g));
+  EXPECT_EQ(g.mediaType, kMediaFixed);
+  EXPECT_EQ(g.tracksPerCylinder, 255u);
+  EXPECT_EQ(g.sectorsPerTrack, 63u);
+  EXPECT_EQ(g.cylinders, 3);
+  uint64_t diskSize = 0;
+  ASSERT_TRUE(fixed->GetDriveGeometryEx(&g, &diskSize));
+  EXPECT_EQ(diskSize, (255u * 63 * 3 + 100) * 512);
+  uint64_t start = 1;
+  uint64_t length = 0;
+  ASSERT_TRUE(fixed->GetPartitionInfo(&start, &length));
+  EXPECT_EQ(start, 0u);
+  EXPECT_EQ(length, diskSize);
+  EXPECT_TRUE(fixed->UpdateProperties());
+
+  std::unique_ptr<File> stick = m.Open("\\\\.\\PhysicalDrive1", OpenMode::ProbeRead);
+  ASSERT_NE(stick, nullptr);
+  ASSERT_TRUE(stick->GetDriveGeometry(&g));
+  EXPECT_EQ(g.mediaType, kMediaRemovable);
+  EXPECT_EQ(g.tracksPerCylinder, 2u);
+  EXPECT_EQ(g.sectorsPerTrack, 16u);
+  EXPECT_EQ(g.cylinders, 7);
+  LayoutEntry layout;
+  ASSERT_TRUE(stick->GetDriveLayoutEx(&layout));
+  EXPECT_TRUE(layout.present);
+  EXPECT_EQ(layout.partitionType, 0x0E);
+  EXPECT_EQ(layout.startingOffset, 512u);
+  EXPECT_EQ(layout.partitionLength, 0x1000u);
+
+  // No medium: the open works, everything after it is "not ready".
+  std::unique_ptr<File> card = m.Open("\\\\.\\PhysicalDrive2", OpenMode::DiskReadWrite);
+  ASSERT_NE(card, nullptr);
+  EXPECT_FALSE(card->GetDriveGeometry(&g));
+  EXPECT_EQ(m.LastError(), 21u);
+  EXPECT_FALSE(card->GetDriveGeometryEx(&g, &diskSize));
+  bool ok = true;
+  uint32_t done = 0;
+  ReadAt(*card, 0, 512, &ok, &done);
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(m.LastError(), 21u);
+  EXPECT_FALSE(WriteAt(*card, 0, std::vector<uint8_t>(512, 1)));
+}
+
+TEST_F(SimMachineTest, DerivedLayoutFollowsTheCurrentSectorZero) {
+  MakeImage("d.img", 16);
+  Machine& m = Load("[drive 0]\nimage = d.img\n");
+  std::unique_ptr<File> f = m.Open("\\\\.\\PhysicalDrive0", OpenMode::DiskReadWrite);
+  ASSERT_NE(f, nullptr);
+  LayoutEntry layout;
+  ASSERT_TRUE(f->GetDriveLayout(&layout));
+  EXPECT_TRUE(layout.present);
+  EXPECT_EQ(layout.partitionType, 0);
+  EXPECT_EQ(layout.partitionLength, 16u * 512);
+  struct Case {
+    uint64_t offset;
+    const char* text;
+    uint8_t type;
+  };
+  for (const Case& c : {Case{3, "NTFS    ", 0x07}, Case{3, "FAT32   ", 0x0C}, Case{82, "FAT32   ", 0x0C},
+                        Case{54, "FAT16   ", 0x06}, Case{54, "FAT12   ", 0x06}}) {
+    std::vector<uint8_t> sector(512, 0);
+    std::copy(c.text, c.text + 8, sector.begin() + static_cast<long>(c.offset));
+    ASSERT_TRUE(WriteAt(*f, 0, sector));
+    ASSERT_TRUE(f->GetDriveLayoutEx(&layout));
+    EXPECT_EQ(layout.partitionType, c.type) << c.text << " at " << c.offset;
+    EXPECT_EQ(layout.startingOffset, 0u);
+  }
+  // The query does not move the handle's position.
+  ASSERT_TRUE(f->Seek(3 * 512));
+  ASSERT_TRUE(f->GetDriveLayoutEx(&layout));
+  uint8_t byte = 0;
+  uint32_t done = 0;
+  ASSERT_TRUE(f->Read(&byte, 1, &done));
+  EXPECT_EQ(byte, 3);
+}
+
+TEST_F(SimMachineTest, RegistryDescribesTheDisks) {
+  MakeImage("a.img", 4);
+  MakeImage("b.img", 4);
+  MakeImage("c.img", 4);
+  Machine& m = Load(
+      "[drive 5]\nimage = c.img\ninstance = USBSTOR\\Disk&Ven_X\\0001\nparentidprefix = 7&2a3b&0\n"
+      "[drive 0]\nimage = a.img\ninstance = IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0\n"
+      "friendlyname = ST3500418AS  ATA Device\ndevicedesc = Disk drive\n"
+      "[drive 3]\nimage = b.img\n");
+  const std::string diskEnum = "SYSTEM\\CurrentControlSet\\Services\\Disk\\Enum";
+  std::vector<uint8_t> bytes;
+  ASSERT_TRUE(m.RegQueryBinary(diskEnum, "Count", &bytes));
+  EXPECT_EQ(bytes, (std::vector<uint8_t>{3, 0, 0, 0}));
+  std::string text;
+  EXPECT_FALSE(m.RegQueryString(diskEnum, "Count", &text));  // a REG_DWORD
+  ASSERT_TRUE(m.RegQueryString(diskEnum, "0", &text));
+  EXPECT_EQ(text, "IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0");
+  EXPECT_FALSE(m.RegQueryString(diskEnum, "1", &text));  // drive 3 has no instance
+  EXPECT_EQ(m.LastError(), 2u);
+  ASSERT_TRUE(m.RegQueryString("system\\currentcontrolset\\services\\disk\\enum", "2", &text));
+  EXPECT_EQ(text, "USBSTOR\\Disk&Ven_X\\0001");
+  EXPECT_FALSE(m.RegQueryString(diskEnum, "3", &text));
+  EXPECT_FALSE(m.RegQueryString(diskEnum, "00", &text));
+
+  const std::string ide = "SYSTEM\\CurrentControlSet\\Enum\\ide\\diskst3500418as\\5&2A4F5&0&0.0.0";
+  ASSERT_TRUE(m.RegQueryString(ide, "FriendlyName", &text));
+  EXPECT_EQ(text, "ST3500418AS  ATA Device");
+  ASSERT_TRUE(m.RegQueryString(ide, "devicedesc", &text));
+  EXPECT_EQ(text, "Disk drive");
+  EXPECT_FALSE(m.RegQueryString(ide, "ParentIDPrefix", &text));
+  ASSERT_TRUE(m.RegQueryBinary(ide, "DeviceDesc", &bytes));
+  EXPECT_EQ(bytes.size(), 11u);  // with its terminator
+  EXPECT_EQ(bytes.back(), 0);
+  const std::string usb = "SYSTEM\\CurrentControlSet\\Enum\\USBSTOR\\Disk&Ven_X\\0001";
+  ASSERT_TRUE(m.RegQueryString(usb, "ParentIDPrefix", &text));
+  EXPECT_EQ(text, "7&2a3b&0");
+  EXPECT_FALSE(m.RegQueryString(usb, "FriendlyName", &text));
+  EXPECT_FALSE(m.RegQueryString("SYSTEM\\CurrentControlSet\\Enum\\", "FriendlyName", &text));
+  EXPECT_FALSE(m.RegQueryString("SOFTWARE\\Other", "x", &text));
+}
+
+TEST_F(SimMachineTest, MountedVolumesAndTheirRecords) {
+  MakeImage("d.img", 8);
+  Poke("d.img", 440, std::string("\x78\x56\x34\x12", 4));
+  Machine& m = Load(
+      "[drive 0]\nimage = d.img\n"
+      "[volume D]\ndrive = 0\noffset = 1048576\nguid = 6a1c1c4e-0b2a-11e1-8e4c-806e6f6e6963\n"
+      "[volume C]\ndrive = 0\noffset = 32256\n"
+      "[volume F]\ndevice = \\??\\STORAGE#RemovableMedia#7&2a3b&0&RM\n");
+  EXPECT_EQ(m.LogicalDriveStrings(), (std::vector<std::string>{"C:\\", "D:\\", "F:\\"}));
+  std::string name;
+  ASSERT_TRUE(m.VolumeNameForMountPoint("D:\\", &name));
+  EXPECT_EQ(name, "\\\\?\\Volume{6a1c1c4e-0b2a-11e1-8e4c-806e6f6e6963}\\");
+  ASSERT_TRUE(m.VolumeNameForMountPoint("c:\\", &name));
+  EXPECT_EQ(name, "\\\\?\\Volume{00000000-0000-0000-0000-000000000043}\\");
+  EXPECT_EQ(name.size(), 49u);
+  EXPECT_FALSE(m.VolumeNameForMountPoint("E:\\", &name));
+  EXPECT_FALSE(m.VolumeNameForMountPoint("C:", &name));
+
+  const std::string key = "SYSTEM\\MountedDevices";
+  std::vector<uint8_t> record;
+  ASSERT_TRUE(m.RegQueryBinary(key, "\\??\\Volume{6a1c1c4e-0b2a-11e1-8e4c-806e6f6e6963}", &record));
+  EXPECT_EQ(record, (std::vector<uint8_t>{0x78, 0x56, 0x34, 0x12, 0, 0, 0x10, 0, 0, 0, 0, 0}));
+  std::vector<uint8_t> byLetter;
+  ASSERT_TRUE(m.RegQueryBinary(key, "\\DosDevices\\D:", &byLetter));
+  EXPECT_EQ(byLetter, record);
+  // The signature is read when asked, so a new one written by the run shows.
+  Poke("d.img", 440, std::string("\xAA\xBB\xCC\xDD", 4));
+  ASSERT_TRUE(m.RegQueryBinary(key, "\\??\\Volume{00000000-0000-0000-0000-000000000043}", &record));
+  EXPECT_EQ(record, (std::vector<uint8_t>{0xAA, 0xBB, 0xCC, 0xDD, 0x00, 0x7E, 0, 0, 0, 0, 0, 0}));
+
+  ASSERT_TRUE(m.RegQueryBinary(key, "\\??\\Volume{00000000-0000-0000-0000-000000000046}", &record));
+  const std::string device = "\\??\\STORAGE#RemovableMedia#7&2a3b&0&RM";
+  ASSERT_EQ(record.size(), device.size() * 2);
+  for (size_t i = 0; i < device.size(); ++i) {
+    EXPECT_EQ(record[2 * i], static_cast<uint8_t>(device[i]));
+    EXPECT_EQ(record[2 * i + 1], 0);
+  }
+  EXPECT_FALSE(m.RegQueryBinary(key, "\\??\\Volume{00000000-0000-0000-0000-000000000045}", &record));
+  EXPECT_FALSE(m.RegQueryString(key, "\\DosDevices\\D:", &name));  // binary, not text
+}
+
+TEST_F(SimMachineTest, VersionRightsLocaleAndNames) {
+  Machine& m = Load(
+      "[machine]\nversion = 5.1\nelevated = no\ncodepage = 850\ncomputername = TESTPC\n"
+      "systemdrive = C:\ndecimal = \",\"\nthousands = .\n"
+      "[environment]\nWINDIR = C:\\Windows\n");
+  OsVersion v;
+  ASSERT_TRUE(m.GetVersionEx(&v));
+  EXPECT_EQ(v.majorVersion, 5u);
+  EXPECT_EQ(v.minorVersion, 1u);
+  EXPECT_EQ(v.platformId, 2u);
+  EXPECT_EQ(m.GetVersion(), 5u | (1u << 8) | (7601u << 16));
+  bool elevated = true;
+  ASSERT_TRUE(m.QueryElevation(&elevated));
+  EXPECT_FALSE(elevated);
+  EXPECT_EQ(m.ConsoleOutputCodePage(), 850u);
+  EXPECT_EQ(m.ComputerName(), "TESTPC");
+  std::string value;
+  ASSERT_TRUE(m.GetEnv("SystemDrive", &value));
+  EXPECT_EQ(value, "C:");
+  ASSERT_TRUE(m.GetEnv("windir", &value));
+  EXPECT_EQ(value, "C:\\Windows");
+  EXPECT_FALSE(m.GetEnv("PATH", &value));  // never the host's
+
+  std::string item;
+  ASSERT_TRUE(m.GetLocaleInfo(LocaleItem::DecimalSep, &item));
+  EXPECT_EQ(item, ",");
+  ASSERT_TRUE(m.GetLocaleInfo(LocaleItem::ThousandSep, &item));
+  EXPECT_EQ(item, ".");
+  ASSERT_TRUE(m.GetLocaleInfo(LocaleItem::Grouping, &item));
+  EXPECT_EQ(item, "3;0");
+  ASSERT_TRUE(m.GetLocaleInfo(LocaleItem::LeadingZero, &item));
+  EXPECT_EQ(item, "1");
+  ASSERT_TRUE(m.GetLocaleInfo(LocaleItem::NegativeNumber, &item));
+  EXPECT_EQ(item, "1");
+  NumberFormat f;
+  f.decimalSep = ",";
+  f.thousandSep = ".";
+  std::string out;
+  ASSERT_TRUE(m.GetNumberFormat("465.761459", f, &out));
+  EXPECT_EQ(out, "465,76");
+  EXPECT_FALSE(m.GetNumberFormat("4x", f, &out));
+  EXPECT_EQ(m.LastError(), 87u);
+  ASSERT_TRUE(m.SystemMessageText(87, &out));
+  EXPECT_EQ(out, "The parameter is incorrect.\r\n");
+  EXPECT_FALSE(m.SystemMessageText(99999, &out));
+
+  Machine& defaults = Load("");
+  EXPECT_EQ(defaults.ComputerName(), "DISKHOLD-SIM");
+  EXPECT_EQ(defaults.ConsoleOutputCodePage(), 437u);
+  EXPECT_FALSE(defaults.GetEnv("systemdrive", &value));
+  ASSERT_TRUE(defaults.QueryElevation(&elevated));
+  EXPECT_TRUE(elevated);
+  Machine& unknown = Load("[machine]\nelevated = unknown\n");
+  EXPECT_FALSE(unknown.QueryElevation(&elevated));
+}
+
+TEST_F(SimMachineTest, ShutdownIsOnlyLogged) {
+  Machine& m = Load("[machine]\nshutdownlog = shutdown.log\n");
+  EXPECT_TRUE(m.EnableShutdownPrivilege());
+  EXPECT_TRUE(m.ExitWindows(5));
+  EXPECT_TRUE(m.ExitWindows(2));
+  EXPECT_EQ(FileText("shutdown.log"), "shutdown flags=5\nshutdown flags=2\n");
+  Machine& denied = Load("[machine]\nshutdownprivilege = no\n");
+  EXPECT_FALSE(denied.EnableShutdownPrivilege());
+  EXPECT_EQ(denied.LastError(), 1300u);
+}
+
+TEST_F(SimMachineTest, FormatEngineModes) {
+  struct Call {
+    int command;
+    uint32_t percent;
+    bool success;
+  };
+  std::vector<Call> calls;
+  const FormatCallback record = [&](int command, uint32_t, const FormatCallbackData& data) {
+    calls.push_back({command, data.percent, data.success});
+    return true;
+  };
+  MakeImage("d.img", 8);
+  const std::string before = FileText("d.img");
+  Machine& ok = Load("[machine]\nformatengine = ok\n[drive 0]\nimage = d.img\n");
+  EXPECT_EQ(ok.LoadFormatEngine(), FormatEngineState::Ready);
+  ASSERT_TRUE(ok.FormatEx(u"\\\\?\\Volume{x}\\", 0x0C, u"NTFS", u"MYLABEL", false, 0, record));
+  ASSERT_EQ(calls.size(), 6u);
+  for (size_t i = 0; i < 5; ++i) {
+    EXPECT_EQ(calls[i].command, 0);
+    EXPECT_EQ(calls[i].percent, 25 * i);
+  }
+  EXPECT_EQ(calls[5].command, 11);
+  EXPECT_TRUE(calls[5].success);
+  EXPECT_EQ(FileText("d.img"), before);
+
+  calls.clear();
+  Machine& fail = Load("[machine]\nformatengine = fail\n");
+  EXPECT_EQ(fail.LoadFormatEngine(), FormatEngineState::Ready);
+  ASSERT_TRUE(fail.FormatEx(u"", 0x0C, u"NTFS", u"MYLABEL", false, 0, record));
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].command, 11);
+  EXPECT_FALSE(calls[0].success);
+
+  EXPECT_EQ(Load("").LoadFormatEngine(), FormatEngineState::LibraryMissing);
+  Machine& noEntry = Load("[machine]\nformatengine = noentry\n");
+  EXPECT_EQ(noEntry.LoadFormatEngine(), FormatEngineState::EntryMissing);
+  EXPECT_FALSE(noEntry.FormatEx(u"", 0x0C, u"NTFS", u"MYLABEL", false, 0, record));
+}
+
+TEST_F(SimMachineTest, HostFilesGoThroughTheNativeMachine) {
+  Machine& m = Load("");
+  const std::string path = Path("backup.bin");
+  std::unique_ptr<File> out = m.Open(path, OpenMode::CreateAlways);
+  ASSERT_NE(out, nullptr);
+  ASSERT_TRUE(WriteAt(*out, 0, {1, 2, 3}));
+  ASSERT_TRUE(out->Flush());
+  out.reset();
+  EXPECT_TRUE(m.PathExists(path));
+  std::unique_ptr<File> in = m.Open(path, OpenMode::ReadExisting);
+  ASSERT_NE(in, nullptr);
+  bool ok = false;
+  uint32_t done = 0;
+  EXPECT_EQ(ReadAt(*in, 0, 3, &ok, &done), (std::vector<uint8_t>{1, 2, 3}));
+  DiskGeometry g;
+  EXPECT_FALSE(in->GetDriveGeometry(&g));  // a plain file is no disk
+  EXPECT_EQ(m.Open(Path("absent.bin"), OpenMode::ReadExisting), nullptr);
+  EXPECT_EQ(m.LastError(), 2u);
+  EXPECT_FALSE(m.PathExists(Path("absent.bin")));
+}
+
+}  // namespace
+}  // namespace dh::platform::sim
