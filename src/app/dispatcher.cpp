@@ -11,6 +11,7 @@
 #include "app/messages.h"
 #include "app/run_state.h"
 #include "disk/disk_set.h"
+#include "edit/edit_commands.h"
 #include "gpt/gpt_table.h"
 #include "mbr/partition.h"
 #include "report/listing.h"
@@ -55,28 +56,6 @@ bool AcceptsAllDisks(int32_t command) {
     default:
       return false;
   }
-}
-
-void RunDelete(DiskSet& disks) {
-  RunOptions& o = Options();
-  if (o.partNumber == kAllPartitions && o.diskNumber >= 0) {
-    NotAvailable("del");
-    return;
-  }
-  if (o.partNumber == kAllPartitions && o.diskNumber == kAllDisks) {
-    NotAvailable("del");
-    return;
-  }
-  if (o.diskNumber == kAllDisks) {
-    SetResultIfNone(kAllDisksNeedAllPartitions);
-    return;
-  }
-  int32_t limit = disks.isGpt ? (disks.gpt ? disks.gpt->EntryCount() : 0) : PartitionCount(disks, kKindPrimary);
-  if (o.partNumber < 1 || o.partNumber > limit) {
-    SetResultIfNone(kInvalidPartition);
-    return;
-  }
-  NotAvailable("del");
 }
 
 void RunCommand(DiskSet& disks) {
@@ -127,28 +106,19 @@ void RunCommand(DiskSet& disks) {
       return;
     case kCmdSort:
     case kCmdIsSorted:
-      NotAvailable(o.command == kCmdSort ? "sort" : "issorted");
+    case kCmdActive:
+    case kCmdInactive:
+    case kCmdHide:
+    case kCmdUnhide:
+    case kCmdDelete:
+    case kCmdType:
+    case kCmdCreate:
+      RunEditCommand(disks);
       return;
     case kCmdList:
     case kCmdTabList:
       ListDisks(disks);
       s.completedStep = kCmdList;
-      return;
-    case kCmdActive:
-    case kCmdInactive:
-    case kCmdHide:
-    case kCmdUnhide:
-      if (disks.isGpt) {
-        SetResultIfNone(kNotGptDisk);
-        return;
-      }
-      NotAvailable("partition flag edits");
-      return;
-    case kCmdDelete:
-      RunDelete(disks);
-      return;
-    case kCmdType:
-      NotAvailable("type=");
       return;
     case kCmdCopy:
     case kCmdCompare:
@@ -187,9 +157,6 @@ void RunCommand(DiskSet& disks) {
       NotAvailable("status=");
       return;
     }
-    case kCmdCreate:
-      NotAvailable("create=");
-      return;
     case kCmdFormat:
       NotAvailable("format");
       return;

@@ -1,16 +1,33 @@
-// The GPT of the current disk, offered as records like the MBR partitions.
+// The GPT of the current disk, offered as records like the MBR partitions:
+// reading it, removing entries and writing the array back with consistent
+// checksums and backup, restoring a saved GPT area, and the sizes of the
+// GPT area for save and wipe.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "app/result_codes.h"
+#include "gpt/gpt_format.h"
 #include "mbr/partition.h"
 
 namespace dh {
 
 class DiskSet;
+
+// What an entry of a known type carries besides its PartitionRecord.
+struct GptEntryDetails {
+  int32_t typeNumber = 0;  // the row of the GPT type table
+  std::string typeGuidText;
+  std::string shortTypeName;
+  std::string longTypeName;
+  std::string fileSystemName;  // "NTFS", "FAT32"...; empty when none found
+  bool required = false;
+  bool readOnly = false;
+  bool attributeHidden = false;
+};
 
 class GptTable {
  public:
@@ -20,12 +37,78 @@ class GptTable {
     if (n < 1 || n > EntryCount()) return nullptr;
     return entries[static_cast<size_t>(n - 1)].get();
   }
+  // The GPT facts of the n-th entry; null when there are none.
+  const GptEntryDetails* Details(int32_t n) const {
+    if (n < 1 || n > static_cast<int32_t>(details.size())) return nullptr;
+    return &details[static_cast<size_t>(n - 1)];
+  }
 
+  // The table's first error; later errors do not replace it.
+  void RecordError(ResultCode code) {
+    if (code != kSuccess && firstError == kSuccess) firstError = code;
+  }
+
+  // The entries of known types in array order, and their GPT facts
+  // (details[i] belongs to entries[i]).
   std::vector<std::unique_ptr<PartitionRecord>> entries;
+  std::vector<GptEntryDetails> details;
   ResultCode firstError = kSuccess;
+
+  uint8_t primaryHeader[512] = {};
+  uint8_t backupHeader[512] = {};
+  // The primary header was read and passed ValidateGptHeader; `header`
+  // holds its facts.  Nothing is read or written through a header without it.
+  bool headerValid = false;
+  GptHeaderFacts header;
+  bool backupValid = false;
+  // Where the disk's sector 0 lies on its device; every GPT LBA is relative
+  // to it (0 for a physical drive).
+  uint64_t baseLba = 0;
+  bool isVirtual = false;
+  // The whole sectors of the entry array as read, entries of every type
+  // included, and which of its slots have been removed since.
+  bool arrayLoaded = false;
+  std::vector<uint8_t> entryArray;
+  std::vector<uint8_t> slotRemoved;
 };
 
-// Builds the GPT of the current disk of `disks`.
+// Builds the GPT of the current disk of `disks` (its device, bootSectorLba,
+// isVirtual and totalSectors).  Always yields a table; failures are in its
+// firstError: 200 for a header that is unreadable or fails the checks, 201
+// for a missing backup header, 203 for an unreadable entry array.
 std::unique_ptr<GptTable> LoadGpt(DiskSet& disks);
+
+// Writes the entry array of `disks.gpt` back: the array as read with the
+// removed entries taken out and the rest closed up in their order, the
+// array and header CRCs of the primary header, and the backup array and
+// header.  Returns this write's code (0, or 200/202/203), which is also
+// recorded in the table.
+ResultCode WriteGptEntries(DiskSet& disks);
+
+// Removes the n-th entry (1-based, among the entries of known types) and
+// writes the GPT back; returns 0 or the GPT code.
+ResultCode RemoveGptEntry(DiskSet& disks, int32_t n);
+// Removes every entry of a known type and writes the GPT back.  Entries of
+// unknown types stay.  With nothing to remove nothing is written.
+ResultCode ClearGptEntries(DiskSet& disks);
+
+// The restore=gpt operation: writes the GPT area saved in a Diskhold Backup
+// File of kind 3 at the disk's sector 0.  Returns 0 or 200, 202, 203, 204,
+// 205 (131 when the current disk has no GPT table).  The table in memory is
+// not refreshed.
+ResultCode RestoreGptImage(DiskSet& disks, const std::string& file);
+
+// Whether the current disk is a GPT disk whose primary header passed the
+// checks; the two sizes below mean something only then.
+bool GptHeaderValid(const DiskSet& disks);
+// Sectors of the GPT area that save=gpt copies from sector 0: the
+// protective MBR, the header and the sectors holding the entries, N/4 + 2
+// for a count N that is a multiple of 4.  0 without a valid header.
+uint64_t GptSaveSectorCount(const DiskSet& disks);
+// The last sector wipe=gpt clears (from sector 0): the first usable LBA − 1,
+// held below the first sector of any entry in the array and inside the
+// disk.  LBAs of the disk, as the header counts them.  0 without a valid
+// header.
+uint64_t GptWipeLastSector(const DiskSet& disks);
 
 }  // namespace dh

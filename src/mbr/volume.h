@@ -1,13 +1,123 @@
-// Volume boot records: file system and label of a partition.
+// Volume boot records: which file system a partition holds (NTFS, FAT16,
+// FAT32, HFS+), its label (FAT root directory, NTFS $Volume record) and its
+// serial number as the volume ID text.
+//
+// Everything here reads sectors that the disk controls, so every offset,
+// size and loop is bounded by the buffers it works on.  Failures are
+// silent: a read that fails gives no file system, no label or no ID.
 #pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
 
 #include "mbr/partition.h"
 
 namespace dh {
 
 class DiskSet;
+class DeviceHandle;
 
-// Fills the record's volumeLabel from its volume boot record.
+enum FileSystemKind : int32_t {
+  kFsNone = 0,
+  kFsFat16 = 1,
+  kFsFat32 = 2,
+  kFsNtfs = 3,
+  kFsHfsJournaled = 4,  // "HFS-J"
+  kFsHfsExtended = 5,   // "HFSEX"
+};
+
+// The bytes detection looks at: three sectors from the partition's first.
+constexpr uint32_t kVolumeProbeBytes = 1536;
+
+// On-disk fields of volume boot records, offsets from the record's start.
+namespace vbr {
+// FAT boot sector.
+constexpr size_t kFatBytesPerSector = 11;     // 2 bytes
+constexpr size_t kFatSectorsPerCluster = 13;  // 1 byte
+constexpr size_t kFatReservedSectors = 14;    // 2 bytes
+constexpr size_t kFatCount = 16;              // 1 byte
+constexpr size_t kFat16SectorsPerFat = 22;    // 2 bytes, 0 on FAT32
+constexpr size_t kFat16Serial = 39;           // 4 bytes
+constexpr size_t kFat16TypeText = 54;         // "FAT16"
+constexpr size_t kFat32SectorsPerFat = 36;    // 4 bytes
+constexpr size_t kFat32RootCluster = 44;      // 4 bytes
+constexpr size_t kFat32Serial = 67;           // 4 bytes
+constexpr size_t kFat32TypeText = 82;         // "FAT32"
+// FAT directory entry.
+constexpr size_t kDirEntrySize = 32;
+constexpr size_t kDirName = 0;  // 11 bytes
+constexpr size_t kDirNameSize = 11;
+constexpr size_t kDirAttributes = 11;
+constexpr uint8_t kDirVolumeLabel = 0x08;  // the attribute byte of the label entry, exactly
+constexpr uint8_t kDirDeleted = 0xE5;      // first name byte of a deleted entry
+// NTFS boot sector.
+constexpr size_t kNtfsOemId = 3;               // "NTFS"
+constexpr size_t kNtfsBytesPerSector = 11;     // 2 bytes
+constexpr size_t kNtfsSectorsPerCluster = 13;  // 1 byte
+constexpr size_t kNtfsMftCluster = 48;         // 8 bytes
+constexpr size_t kNtfsClustersPerRecord = 64;  // 4 bytes
+constexpr size_t kNtfsSerial = 72;             // low 4 of 8 bytes
+// MFT file record.
+constexpr size_t kRecordMagic = 0;  // "FILE"
+constexpr size_t kRecordUpdateSequenceOffset = 4;  // 2 bytes
+constexpr size_t kRecordUpdateSequenceCount = 6;   // 2 bytes
+constexpr size_t kRecordFirstAttribute = 20;       // 2 bytes
+constexpr uint32_t kVolumeRecordNumber = 3;        // $Volume
+// Attribute header.
+constexpr size_t kAttrType = 0;          // 4 bytes
+constexpr size_t kAttrLength = 4;        // 4 bytes
+constexpr size_t kAttrNonResident = 8;   // 1 byte
+constexpr size_t kAttrValueLength = 16;  // resident: 4 bytes
+constexpr size_t kAttrValueOffset = 20;  // resident: 2 bytes
+constexpr size_t kAttrFirstVcn = 16;     // non-resident: 8 bytes
+constexpr size_t kAttrLastVcn = 24;      // non-resident: 8 bytes
+constexpr size_t kAttrRunListOffset = 32;  // non-resident: 2 bytes
+constexpr size_t kAttrAllocatedSize = 40;  // non-resident: 8 bytes
+constexpr size_t kAttrDataSize = 48;       // non-resident: 8 bytes
+constexpr size_t kAttrNonResidentHeaderSize = 56;
+constexpr uint32_t kAttrFileName = 0x30;
+constexpr uint32_t kAttrVolumeName = 0x60;
+constexpr uint32_t kAttrEnd = 0xFFFFFFFF;
+// HFS+ volume header signature and version, 1,024 bytes into the volume.
+constexpr size_t kHfsSignature = 1032;  // "HFSJ" or "10.0"
+}  // namespace vbr
+
+// The file system of a volume from its first bytes (normally
+// kVolumeProbeBytes of them); writes its name ("NTFS", "FAT16", "FAT32",
+// "HFS-J", "HFSEX") to `name` and leaves `name` alone when nothing matched.
+// `name` may be null.
+FileSystemKind DetectFileSystem(const uint8_t* sectors, size_t size, std::string* name);
+inline FileSystemKind DetectFileSystem(const uint8_t* sectors, std::string* name) {
+  return DetectFileSystem(sectors, kVolumeProbeBytes, name);
+}
+
+// Reads the three sectors at `lba` of the current device and detects the
+// file system there; kFsNone when the read fails.
+FileSystemKind ReadPartitionBootSector(DiskSet& disks, uint64_t lba, std::string* name);
+
+// The label of the volume at `lba` of the current device: the FAT root
+// directory's label entry or the NTFS volume name; empty for every other
+// kind and whenever the label cannot be read.
+std::string ReadVolumeLabel(FileSystemKind kind, DiskSet& disks, uint64_t lba);
+
+// The volume name of the NTFS volume at `lba`, from the $Volume record of
+// its master file table.
+std::string ReadNtfsLabel(DeviceHandle& device, uint64_t lba);
+
+// The volume ID of the n-th partition (1-based, primary numbering; on GPT
+// disks the n-th entry): "1234-fABCD" for the serial bytes CD AB 34 12.
+// Empty when there is no such partition or it holds no FAT or NTFS volume.
+std::string VolumeIdText(DiskSet& disks, int32_t partNumber);
+// The text for four serial bytes as stored on disk.
+std::string FormatVolumeId(const uint8_t* serial);
+
+// Shows the system's message for the last error in a message box, when
+// there is a last error; returns that error code (0: nothing shown).
+uint32_t ShowLastErrorBox();
+
+// Fills the record's volumeLabel from its volume boot record (physical
+// drives; the disk set labels virtual disks itself).
 void ReadVolumeLabelOf(DiskSet& disks, PartitionRecord& record);
 
 }  // namespace dh

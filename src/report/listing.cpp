@@ -21,6 +21,7 @@
 #include "mbr/partition.h"
 #include "platform/platform.h"
 #include "report/format.h"
+#include "report/gpt_listing.h"
 
 namespace dh {
 
@@ -263,6 +264,9 @@ void PrintPartitionRow(const PartitionRecord& record, int position, int form) {
 
 // GPT disks get their details and rows from the GPT listing; until that is
 // written they show only the frame, the header line and the closing lines.
-void PrintGptDiskDetailsAndRows(DiskSet&) {}
+void PrintGptDiskDetailsAndRows(DiskSet& disks) {
+  PrintGptDetails(disks);
+  PrintGptRows(disks);
+}
 
 }  // namespace dh

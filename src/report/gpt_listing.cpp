@@ -1,0 +1,132 @@
+// The GPT part of the disk listing.  Like the MBR block, every inner line is
+// 77 characters between the borders: fixed texts plus fields filled with
+// blanks, and a text longer than its field pushes the border out.  Numbers
+// are formatted here, not with printf length modifiers, so that every
+// platform prints the same bytes.
+#include "report/gpt_listing.h"
+
+#include <cstdio>
+#include <string>
+
+#include "app/frame.h"
+#include "disk/disk_set.h"
+#include "disk/identify.h"
+#include "gpt/gpt_format.h"
+#include "gpt/gpt_table.h"
+#include "mbr/partition.h"
+#include "platform/platform.h"
+#include "report/format.h"
+
+namespace dh {
+
+namespace {
+
+constexpr int kWidth = 77;
+
+void Emit(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
+
+std::string Blanks(int count) { return count > 0 ? std::string(static_cast<size_t>(count), ' ') : std::string(); }
+
+// Text as a C string holds it: up to its first NUL.
+std::string CText(const std::string& text) { return text.substr(0, text.find('\0')); }
+
+std::string FillTo(const std::string& text, int width) { return Blanks(width - static_cast<int>(text.size())); }
+
+// "%-W.Ws": cut or blank-filled to exactly `width` characters.
+std::string LeftField(const std::string& text, int width) {
+  std::string cut = CText(text).substr(0, static_cast<size_t>(width));
+  return cut + FillTo(cut, width);
+}
+
+// "%W.Ws": cut to `width` characters, blanks in front up to it.
+std::string RightField(const std::string& text, int width) {
+  std::string cut = CText(text).substr(0, static_cast<size_t>(width));
+  return FillTo(cut, width) + cut;
+}
+
+std::string V() { return FrameText(Frame().vLine); }
+
+void EmitInner(const std::string& text) { Emit(V() + text + V() + "\n"); }
+
+// The size shown for a byte count beyond what a signed 64-bit size holds
+// (a hostile entry): the largest one.
+int64_t SizeArgument(uint64_t bytes) { return bytes > INT64_MAX ? INT64_MAX : static_cast<int64_t>(bytes); }
+
+}  // namespace
+
+void PrintGptDetails(DiskSet& disks) {
+  const FrameChars& frame = Frame();
+  const GptTable* table = disks.gpt.get();
+  // A header that could not be read, or failed its checks, holds nothing to
+  // show: revision 0.0 and a zero GUID stand in for it.
+  const bool valid = table != nullptr && table->headerValid;
+  static const uint8_t kZeroGuid[gpt::kGuidSize] = {};
+
+  const std::string size = FormatSizeText(SizeArgument(disks.totalBytes));
+  const std::string revision =
+      valid ? std::to_string(table->primaryHeader[gpt::kRevisionMajor]) + "." +
+                  std::to_string(table->primaryHeader[gpt::kRevisionMinor])
+            : "0.0";
+  EmitInner("   Size:        " + size + FillTo(size, 17) + "GPT Revision:    " + revision + Blanks(24));
+
+  const std::string sectors = std::to_string(static_cast<int64_t>(disks.totalSectors));
+  std::string backup = "Invalid";
+  if (disks.isVirtual) {
+    backup = "Virtual";
+  } else if (table != nullptr && table->backupValid) {
+    backup = "Valid";
+  }
+  EmitInner("   Sectors:     " + sectors + FillTo(sectors, 13) + "    Backup GPT:      " + backup + FillTo(backup, 27));
+
+  const int32_t count = table != nullptr ? table->EntryCount() : 0;
+  const std::string guid = FormatGuidText(valid ? table->primaryHeader + gpt::kDiskGuid : kZeroGuid);
+  EmitInner("   Partitions:  " + std::to_string(count) + Blanks(16) + "GUID:  " + guid + Blanks(1));
+
+  // The media and description lines are those of the MBR block.
+  const std::string bus = CText(GetDiskBus(disks, disks.currentDisk));
+  const bool removable = disks.mediaType == platform::kMediaRemovable;
+  EmitInner(std::string("   Media Type:  ") + (removable ? "Removable" + Blanks(7) : "Fixed" + Blanks(11)) +
+            " Interface:       " + bus + FillTo(bus, 27));
+  const std::string description = CText(GetDiskDescription(disks, disks.currentDisk));
+  EmitInner("   Description: " + description + FillTo(description, 61));
+
+  Emit(FrameText(frame.teeLeft) + FrameFill(frame.hLine, kWidth) + FrameText(frame.teeRight) + "\n");
+  EmitInner("Pos    GPT Type         FSType   LBA Start   Size Reqd R/O Hide  DL Vol Label");
+
+  // Runs under the columns; Hide is followed by two blanks, as the heading
+  // has them before DL.
+  auto run = [&](int length) { return FrameFill(frame.hLine, length); };
+  Emit(FrameText(frame.teeLeft) + run(3) + " " + run(19) + " " + run(6) + " " + run(13) + " " + run(4) + " " +
+       run(4) + " " + run(3) + " " + run(4) + "  " + run(2) + " " + run(9) + FrameText(frame.teeRight) + "\n");
+}
+
+void PrintGptRows(DiskSet& disks) {
+  GptTable* table = disks.gpt.get();
+  if (table == nullptr) return;
+  for (int32_t k = 1; k <= table->EntryCount(); ++k) {
+    const PartitionRecord* record = table->Entry(k);
+    if (record != nullptr) PrintGptRow(disks, *record, table->Details(k), k);
+  }
+}
+
+void PrintGptRow(const DiskSet& disks, const PartitionRecord& record, const GptEntryDetails* details,
+                 int position) {
+  static const GptEntryDetails kNoDetails;
+  const GptEntryDetails& d = details != nullptr ? *details : kNoDetails;
+
+  std::string letter = "  ";
+  if (disks.isVirtual) {
+    letter = "NA";
+  } else if (static_cast<unsigned char>(record.driveLetter) > ' ') {
+    letter = std::string(1, record.driveLetter) + ":";
+  }
+  const std::string number = std::to_string(position);
+  const std::string start = std::to_string(record.startLba);
+  const std::string size = FormatSizeCompact(SizeArgument(record.sizeBytes));
+  EmitInner(FillTo(number, 2) + number + "  " + LeftField(d.longTypeName.empty() ? record.gptTypeName : d.longTypeName, 19) + "  " +
+            LeftField(d.fileSystemName, 5) + " " + FillTo(start, 13) + start + " " + RightField(size, 4) + " " +
+            (d.required ? "Yes " : " No ") + " " + (d.readOnly ? "Yes" : "No ") + " " +
+            (d.attributeHidden ? "Yes " : " No ") + "  " + letter + " " + LeftField(record.volumeLabel, 9));
+}
+
+}  // namespace dh

@@ -1,0 +1,133 @@
+// The on-disk GPT helpers: CRC32, GUID text, and the checks a header must
+// pass before its numbers are used.
+#include "gpt/gpt_format.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "disk/le.h"
+#include "gpt_test_image.h"
+
+namespace dh {
+namespace {
+
+TEST(GptCrc32, KnownValuesAndChaining) {
+  const std::string check = "123456789";
+  const auto* bytes = reinterpret_cast<const uint8_t*>(check.data());
+  EXPECT_EQ(Crc32(bytes, check.size()), 0xCBF43926u);
+  EXPECT_EQ(Crc32(bytes, 0), 0u);
+  // A CRC taken in two pieces equals the one taken at once.
+  EXPECT_EQ(Crc32(bytes + 4, 5, Crc32(bytes, 4)), 0xCBF43926u);
+
+  std::vector<uint8_t> sector(16384 * 128);
+  for (size_t i = 0; i < sector.size(); ++i) sector[i] = static_cast<uint8_t>(i * 7 + (i >> 9));
+  EXPECT_EQ(Crc32(sector.data(), sector.size()), test::ReferenceCrc32(sector.data(), sector.size()));
+}
+
+TEST(GptGuidText, FieldOrderAndCase) {
+  const uint8_t efi[16] = {0x28, 0x73, 0x2A, 0xC1, 0x1F, 0xF8, 0xD2, 0x11,
+                           0xBA, 0x4B, 0x00, 0xA0, 0xC9, 0x3E, 0xC9, 0x3B};
+  EXPECT_EQ(FormatGuidText(efi), "C12A7328-F81F-11D2-BA4B-00A0C93EC93B");
+  const uint8_t zero[16] = {};
+  EXPECT_EQ(FormatGuidText(zero), "00000000-0000-0000-0000-000000000000");
+  uint8_t ones[16];
+  std::memset(ones, 0xFF, sizeof ones);
+  EXPECT_EQ(FormatGuidText(ones).size(), 36u);
+  // The test image's own encoder and the program agree.
+  EXPECT_EQ(FormatGuidText(test::GuidBytes(test::kLinuxFsType).data()), test::kLinuxFsType);
+}
+
+TEST(GptEntryArraySectors, RoundsUpToWholeSectors) {
+  EXPECT_EQ(EntryArraySectors(0), 0u);
+  EXPECT_EQ(EntryArraySectors(1), 1u);
+  EXPECT_EQ(EntryArraySectors(4), 1u);
+  EXPECT_EQ(EntryArraySectors(5), 2u);
+  EXPECT_EQ(EntryArraySectors(128), 32u);
+  EXPECT_EQ(EntryArraySectors(16384), 4096u);
+  EXPECT_EQ(EntryArraySectors(-1), 0u);
+}
+
+class GptHeaderCheck : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::memcpy(header, "EFI PART", 8);
+    StoreLe32(header + gpt::kHeaderSize, 92);
+    StoreLe64(header + gpt::kAlternateLba, 9999);
+    StoreLe64(header + gpt::kFirstUsableLba, 34);
+    StoreLe64(header + gpt::kLastUsableLba, 9966);
+    StoreLe64(header + gpt::kEntryArrayLba, 2);
+    StoreLe32(header + gpt::kEntryCount, 128);
+    StoreLe32(header + gpt::kEntrySizeField, 128);
+  }
+  ResultCode Check(uint64_t diskSectors = 10000) { return ValidateGptHeader(header, diskSectors, &facts); }
+
+  uint8_t header[512] = {};
+  GptHeaderFacts facts;
+};
+
+TEST_F(GptHeaderCheck, AcceptsAStandardHeader) {
+  ASSERT_EQ(Check(), kSuccess);
+  EXPECT_EQ(facts.entryCount, 128);
+  EXPECT_EQ(facts.entryArrayLba, 2u);
+  EXPECT_EQ(facts.arraySectors, 32u);
+  EXPECT_EQ(facts.alternateLba, 9999u);
+  EXPECT_EQ(facts.firstUsableLba, 34u);
+  EXPECT_EQ(facts.lastUsableLba, 9966u);
+  // An empty table and the largest one are both headers.
+  StoreLe32(header + gpt::kEntryCount, 0);
+  EXPECT_EQ(Check(), kSuccess);
+  StoreLe32(header + gpt::kEntryCount, 16384);
+  EXPECT_EQ(Check(), kSuccess);
+}
+
+TEST_F(GptHeaderCheck, RefusesHostileNumbers) {
+  header[0] = 'e';
+  EXPECT_EQ(Check(), kGptInvalid);
+  header[0] = 'E';
+
+  for (uint32_t count : {0xFFFFFFFFu, 0x7FFFFFFFu, 0x80000000u, 16385u}) {
+    StoreLe32(header + gpt::kEntryCount, count);
+    EXPECT_EQ(Check(), kGptInvalid) << count;
+  }
+  StoreLe32(header + gpt::kEntryCount, 128);
+
+  // Arrays over sector 0 or the header, past the disk's end, or at an LBA
+  // whose byte offset does not fit 64 bits.
+  for (uint64_t lba : {uint64_t{0}, uint64_t{1}, uint64_t{9969}, uint64_t{10000}, UINT64_MAX, UINT64_MAX / 512}) {
+    StoreLe64(header + gpt::kEntryArrayLba, lba);
+    EXPECT_EQ(Check(), kGptInvalid) << lba;
+  }
+  StoreLe64(header + gpt::kEntryArrayLba, 9968);  // the last 32 sectors: still on the disk
+  EXPECT_EQ(Check(), kSuccess);
+  // With the disk size unknown only the LBA range holds the array.
+  StoreLe64(header + gpt::kEntryArrayLba, 1u << 30);
+  EXPECT_EQ(Check(0), kSuccess);
+  EXPECT_EQ(Check(), kGptInvalid);
+}
+
+TEST_F(GptHeaderCheck, WritableLayoutAndHeaderCrc) {
+  EXPECT_TRUE(HeaderLayoutWritable(header));
+  StoreLe32(header + gpt::kEntrySizeField, 256);
+  EXPECT_FALSE(HeaderLayoutWritable(header));
+  StoreLe32(header + gpt::kEntrySizeField, 128);
+  for (uint32_t size : {0u, 91u, 513u, 0xFFFFFFFFu}) {
+    StoreLe32(header + gpt::kHeaderSize, size);
+    EXPECT_FALSE(HeaderLayoutWritable(header)) << size;
+    // Nothing is computed over a size that would leave the sector.
+    StoreLe32(header + gpt::kHeaderCrc, 0x11111111);
+    UpdateHeaderCrc(header);
+    EXPECT_EQ(LoadLe32(header + gpt::kHeaderCrc), 0x11111111u);
+  }
+  StoreLe32(header + gpt::kHeaderSize, 92);
+  StoreLe32(header + gpt::kHeaderCrc, 0x11111111);
+  UpdateHeaderCrc(header);
+  uint8_t copy[512];
+  std::memcpy(copy, header, 512);
+  StoreLe32(copy + gpt::kHeaderCrc, 0);
+  EXPECT_EQ(LoadLe32(header + gpt::kHeaderCrc), test::ReferenceCrc32(copy, 92));
+}
+
+}  // namespace
+}  // namespace dh
