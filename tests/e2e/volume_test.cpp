@@ -1,0 +1,126 @@
+// Volume labels end to end: volumes made by the system's mkfs tools and a
+// hand-built NTFS volume show their labels in the listing, and a label
+// selects its partition across disks.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "harness.h"
+
+namespace {
+
+using e2e::Entry;
+using e2e::Image;
+using e2e::Machine;
+using e2e::Mbr;
+using e2e::Result;
+
+void Put16(std::vector<uint8_t>& b, size_t at, uint16_t v) {
+  b[at] = static_cast<uint8_t>(v);
+  b[at + 1] = static_cast<uint8_t>(v >> 8);
+}
+void Put32(std::vector<uint8_t>& b, size_t at, uint32_t v) {
+  for (int i = 0; i < 4; ++i) b[at + i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
+// Formats a file of `megabytes` with the tool and copies it to `lba` of
+// the image.  False when the tool is missing or fails.
+bool WriteMadeVolume(const Image& image, uint64_t lba, const std::string& tool, const std::string& options,
+                     uint32_t megabytes) {
+  if (!e2e::HaveTool(tool)) return false;
+  const std::string file =
+      ::testing::TempDir() + "diskhold_e2e_volume_" + std::to_string(::getpid()) + "_" + std::to_string(lba) + ".img";
+  int status = -1;
+  e2e::Shell("rm -f '" + file + "' && truncate -s " + std::to_string(megabytes) + "M '" + file + "' && " + tool + " " +
+                 options + " '" + file + "' >/dev/null 2>&1",
+             &status);
+  if (status != 0) return false;
+  e2e::Shell("dd if='" + file + "' of='" + image.path() + "' bs=512 seek=" + std::to_string(lba) +
+                 " conv=notrunc,sparse status=none && rm -f '" + file + "'",
+             &status);
+  return status == 0;
+}
+
+// An NTFS volume of 1 KiB records whose $Volume record holds the label as a
+// resident value.
+void WriteNtfsVolume(const Image& image, uint64_t lba, const std::string& label) {
+  std::vector<uint8_t> boot(512, 0);
+  std::memcpy(&boot[3], "NTFS    ", 8);
+  Put16(boot, 11, 512);
+  boot[13] = 8;     // clusters of 4 KiB
+  boot[48] = 4;     // MFT at cluster 4
+  boot[64] = 0xF6;  // 1,024-byte file records
+  Put32(boot, 72, 0x9ABCDEF0);
+  boot[510] = 0x55;
+  boot[511] = 0xAA;
+  image.Write(lba, boot);
+
+  std::vector<uint8_t> record(1024, 0);
+  std::memcpy(&record[0], "FILE", 4);
+  Put16(record, 20, 56);
+  const size_t valueLength = label.size() * 2;
+  const size_t attrLength = (24 + valueLength + 7) / 8 * 8;
+  Put32(record, 56, 0x60);
+  Put32(record, 60, static_cast<uint32_t>(attrLength));
+  Put32(record, 56 + 16, static_cast<uint32_t>(valueLength));
+  Put16(record, 56 + 20, 24);
+  for (size_t i = 0; i < label.size(); ++i) record[56 + 24 + 2 * i] = static_cast<uint8_t>(label[i]);
+  Put32(record, 56 + attrLength, 0xFFFFFFFF);
+  image.Write(lba + 4 * 8 + 3 * 2, record);
+}
+
+// The listing row of a partition: the line holding its start sector.
+std::string RowWith(const std::string& out, const std::string& start) {
+  const size_t at = out.find(" " + start + " ");
+  if (at == std::string::npos) return "";
+  const size_t begin = out.rfind('\n', at) + 1;
+  return out.substr(begin, out.find('\n', at) - begin);
+}
+
+TEST(Volume, LabelsOfMadeVolumesInTheListing) {
+  Machine m;
+  Image& disk = m.AddDrive(0, 2048 + 3 * 32768);
+  disk.Write(0, Mbr({Entry(0, 0x06, 2048, 32768), Entry(0, 0x0C, 2048 + 32768, 32768),
+                     Entry(0, 0x07, 2048 + 2 * 32768, 32768)}));
+  if (!WriteMadeVolume(disk, 2048, "mkfs.fat", "-F 16 -n MYDATA", 16) ||
+      !WriteMadeVolume(disk, 2048 + 32768, "mkfs.fat", "-F 32 -n 'TWO WORDS'", 16)) {
+    GTEST_SKIP() << "mkfs.fat is not available";
+  }
+  WriteNtfsVolume(disk, 2048 + 2 * 32768, "Backup");
+
+  Result r = m.Run({"/list", "/text", "/silent"});
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_NE(RowWith(r.out, "2,048").find(" MYDATA      "), std::string::npos) << r.out;
+  EXPECT_NE(RowWith(r.out, "34,816").find(" TWO WORDS   "), std::string::npos) << r.out;
+  EXPECT_NE(RowWith(r.out, "67,584").find(" Backup      "), std::string::npos) << r.out;
+}
+
+// /vol= with a label finds the partition on the second disk whatever the
+// label's letter case, and the command acts on that partition only.
+TEST(Volume, LabelSelectsItsPartition) {
+  Machine m;
+  Image& first = m.AddDrive(0, 8192);
+  first.Write(0, Mbr({Entry(0, 0x07, 2048, 4096)}));
+  WriteNtfsVolume(first, 2048, "System");
+  Image& second = m.AddDrive(1, 8192);
+  second.Write(0, Mbr({Entry(0, 0x07, 2048, 2048), Entry(0, 0x07, 4096, 2048)}));
+  WriteNtfsVolume(second, 2048, "Games");
+  WriteNtfsVolume(second, 4096, "Archive");
+  const std::string firstHash = first.Hash();
+
+  Result r = m.Run({"/hide", "/vol=ARCHIVE", "/confirm", "/silent"});
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  const std::vector<uint8_t> mbr = second.Read(0);
+  EXPECT_EQ(mbr[446 + 4], 0x07);
+  EXPECT_EQ(mbr[446 + 16 + 4], 0x17);
+  EXPECT_EQ(first.Hash(), firstHash);
+
+  // A label that no volume carries selects nothing.
+  Result none = m.Run({"/hide", "/vol=Nowhere", "/confirm", "/silent"});
+  EXPECT_NE(none.status, 0) << none.out;
+}
+
+}  // namespace
