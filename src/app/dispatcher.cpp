@@ -15,6 +15,7 @@
 #include "gpt/gpt_table.h"
 #include "mbr/partition.h"
 #include "report/listing.h"
+#include "sectors/sector_commands.h"  // LOCAL-SECTORS-TEST
 
 namespace dh {
 
@@ -61,6 +62,7 @@ bool AcceptsAllDisks(int32_t command) {
 void RunCommand(DiskSet& disks) {
   RunOptions& o = Options();
   RunState& s = State();
+  if (o.command == kCmdSave || o.command == kCmdRestore || o.command == kCmdShow || o.command == kCmdWipe || o.command == kCmdCopy || o.command == kCmdCompare) { RunSectorCommand(disks); return; }  // LOCAL-SECTORS-TEST
   switch (o.command) {
     case kCmdSave:
     case kCmdRestore:

@@ -17,6 +17,7 @@
 #include "disk/disk_set.h"
 #include "disk/le.h"
 #include "gpt/gpt_types.h"
+#include "mbr/volume.h"
 
 namespace dh {
 
@@ -49,29 +50,6 @@ bool ReadWhole(DeviceHandle& device, uint64_t lba, uint8_t* buffer, uint32_t byt
 bool WriteWhole(DeviceHandle& device, uint64_t base, uint64_t lba, const uint8_t* buffer, uint32_t bytes) {
   uint64_t at = 0;
   return AddLba(base, lba, &at) && device.WriteAt(at, buffer, bytes);
-}
-
-// The volume boot record tests of the partition inspection, in their order
-// (NTFS, FAT16, FAT32, HFS+ journaled, HFSX).  The name is left alone when
-// nothing matches.
-int32_t DetectGptVolume(const uint8_t* sectors, std::string* name) {
-  struct Test {
-    size_t offset;
-    const char* text;
-    int32_t kind;
-    const char* name;
-  };
-  static constexpr Test kTests[] = {
-      {3, "NTFS", 3, "NTFS"},    {54, "FAT16", 1, "FAT16"}, {82, "FAT32", 2, "FAT32"},
-      {1032, "HFSJ", 4, "HFS-J"}, {1032, "10.0", 5, "HFSEX"},
-  };
-  for (const Test& t : kTests) {
-    if (std::memcmp(sectors + t.offset, t.text, std::strlen(t.text)) == 0) {
-      *name = t.name;
-      return t.kind;
-    }
-  }
-  return 0;
 }
 
 // The name field: UTF-16LE up to its first NUL, as 8-bit text ('?' for
@@ -138,7 +116,7 @@ void BuildRecord(DiskSet& disks, GptTable& table, uint32_t slot, const std::stri
   uint64_t at = 0;
   if ((disks.totalSectors == 0 || first < disks.totalSectors) && AddLba(table.baseLba, first, &at) &&
       disks.device.ReadAt(at, sectors, kBootSectorBytes)) {
-    record->type = DetectGptVolume(sectors, &details.fileSystemName);
+    record->type = DetectFileSystem(sectors, sizeof sectors, &details.fileSystemName);
   }
 
   table.entries.push_back(std::move(record));
