@@ -16,27 +16,12 @@
 #include "mbr/partition.h"
 #include "platform/platform.h"
 #include "report/format.h"
+#include "report/listing.h"
+#include "report/text_fields.h"
 
 namespace dh {
 
 namespace {
-
-constexpr int kWidth = 77;
-
-void Emit(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
-
-std::string Blanks(int count) { return count > 0 ? std::string(static_cast<size_t>(count), ' ') : std::string(); }
-
-// Text as a C string holds it: up to its first NUL.
-std::string CText(const std::string& text) { return text.substr(0, text.find('\0')); }
-
-std::string FillTo(const std::string& text, int width) { return Blanks(width - static_cast<int>(text.size())); }
-
-// "%-W.Ws": cut or blank-filled to exactly `width` characters.
-std::string LeftField(const std::string& text, int width) {
-  std::string cut = CText(text).substr(0, static_cast<size_t>(width));
-  return cut + FillTo(cut, width);
-}
 
 // "%W.Ws": cut to `width` characters, blanks in front up to it.
 std::string RightField(const std::string& text, int width) {
@@ -90,7 +75,7 @@ void PrintGptDetails(DiskSet& disks) {
   const std::string description = CText(GetDiskDescription(disks, disks.currentDisk));
   EmitInner("   Description: " + description + FillTo(description, 61));
 
-  Emit(FrameText(frame.teeLeft) + FrameFill(frame.hLine, kWidth) + FrameText(frame.teeRight) + "\n");
+  Emit(FrameText(frame.teeLeft) + FrameFill(frame.hLine, kFrameWidth) + FrameText(frame.teeRight) + "\n");
   EmitInner("Pos    GPT Type         FSType   LBA Start   Size Reqd R/O Hide  DL Vol Label");
 
   // Runs under the columns; Hide is followed by two blanks, as the heading
@@ -123,10 +108,10 @@ void PrintGptRow(const DiskSet& disks, const PartitionRecord& record, const GptE
   const std::string number = std::to_string(position);
   const std::string start = std::to_string(record.startLba);
   const std::string size = FormatSizeCompact(SizeArgument(record.sizeBytes));
-  EmitInner(FillTo(number, 2) + number + "  " + LeftField(d.longTypeName.empty() ? record.gptTypeName : d.longTypeName, 19) + "  " +
-            LeftField(d.fileSystemName, 5) + " " + FillTo(start, 13) + start + " " + RightField(size, 4) + " " +
+  EmitInner(FillTo(number, 2) + number + "  " + Field(d.longTypeName.empty() ? record.gptTypeName : d.longTypeName, 19) + "  " +
+            Field(d.fileSystemName, 5) + " " + FillTo(start, 13) + start + " " + RightField(size, 4) + " " +
             (d.required ? "Yes " : " No ") + " " + (d.readOnly ? "Yes" : "No ") + " " +
-            (d.attributeHidden ? "Yes " : " No ") + "  " + letter + " " + LeftField(record.volumeLabel, 9));
+            (d.attributeHidden ? "Yes " : " No ") + "  " + letter + " " + Field(record.volumeLabel, 9));
 }
 
 }  // namespace dh

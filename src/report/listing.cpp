@@ -21,6 +21,7 @@
 #include "mbr/partition.h"
 #include "platform/platform.h"
 #include "report/format.h"
+#include "report/text_fields.h"
 #include "report/gpt_listing.h"
 
 namespace dh {
@@ -30,23 +31,6 @@ namespace {
 // Set while ListDisks prints the block of a virtual disk, whose partitions
 // have no drive letters of their own (their DL column reads "NA").
 bool g_listingVirtualDisk = false;
-
-void Emit(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
-
-std::string Blanks(int count) { return count > 0 ? std::string(static_cast<size_t>(count), ' ') : std::string(); }
-
-// Text as a C string holds it: up to its first NUL.
-std::string CText(const std::string& text) { return text.substr(0, text.find('\0')); }
-
-// The blanks that fill `text` out to `width` (none when it is as long or
-// longer).
-std::string FillTo(const std::string& text, int width) { return Blanks(width - static_cast<int>(text.size())); }
-
-// "%-W.Ws": cut or blank-filled to exactly `width` characters.
-std::string Field(const std::string& text, int width) {
-  std::string cut = CText(text).substr(0, static_cast<size_t>(width));
-  return cut + FillTo(cut, width);
-}
 
 // "%-Wd": left-aligned decimal number.
 std::string LeftNumber(int64_t value, int width) {
