@@ -14,8 +14,9 @@
 #include "edit/edit_commands.h"
 #include "gpt/gpt_table.h"
 #include "mbr/partition.h"
+#include "mbr/volume.h"
 #include "report/listing.h"
-#include "sectors/sector_commands.h"  // LOCAL-SECTORS-TEST
+#include "sectors/sector_commands.h"
 
 namespace dh {
 
@@ -62,15 +63,14 @@ bool AcceptsAllDisks(int32_t command) {
 void RunCommand(DiskSet& disks) {
   RunOptions& o = Options();
   RunState& s = State();
-  if (o.command == kCmdSave || o.command == kCmdRestore || o.command == kCmdShow || o.command == kCmdWipe || o.command == kCmdCopy || o.command == kCmdCompare) { RunSectorCommand(disks); return; }  // LOCAL-SECTORS-TEST
   switch (o.command) {
     case kCmdSave:
     case kCmdRestore:
-      if (!FindArgument("/Filename")) {
-        SetResultIfNone(kMissingFilename);
-        return;
-      }
-      NotAvailable(o.command == kCmdSave ? "save=" : "restore=");
+    case kCmdShow:
+    case kCmdWipe:
+    case kCmdCopy:
+    case kCmdCompare:
+      RunSectorCommand(disks);
       return;
     case kCmdRepair: {
       int64_t kind = ParseRepairKind();
@@ -86,26 +86,6 @@ void RunCommand(DiskSet& disks) {
       NotAvailable("repair=");
       return;
     }
-    case kCmdShow: {
-      if (!FindArgument("/Show")) {
-        // The parser stored the value; without a named argument there is
-        // nothing to show.
-        s.badArgument = "/Show";
-        SetResultIfNone(kMissingParameter);
-        return;
-      }
-      std::string subject = CurrentArgumentValue();
-      if (!EqualsIgnoreCase(subject, "File") && !EqualsIgnoreCase(subject, "Sector") && !EqualsIgnoreCase(subject, "Hidden")) {
-        s.badArgument = CurrentArgumentText();
-        SetResultIfNone(kMissingParameter);
-        return;
-      }
-      NotAvailable("show=");
-      return;
-    }
-    case kCmdWipe:
-      NotAvailable("wipe=");
-      return;
     case kCmdSort:
     case kCmdIsSorted:
     case kCmdActive:
@@ -121,20 +101,6 @@ void RunCommand(DiskSet& disks) {
     case kCmdTabList:
       ListDisks(disks);
       s.completedStep = kCmdList;
-      return;
-    case kCmdCopy:
-    case kCmdCompare:
-      if (!FindArgument("/Source")) {
-        SetResultIfNone(kMissingSource);
-        return;
-      }
-      if (!FindArgument("/Target")) {
-        SetResultIfNone(kMissingTarget);
-        return;
-      }
-      o.rangeFirst = ReadDecimal64(o.valueText);
-      o.rangeLast = ReadDecimal64(o.valueText2);
-      NotAvailable(o.command == kCmdCopy ? "copy" : "compare");
       return;
     case kCmdWriteIni:
       if (!FindArgument("/Filename")) {
@@ -190,7 +156,9 @@ void RunCommand(DiskSet& disks) {
         SetResultIfNone(kVolumeIdOption);
         return;
       }
-      NotAvailable("volumeid=");
+      s.volumeIdText = VolumeIdText(disks, o.partNumber);
+      RecordOutcome(disks.firstError, kCmdVolumeId);
+      o.command = kStepVolumeIdRead;
       return;
     case kCmdInfo:
       NotAvailable("info");

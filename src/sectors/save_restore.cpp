@@ -1,0 +1,260 @@
+#include "sectors/save_restore.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "app/program.h"
+#include "disk/device.h"
+#include "disk/disk_set.h"
+#include "disk/le.h"
+#include "platform/platform.h"
+#include "sectors/backup_header.h"
+#include "sectors/sector_io.h"
+
+namespace dh {
+
+namespace {
+
+using platform::Host;
+using platform::OpenMode;
+using sectors::kChunkBytes;
+using sectors::kChunkSectors;
+
+constexpr char kSavingText[] = "Saving sectors to file, please wait...";
+constexpr int kProgressRow = 8;
+constexpr int kProgressEndRow = 11;
+
+// The progress screen of a long save: the screen is cleared, the banner
+// printed in its long form, and the percentage kept at one place.
+class SaveProgress {
+ public:
+  explicit SaveProgress(bool on) : on_(on) {
+    if (!on_) return;
+    platform::Machine& host = Host();
+    host.ClearScreen();
+    host.SetCursorPosition(1, 2);
+    std::printf("\n%s for %s        %s\n", " Diskhold - Version 3.0.83", "Windows", "  Mar 15, 2011");
+    std::printf("  %s\n", kMakerNotice);
+    host.SetCursorPosition(2, kProgressRow);
+    std::printf("%s", kSavingText);
+    column_ = static_cast<int>(sizeof kSavingText - 1) + 4;
+    host.SetCursorPosition(column_, kProgressRow);
+  }
+
+  // Shows the share of `count` reached before a chunk starts at `done`;
+  // the last chunk always shows 100.
+  void Show(uint64_t done, uint64_t count, bool lastChunk) {
+    if (!on_) return;
+    // 128-bit, so that no count of 64-bit sectors can overflow the product.
+    unsigned __int128 share = (static_cast<unsigned __int128>(done) + 1) * 100 / count;
+    int64_t percent = share < 1 ? 1 : (share > 100 ? 100 : static_cast<int64_t>(share));
+    if (lastChunk) percent = 100;
+    if (percent == shown_) return;
+    shown_ = percent;
+    Host().SetCursorPosition(column_, kProgressRow);
+    std::printf("%" PRId64 "%% complete", percent);
+  }
+
+  void End() {
+    if (on_) Host().SetCursorPosition(column_, kProgressEndRow);
+  }
+
+ private:
+  bool on_;
+  int column_ = 0;
+  int64_t shown_ = -1;
+};
+
+// A backup file counts as written once its data has reached the medium:
+// the file is what a later restore depends on.
+bool CloseBackupFile(DeviceHandle& file) {
+  bool ok = file.Flush();
+  file.Close();
+  return ok;
+}
+
+}  // namespace
+
+uint32_t VbrSectorCount(uint32_t type) {
+  switch (type) {
+    case 0x04: case 0x05: case 0x06: case 0x0B: case 0x0C: case 0x0E: case 0x12: case 0x14: case 0x15:
+    case 0x16: case 0x1B: case 0x1C: case 0x1E:
+      return 3;
+    case 0x07: case 0x17:
+      return 7;
+    default:
+      return 0;
+  }
+}
+
+ResultCode SaveSectorsToFile(DiskSet& disks, const std::string& fileName, uint64_t firstSector, uint64_t count,
+                             uint8_t kind) {
+  DeviceHandle file;
+  if (!file.Open(fileName, OpenMode::CreateAlways)) {
+    disks.RecordError(Host().PathExists(fileName) ? kCannotOverwrite : kInvalidPath);
+    return disks.firstError;
+  }
+  bool written = true;
+  if (kind != kBackupRaw) {
+    uint8_t header[backup::kHeaderSize];
+    FillBackupHeader(disks, header, kind, firstSector, count);
+    written = file.WriteNext(header, sizeof header);
+  }
+  bool lastSaved = false;
+  uint8_t sector[kSectorSize];
+  for (uint64_t i = 0; i < count; ++i) {
+    lastSaved = false;
+    std::memset(sector, 0, sizeof sector);
+    // A sector number past 2^64 cannot be read; it fails like a bad sector.
+    if (firstSector > UINT64_MAX - i) {
+      disks.RecordError(kReadFailed);
+      continue;
+    }
+    if (sectors::ReadDiskSector(disks, firstSector + i, sector) != kSuccess) continue;
+    if (!file.WriteNext(sector, sizeof sector)) {
+      written = false;
+      continue;
+    }
+    lastSaved = true;
+  }
+  // A file that misses a sector in its middle is as unusable as one that
+  // misses its last.
+  if (!CloseBackupFile(file) || !written || !lastSaved) disks.RecordError(kBackupWriteFailed);
+  return disks.firstError;
+}
+
+ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t firstSector, uint64_t count,
+                           uint8_t kind) {
+  DeviceHandle file;
+  if (!file.Open(fileName, OpenMode::CreateAlways)) {
+    disks.RecordError(kInvalidPath);
+    return disks.firstError;
+  }
+  SaveProgress progress(count > kQuietSaveSectors);
+  bool written = true;
+  if (kind != kBackupRaw) {
+    uint8_t header[backup::kHeaderSize];
+    FillBackupHeader(disks, header, kind, firstSector, count);
+    written = file.WriteNext(header, sizeof header);
+  }
+
+  uint64_t start = 0;
+  bool positioned = sectors::DeviceLba(disks, firstSector, &start) && start <= UINT64_MAX / kSectorSize &&
+                    disks.device.Seek(start * kSectorSize);
+  if (!written) {
+    disks.RecordError(kBackupWriteFailed);
+  } else if (!positioned || count == 0) {
+    disks.RecordError(kBackupReadFailed);
+  } else {
+    std::vector<uint8_t> buffer(kChunkBytes);
+    uint64_t done = 0;
+    // Sectors are streamed from one positioning on.  A short read (the end
+    // of the disk) hands over what it has; the next read then fails, so a
+    // save never ends with fewer sectors than asked for and no error.
+    while (done < count) {
+      const uint64_t left = count - done;
+      const bool lastChunk = left <= kChunkSectors;
+      const uint32_t chunk = lastChunk ? static_cast<uint32_t>(left) : kChunkSectors;
+      progress.Show(done, count, lastChunk);
+      const uint32_t got = sectors::ReadFully(disks.device, buffer.data(), chunk * kSectorSize);
+      const uint32_t whole = got / kSectorSize;
+      if (whole == 0) {
+        disks.RecordError(kBackupReadFailed);
+        break;
+      }
+      done += whole;
+      // Any failed write of the file fails the save, the last one too: a
+      // backup that silently lacks its end would restore a damaged disk.
+      if (!file.WriteNext(buffer.data(), whole * kSectorSize)) {
+        disks.RecordError(kBackupWriteFailed);
+        break;
+      }
+    }
+  }
+  progress.End();
+  if (!CloseBackupFile(file)) disks.RecordError(kBackupWriteFailed);
+  return disks.firstError;
+}
+
+ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t targetSector, int64_t count,
+                           bool requireMbr) {
+  uint8_t header[backup::kHeaderSize];
+  const bool hasHeader = ReadBackupKind(fileName, header) != kBackupRaw;
+  const uint64_t headerCount = hasHeader ? LoadLe64(header + backup::kSectorCountOffset) : 0;
+
+  DeviceHandle file;
+  if (!file.OpenRead(fileName)) {
+    disks.RecordError(kFileMissing);
+    return disks.firstError;
+  }
+  // The data a header file declares; a count too large for bytes counts
+  // as more than any command asks for.
+  const bool sizeFits = headerCount <= UINT64_MAX / kSectorSize;
+  const uint64_t dataSize = hasHeader ? (sizeFits ? headerCount * kSectorSize : UINT64_MAX)
+                                      : GetFileSizeByName(fileName);
+  if (count > 0) {
+    // A header file may hold one sector more than asked for (a header
+    // counted as a sector); a smaller file is accepted.
+    const uint64_t asked = static_cast<uint64_t>(count);
+    const uint64_t allowed = asked > UINT64_MAX / kSectorSize - 1 ? UINT64_MAX
+                                                                  : asked * kSectorSize + (hasHeader ? kSectorSize : 0);
+    if (!sizeFits || dataSize % kSectorSize != 0 || dataSize > allowed) {
+      disks.RecordError(kFileSizeMismatch);
+      return disks.firstError;
+    }
+  }
+  if (count == -1) std::printf("\n Sector Count: %" PRIu64 " \n", hasHeader ? headerCount : dataSize / kSectorSize);
+
+  // A header file gives only the sectors its header declares: bytes that
+  // follow them are not part of the backup and never reach the disk.
+  uint64_t remaining = hasHeader ? headerCount : UINT64_MAX;
+  std::vector<uint8_t> buffer(kChunkBytes, 0);
+  uint64_t target = targetSector;
+  bool wroteAny = false;
+  bool readable = file.Seek(hasHeader ? backup::kHeaderSize : 0);
+  while (readable && remaining > 0) {
+    const uint32_t want = remaining < kChunkSectors ? static_cast<uint32_t>(remaining) * kSectorSize : kChunkBytes;
+    bool failed = false;
+    const uint32_t got = sectors::ReadFully(file, buffer.data(), want, &failed);
+    if (got == 0) break;
+    if (requireMbr && !(buffer[510] == 0x55 && buffer[511] == 0xAA)) {
+      disks.RecordError(kFileNoMbrUseIgnore);
+      break;
+    }
+    // Bytes beyond the last whole sector are not written.
+    const uint32_t whole = got / kSectorSize;
+    const uint32_t fitting = static_cast<uint32_t>(sectors::SectorsOnDisk(disks, target, whole));
+    if (fitting > 0) {
+      uint64_t at = 0;
+      // Chunks stream to the device and are flushed once at the end; each
+      // is positioned on its own so that a failed one cannot shift the rest.
+      if (sectors::DeviceLba(disks, target, &at) && at <= UINT64_MAX / kSectorSize &&
+          disks.device.Seek(at * kSectorSize) && disks.device.WriteNext(buffer.data(), fitting * kSectorSize)) {
+        wroteAny = true;
+      } else {
+        disks.RecordError(kWriteFailed);
+      }
+    }
+    // The rest of the file has no place on the disk.
+    if (fitting < whole) {
+      disks.RecordError(kWriteFailed);
+      break;
+    }
+    // No sector number may wrap around to the start of the disk.
+    if (whole > UINT64_MAX - target) {
+      disks.RecordError(kWriteFailed);
+      break;
+    }
+    target += whole;
+    remaining -= whole;
+    if (failed || got < want) break;
+  }
+  file.Close();
+  if (wroteAny && !disks.device.Flush()) disks.RecordError(kWriteFailed);
+  if (!wroteAny) disks.RecordError(kFileNoValidMbr);
+  return disks.firstError;
+}
+
+}  // namespace dh

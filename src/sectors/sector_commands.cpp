@@ -1,0 +1,444 @@
+#include "sectors/sector_commands.h"
+
+#include <cctype>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "app/grammar.h"
+#include "app/messages.h"
+#include "app/run_state.h"
+#include "disk/device.h"
+#include "disk/disk_set.h"
+#include "disk/le.h"
+#include "gpt/gpt_table.h"
+#include "mbr/partition.h"
+#include "mbr/volume.h"
+#include "platform/platform.h"
+#include "sectors/backup_header.h"
+#include "sectors/backup_show.h"
+#include "sectors/save_restore.h"
+#include "sectors/sector_io.h"
+#include "sectors/sector_ops.h"
+
+namespace dh {
+
+namespace {
+
+constexpr uint64_t kTrack0Sectors = 63;
+constexpr uint64_t kHiddenSector = 9;
+// Heading texts put the file name on a line of its own from this length on.
+constexpr size_t kShortFileName = 31;
+
+bool StartsWithDigit(const std::string& text) {
+  return !text.empty() && std::isdigit(static_cast<unsigned char>(text[0])) != 0;
+}
+
+// The value of the last "/keyword=value" argument: the one the parser kept.
+// The value fields of RunOptions are shared by many keywords, so a later
+// argument may have overwritten them; the argument list still has it.
+std::string CommandValue(std::string_view keyword, const std::string& fallback) {
+  const auto& entries = Arguments().entries;
+  for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
+    const std::string& text = it->text;
+    if (text.size() < keyword.size() + 2 || (text[0] != '/' && text[0] != '-')) continue;
+    if (!EqualsIgnoreCase(std::string_view(text).substr(1, keyword.size()), keyword)) continue;
+    return text.substr(keyword.size() + 2);  // the separator after the name is skipped, whatever it is
+  }
+  return fallback;
+}
+
+// The value of the argument FindArgument found, taken from its whole text,
+// which the argument list keeps longer than the value itself: paths may
+// be longer than a value.  False when even the text was cut, since a cut
+// path names another file.
+bool WholeValue(std::string* value) {
+  const std::string text = CurrentArgumentText();
+  const size_t equals = text.find('=');
+  if (text.size() >= kArgumentTextWidth || equals == std::string::npos) return false;
+  *value = text.substr(equals + 1);
+  return true;
+}
+
+// "/Filename" for save= and restore=; its value also names the file in the
+// final report.
+bool FileNameArgument(std::string* name) {
+  if (!FindArgument("/Filename") || !WholeValue(name)) {
+    SetResultIfNone(kMissingFilename);
+    return false;
+  }
+  AssignValueText(Options().valueText2, *name);
+  return true;
+}
+
+// "/Range=a-b": the '-' is searched from the second character on, so that
+// a leading '-' is not taken for it.  Negative numbers are refused: no
+// sector has one.
+bool RangeArgument(int64_t* a, int64_t* b) {
+  if (!FindArgument("/Range")) return false;
+  const std::string value = CurrentArgumentValue();
+  const size_t dash = value.size() > 1 ? value.find('-', 1) : std::string::npos;
+  if (dash == std::string::npos) return false;
+  *a = ReadDecimal64(std::string_view(value).substr(0, dash));
+  *b = ReadDecimal64(std::string_view(value).substr(dash + 1));
+  return *a >= 0 && *b >= 0;
+}
+
+// The N-th primary partition (on a GPT disk the N-th entry) for the vbr
+// area; save= and restore= of a volume boot record need a real one.
+const PartitionRecord* VbrPartition(DiskSet& disks) {
+  const int32_t n = Options().partNumber;
+  if (n < 1 || n > PartitionCount(disks, kKindPrimary)) return nullptr;
+  return GetPartition(disks, n, kKindPrimary);
+}
+
+// Sectors of a partition's volume boot record.  A GPT entry has no type
+// byte; its `type` holds the detected file system, which stands in for one
+// (FAT 3, NTFS 7).
+uint32_t VbrSectors(const DiskSet& disks, const PartitionRecord& r) {
+  if (!disks.isGpt) return VbrSectorCount(static_cast<uint32_t>(r.type) & 0xFF);
+  switch (r.type) {
+    case kFsFat16:
+    case kFsFat32:
+      return VbrSectorCount(0x0C);
+    case kFsNtfs:
+      return VbrSectorCount(0x07);
+    default:
+      return 0;
+  }
+}
+
+// The GPT area needs a GPT whose primary header passed its checks.
+bool GptUsable(DiskSet& disks) {
+  if (!disks.isGpt) {
+    SetResultIfNone(kNotGptDisk);
+    return false;
+  }
+  if (!GptHeaderValid(disks)) {
+    SetResultIfNone(kGptInvalid);
+    return false;
+  }
+  return true;
+}
+
+void RunSave(DiskSet& disks) {
+  const RunOptions& o = Options();
+  std::string name;
+  if (!FileNameArgument(&name)) return;
+  auto kind = [&](BackupContentKind k) { return o.noHeader ? uint8_t{kBackupRaw} : uint8_t{k}; };
+  switch (o.areaKind) {
+    case kAreaMbr:
+      SaveSectorsToFile(disks, name, 0, 1, kind(kBackupMbr));
+      break;
+    case kAreaTrack0:
+      SaveSectorsToFile(disks, name, 0, kTrack0Sectors, kind(kBackupTrack0));
+      break;
+    case kAreaGpt:
+      if (!GptUsable(disks)) return;
+      SaveSectorsToFile(disks, name, 0, GptSaveSectorCount(disks), kind(kBackupGpt));
+      break;
+    case kAreaVbr: {
+      const PartitionRecord* r = VbrPartition(disks);
+      if (!r) {
+        SetResultIfNone(kInvalidPartition);
+        return;
+      }
+      const uint32_t count = VbrSectors(disks, *r);
+      if (count == 0) {
+        SetResultIfNone(kUnsupportedBootRecord);
+        return;
+      }
+      SaveSectorsToFile(disks, name, r->startLba, count, kind(kBackupVbr));
+      break;
+    }
+    case kAreaDisk:
+      SaveRangeToFile(disks, name, 0, disks.totalSectors, kind(kBackupDisk));
+      break;
+    case kAreaRange: {
+      // For save=, b is the number of sectors from a on.
+      int64_t a = 0, b = 0;
+      if (!RangeArgument(&a, &b) || b == 0) {
+        SetResultIfNone(kMissingRange);
+        return;
+      }
+      SaveRangeToFile(disks, name, static_cast<uint64_t>(a), static_cast<uint64_t>(b), kind(kBackupRange));
+      break;
+    }
+    default:
+      return;
+  }
+  RecordOutcome(disks.firstError, kCmdSave);
+}
+
+void RunRestoreVbr(DiskSet& disks, const std::string& name) {
+  if (!FindArgument("/Part")) {
+    State().badArgument = "/Part";
+    SetResultIfNone(kMissingParameter);
+    return;
+  }
+  const PartitionRecord* r = VbrPartition(disks);
+  if (!r) {
+    SetResultIfNone(kInvalidPartition);
+    return;
+  }
+  if (!platform::Host().PathExists(name)) {
+    SetResultIfNone(kFileNotFound);
+    return;
+  }
+  // Only a saved volume boot record goes back onto a partition: a raw file
+  // has no sector count, and any other backup would put an MBR or a range
+  // over the partition's first sectors.
+  uint8_t header[backup::kHeaderSize];
+  if (ReadBackupKind(name, header) != kBackupVbr) {
+    SetResultIfNone(kNotBackupFile);
+    return;
+  }
+  const uint32_t count = LoadLe32(header + backup::kSectorCountOffset);
+  RestoreFromFile(disks, name, r->startLba, count, false);
+}
+
+void RunRestore(DiskSet& disks) {
+  const RunOptions& o = Options();
+  std::string name;
+  if (!FileNameArgument(&name)) return;
+  switch (o.areaKind) {
+    case kAreaMbr:
+      RestoreFromFile(disks, name, 0, 1, !o.ignoreErrors);
+      break;
+    case kAreaTrack0:
+      RestoreFromFile(disks, name, 0, kTrack0Sectors, false);
+      break;
+    case kAreaDisk:
+      RestoreFromFile(disks, name, 0, -1, false);
+      break;
+    case kAreaGpt:
+      if (!disks.isGpt) {
+        SetResultIfNone(kNotGptDisk);
+        return;
+      }
+      // The GPT restore keeps its code in the GPT table; the disk set's
+      // rule (first error, nothing under ignore) makes it the outcome.
+      disks.RecordError(RestoreGptImage(disks, name));
+      break;
+    case kAreaVbr:
+      RunRestoreVbr(disks, name);
+      if (State().resultCode != kSuccess) return;
+      break;
+    case kAreaRange: {
+      // Sector numbers are used whole: cutting them to 32 bits would put
+      // the sector somewhere else on a disk beyond 2 TiB.
+      const int64_t sector = ReadDecimal64(CommandValue("restore", o.valueText));
+      RestoreFromFile(disks, name, static_cast<uint64_t>(sector < 0 ? 0 : sector), 1, false);
+      break;
+    }
+    default:
+      return;
+  }
+  RecordOutcome(disks.firstError, kCmdRestore);
+}
+
+// The heading of the display, kept in valueText2.
+void SetHeading(const std::string& heading) { AssignValueText(Options().valueText2, heading); }
+
+std::string FileHeading(const std::string& name) {
+  return name.size() < kShortFileName ? "file:  " + name + "\n" : "file: \n   " + name + "\n";
+}
+
+// show=File: the file's first data sector becomes the disk's sector0 image
+// and its entries the partition model; the disk itself is not read.
+bool LoadFileForShow(DiskSet& disks, std::string* name) {
+  if (!FindArgument("/Filename") || !WholeValue(name)) {
+    State().badArgument = "/Filename=";
+    SetResultIfNone(kMissingParameter);
+    return false;
+  }
+  if (!platform::Host().PathExists(*name)) {
+    SetResultIfNone(kFileNotFound);
+    return false;
+  }
+  uint8_t header[backup::kHeaderSize];
+  const uint64_t dataSector = ReadBackupKind(*name, header) != kBackupRaw ? 1 : 0;
+  std::memset(disks.sector0, 0, sizeof disks.sector0);
+  DeviceHandle file;
+  if (file.OpenRead(*name)) {
+    uint32_t got = 0;
+    sectors::ReadFileAt(file, dataSector * kSectorSize, disks.sector0, kSectorSize, &got);
+    file.Close();
+  }
+  disks.walkExtended = false;
+  disks.skipVolumeInfo = true;
+  LoadImageTable(disks);
+  SetHeading(FileHeading(*name));
+  return true;
+}
+
+void RunShow(DiskSet& disks) {
+  const RunOptions& o = Options();
+  RunState& s = State();
+  if (!FindArgument("/Show")) {
+    s.badArgument = "/Show";
+    SetResultIfNone(kMissingParameter);
+    return;
+  }
+  const std::string subject = CurrentArgumentValue();
+  const bool isFile = EqualsIgnoreCase(subject, "File");
+  std::string name;
+  bool loaded = false;
+  if (isFile) {
+    loaded = LoadFileForShow(disks, &name);
+  } else if (EqualsIgnoreCase(subject, "Sector")) {
+    if (!FindArgument("/Sector")) {
+      s.badArgument = "/Sector=";
+      SetResultIfNone(kMissingParameter);
+    } else {
+      const int64_t sector = ReadDecimal64(CurrentArgumentValue());
+      loaded = ReadSectorIntoImage(disks, static_cast<uint64_t>(sector), true) == kSuccess;
+      char heading[80];
+      std::snprintf(heading, sizeof heading, "sector # %" PRId64 " on Disk %d\n", sector, static_cast<int>(o.diskNumber));
+      SetHeading(heading);
+    }
+  } else if (EqualsIgnoreCase(subject, "Hidden")) {
+    loaded = ReadSectorIntoImage(disks, kHiddenSector, true) == kSuccess;
+    char heading[80];
+    std::snprintf(heading, sizeof heading, "hidden sector for Disk %d\n", static_cast<int>(o.diskNumber));
+    SetHeading(heading);
+  } else {
+    s.badArgument = CurrentArgumentText();
+    SetResultIfNone(kMissingParameter);
+  }
+  RecordOutcome(disks.firstError, kCmdShow);
+  // A sector that failed to load is not shown even under ignore: the model
+  // would still be the disk's own.
+  if (loaded && s.resultCode == kSuccess) ShowContents(disks, isFile, name);
+}
+
+void RunWipe(DiskSet& disks) {
+  RunOptions& o = Options();
+  uint64_t first = 0;
+  uint64_t last = 0;
+  switch (o.areaKind) {
+    case kAreaMbr:
+      break;
+    case kAreaTrack0:
+      last = kTrack0Sectors - 1;
+      break;
+    case kAreaGpt:
+      if (!GptUsable(disks)) return;
+      last = GptWipeLastSector(disks);
+      break;
+    case kAreaDisk:
+      if (disks.totalSectors == 0) {
+        SetResultIfNone(kWipeFailed);
+        return;
+      }
+      last = disks.totalSectors - 1;
+      break;
+    case kAreaRange: {
+      // For wipe=, b is the last sector to clear.
+      int64_t a = 0, b = 0;
+      if (!RangeArgument(&a, &b)) {
+        SetResultIfNone(kMissingRange);
+        return;
+      }
+      first = static_cast<uint64_t>(a);
+      last = static_cast<uint64_t>(b);
+      break;
+    }
+    default:
+      return;
+  }
+  // The success text names the area by the word of wipe=.
+  AssignValueText(o.valueText, CommandValue("wipe", o.valueText));
+  WipeArea(disks, first, last);
+  RecordOutcome(disks.firstError, kCmdWipe);
+}
+
+// "/Source" and "/Target" of copy: sector numbers.  A value that is not a
+// number is refused rather than read as sector 0, which would put another
+// sector over the MBR.
+bool SectorArgument(const char* name, ResultCode missing, uint64_t* sector) {
+  if (!FindArgument(name) || !StartsWithDigit(CurrentArgumentValue())) {
+    SetResultIfNone(missing);
+    return false;
+  }
+  *sector = static_cast<uint64_t>(ReadDecimal64(CurrentArgumentValue()));
+  return true;
+}
+
+void RunCopy(DiskSet& disks) {
+  RunOptions& o = Options();
+  uint64_t source = 0;
+  uint64_t target = 0;
+  if (!SectorArgument("/Source", kMissingSource, &source)) return;
+  if (!SectorArgument("/Target", kMissingTarget, &target)) return;
+  o.rangeFirst = static_cast<int64_t>(source);
+  o.rangeLast = static_cast<int64_t>(target);
+  CopySector(disks, source, target);
+  RecordOutcome(disks.firstError, kCmdCopy);
+}
+
+// A side of compare: a value that begins with a digit is a sector number,
+// anything else a file name.
+bool CompareArgument(const char* name, ResultCode missing, CompareSide* side) {
+  if (!FindArgument(name)) {
+    SetResultIfNone(missing);
+    return false;
+  }
+  std::string value = CurrentArgumentValue();
+  side->isFile = !StartsWithDigit(value);
+  if (side->isFile) {
+    // A name cut by the argument list would name another file: it is kept
+    // as cut, and the file is then not found.
+    WholeValue(&value);
+    side->fileName = value.substr(0, kValueTextSize - 1);
+  } else {
+    side->sector = static_cast<uint64_t>(ReadDecimal64(value));
+  }
+  return true;
+}
+
+void RunCompare(DiskSet& disks) {
+  CompareSide source;
+  CompareSide target;
+  if (!CompareArgument("/Source", kMissingSource, &source)) return;
+  if (!CompareArgument("/Target", kMissingTarget, &target)) return;
+  ResultCode result = kSuccess;
+  try {
+    result = CompareItems(disks, source, target);
+  } catch (const CompareReadError&) {
+    // No comparison result exists; the exit value must not read as a match.
+    SetResultIfNone(kReadFailed);
+    throw;
+  }
+  RecordOutcome(result, kCmdCompare);
+}
+
+}  // namespace
+
+void RunSectorCommand(DiskSet& disks) {
+  switch (Options().command) {
+    case kCmdSave:
+      RunSave(disks);
+      break;
+    case kCmdRestore:
+      RunRestore(disks);
+      break;
+    case kCmdShow:
+      RunShow(disks);
+      break;
+    case kCmdWipe:
+      RunWipe(disks);
+      break;
+    case kCmdCopy:
+      RunCopy(disks);
+      break;
+    case kCmdCompare:
+      RunCompare(disks);
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace dh

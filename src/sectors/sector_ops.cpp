@@ -1,0 +1,139 @@
+#include "sectors/sector_ops.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "app/run_state.h"
+#include "disk/device.h"
+#include "disk/disk_set.h"
+#include "mbr/partition.h"
+#include "sectors/backup_header.h"
+#include "sectors/sector_io.h"
+
+namespace dh {
+
+namespace {
+
+using sectors::kChunkBytes;
+using sectors::kChunkSectors;
+
+// Writes `count` sectors of zeros at `lba` without flushing; false when
+// the write fails.
+bool WriteZeros(DiskSet& disks, const std::vector<uint8_t>& zeros, uint64_t lba, uint32_t count) {
+  uint64_t at = 0;
+  return sectors::DeviceLba(disks, lba, &at) && at <= UINT64_MAX / kSectorSize &&
+         disks.device.Seek(at * kSectorSize) && disks.device.WriteNext(zeros.data(), count * kSectorSize);
+}
+
+bool HasBootMarker(const uint8_t* sector) { return sector[510] == 0x55 && sector[511] == 0xAA; }
+
+}  // namespace
+
+ResultCode WipeArea(DiskSet& disks, uint64_t first, uint64_t last) {
+  if (last < first) return disks.firstError;
+  // Without a size there is no end to stop at.
+  if (disks.totalSectors == 0) {
+    disks.RecordError(kWipeFailed);
+    return disks.firstError;
+  }
+  // Every sector past the end would fail on its own; they are not tried,
+  // but their failure is reported.
+  const uint64_t diskLast = disks.totalSectors - 1;
+  const uint64_t end = std::min(last, diskLast);
+  const std::vector<uint8_t> zeros(kChunkBytes, 0);
+  bool wrote = false;
+  for (uint64_t lba = first; lba <= end;) {
+    const uint64_t left = end - lba;  // sectors after this one
+    const uint32_t chunk = left < kChunkSectors ? static_cast<uint32_t>(left) + 1 : kChunkSectors;
+    if (WriteZeros(disks, zeros, lba, chunk)) {
+      wrote = true;
+    } else {
+      for (uint32_t i = 0; i < chunk; ++i) {
+        if (WriteZeros(disks, zeros, lba + i, 1)) {
+          wrote = true;
+        } else {
+          disks.RecordError(kWriteFailed);
+        }
+      }
+    }
+    if (left < chunk) break;  // `end` was in this chunk
+    lba += chunk;
+  }
+  if (last > diskLast) disks.RecordError(kWriteFailed);
+  // One flush for the whole area: the zeros are on the medium before the
+  // wipe reports success.
+  if (wrote && !disks.device.Flush()) disks.RecordError(kWriteFailed);
+  return disks.firstError;
+}
+
+ResultCode CopySector(DiskSet& disks, uint64_t source, uint64_t target) {
+  if (sectors::ReadDiskSector(disks, source, disks.sector0) != kSuccess) return disks.firstError;
+  sectors::WriteDiskSectors(disks, target, disks.sector0, 1);
+  return disks.firstError;
+}
+
+bool LoadCompareSector(DiskSet& disks, const CompareSide& side, uint8_t* buffer) {
+  std::memset(buffer, 0, kSectorSize);
+  if (!side.isFile) return sectors::ReadDiskSector(disks, side.sector, buffer) == kSuccess;
+  uint8_t header[backup::kHeaderSize];
+  const uint64_t dataSector = ReadBackupKind(side.fileName, header) != kBackupRaw ? 1 : 0;
+  DeviceHandle file;
+  if (!file.OpenRead(side.fileName)) return false;
+  uint32_t got = 0;
+  // Like any sector read, a short read that is not empty counts.
+  return sectors::ReadFileAt(file, dataSector * kSectorSize, buffer, kSectorSize, &got) && got > 0;
+}
+
+ResultCode CompareItems(DiskSet& disks, const CompareSide& source, const CompareSide& target) {
+  uint8_t a[kSectorSize];
+  uint8_t b[kSectorSize];
+  const CompareSide* sides[2] = {&source, &target};
+  uint8_t* buffers[2] = {a, b};
+  const ResultCode fileCodes[2] = {kFileError151, kFileError152};
+  for (int i = 0; i < 2; ++i) {
+    if (LoadCompareSector(disks, *sides[i], buffers[i])) continue;
+    if (!sides[i]->isFile) throw CompareReadError();
+    AssignValueText(Options().valueText2, "Unable to open file " + sides[i]->fileName);
+    return fileCodes[i];
+  }
+  return std::memcmp(a, b, kSectorSize) == 0 ? kSuccess : kItemsDiffer;
+}
+
+void LoadImageTable(DiskSet& disks) {
+  // The rows come from the image's own entries, not from the drive layout
+  // that stands in for the table of a volume without one.
+  disks.superFloppy = 0;
+  const bool walk = disks.walkExtended;
+  const bool skip = disks.skipVolumeInfo;
+  disks.walkExtended = false;
+  disks.skipVolumeInfo = true;
+  if (disks.sector0[mbr::kSlot0TypeOffset] != mbr::kGptProtectiveType) {
+    disks.LoadDisk(false);
+  } else {
+    // Loading a protective MBR would read the GPT of the disk, which is not
+    // what the image holds: its entries are shown as they stand.
+    disks.mediumPresent = true;
+    disks.bootSignatureValid = true;
+    disks.isGpt = false;
+    disks.partitions = std::make_unique<PartitionTable>(&disks);
+    disks.partitions->Load();
+    disks.activeIndex = -1;
+  }
+  disks.walkExtended = walk;
+  disks.skipVolumeInfo = skip;
+}
+
+ResultCode ReadSectorIntoImage(DiskSet& disks, uint64_t sector, bool requireMarker) {
+  std::memset(disks.sector0, 0, sizeof disks.sector0);
+  const ResultCode read = sectors::ReadDiskSector(disks, sector, disks.sector0);
+  if (!requireMarker || HasBootMarker(disks.sector0)) {
+    LoadImageTable(disks);
+    return read;
+  }
+  disks.RecordError(kNoMbrHere);
+  return read != kSuccess ? read : kNoMbrHere;
+}
+
+}  // namespace dh

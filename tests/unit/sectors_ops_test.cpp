@@ -1,0 +1,209 @@
+// Save, restore, wipe and compare against an in-memory machine, where the
+// number of transfers and flushes can be seen: chunked writes that keep
+// the outcome of one write per sector, short reads, files that fail, and
+// backups whose headers claim more or less than they hold.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "app/grammar.h"
+#include "app/run_state.h"
+#include "disk/disk_set.h"
+#include "disk/le.h"
+#include "fake_machine.h"
+#include "sectors/backup_header.h"
+#include "sectors/save_restore.h"
+#include "sectors/sector_commands.h"
+#include "sectors/sector_ops.h"
+
+namespace dh {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes Sectors(uint64_t first, uint64_t count, uint8_t salt) {
+  Bytes all(count * 512);
+  for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<uint8_t>((first * 512 + i) * 31 + salt + i / 512);
+  return all;
+}
+
+class SectorOpsTest : public ::testing::Test {
+ protected:
+  SectorOpsTest() : host_(&machine_) {
+    ResetRun();
+    Arguments().Clear();
+  }
+
+  // Drive 0 full of a pattern, with one primary partition so that it loads
+  // as an MBR disk.
+  test::FakeDrive& MakeDisk(uint64_t sectors) {
+    test::FakeDrive& d = machine_.AddDrive(0, sectors);
+    d.bytes = Sectors(0, sectors, 1);
+    uint8_t* s = d.Sector(0);
+    std::memset(s + 446, 0, 64);
+    s[446 + 4] = 0x07;
+    StoreLe32(s + 446 + 8, 64);
+    StoreLe32(s + 446 + 12, 100);
+    d.SetBootSignature();
+    return d;
+  }
+
+  void Command(const std::vector<std::string>& args) {
+    for (const std::string& a : args) {
+      Arguments().Add(a);
+      ParseArgument(a);
+    }
+  }
+
+  test::FakeMachine machine_;
+  test::ScopedHost host_;
+};
+
+TEST_F(SectorOpsTest, WipeWritesChunksAndRetriesAFailedOneSectorBySector) {
+  test::FakeDrive& d = MakeDisk(6000);
+  d.badSectors = {2500, 2501};
+  const Bytes before = d.bytes;
+  DiskSet disks(false);
+  d.writeCalls = 0;
+  EXPECT_EQ(kWriteFailed, WipeArea(disks, 10, 5999));
+  for (uint64_t s = 10; s < 6000; ++s) {
+    const bool bad = s == 2500 || s == 2501;
+    const uint8_t* p = d.Sector(s);
+    const bool zero = std::all_of(p, p + 512, [](uint8_t b) { return b == 0; });
+    ASSERT_EQ(!bad, zero) << "sector " << s;
+  }
+  EXPECT_EQ(Bytes(before.begin(), before.begin() + 10 * 512), Bytes(d.Sector(0), d.Sector(10)));
+  // Three chunks, one of them again as 2048 single sectors.
+  EXPECT_EQ(3 + 2048, d.writeCalls);
+  EXPECT_EQ(1, d.flushCalls);
+}
+
+TEST_F(SectorOpsTest, WipeStopsAtTheEndOfTheDiskAndReportsWhatLiesBeyond) {
+  test::FakeDrive& d = MakeDisk(3000);
+  DiskSet disks(false);
+  d.writeCalls = 0;
+  // Far beyond the end: no write is tried there, so nothing loops.
+  EXPECT_EQ(kWriteFailed, WipeArea(disks, 2990, UINT64_MAX));
+  EXPECT_EQ(3000u * 512, d.bytes.size());
+  EXPECT_EQ(Bytes(10 * 512, 0), Bytes(d.Sector(2990), d.Sector(2990) + 10 * 512));
+  EXPECT_EQ(1, d.writeCalls);
+
+  ResetRun();
+  DiskSet again(false);
+  again.totalSectors = 0;
+  EXPECT_EQ(kWipeFailed, WipeArea(again, 0, 0));
+}
+
+TEST_F(SectorOpsTest, RestoreWritesMiBChunksAndFlushesOnce) {
+  test::FakeDrive& d = MakeDisk(10000);
+  const Bytes data = Sectors(0, 6144, 9);
+  machine_.AddFile("three.bin", data);
+  DiskSet disks(false);
+  d.writeCalls = 0;
+  d.flushCalls = 0;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(kSuccess, RestoreFromFile(disks, "three.bin", 0, -1, false));
+  EXPECT_EQ("\n Sector Count: 6144 \n", testing::internal::GetCapturedStdout());
+  EXPECT_EQ(data, Bytes(d.bytes.begin(), d.bytes.begin() + 6144 * 512));
+  EXPECT_EQ(3, d.writeCalls);
+  EXPECT_EQ(1, d.flushCalls);
+}
+
+TEST_F(SectorOpsTest, RestoreAndCopyStopAtTheEndOfTheDisk) {
+  test::FakeDrive& d = MakeDisk(5000);
+  const Bytes data = Sectors(0, 3000, 4);
+  machine_.AddFile("big.bin", data);
+  DiskSet disks(false);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(kWriteFailed, RestoreFromFile(disks, "big.bin", 4000, -1, false));
+  testing::internal::GetCapturedStdout();
+  // What fits is written; nothing is tried past the last sector.
+  EXPECT_EQ(5000u * 512, d.bytes.size());
+  EXPECT_EQ(Bytes(data.begin(), data.begin() + 1000 * 512), Bytes(d.Sector(4000), d.Sector(5000)));
+
+  ResetRun();
+  DiskSet copy(false);
+  d.writeCalls = 0;
+  EXPECT_EQ(kWriteFailed, CopySector(copy, 1, 5000));
+  EXPECT_EQ(0, d.writeCalls);
+}
+
+TEST_F(SectorOpsTest, RestoreTakesNoMoreThanTheHeaderDeclares) {
+  test::FakeDrive& d = MakeDisk(100);
+  Bytes file(512, 0);
+  file[0] = 'D';
+  file[1] = 'D';
+  file[10] = kBackupMbr;
+  StoreLe64(file.data() + backup::kSectorCountOffset, 1);
+  Bytes three = Sectors(0, 3, 5);
+  three[510] = 0x55;
+  three[511] = 0xAA;
+  file.insert(file.end(), three.begin(), three.end());
+  machine_.AddFile("mbr.bin", file);
+  const Bytes before = d.bytes;
+  DiskSet disks(false);
+  EXPECT_EQ(kSuccess, RestoreFromFile(disks, "mbr.bin", 0, 1, true));
+  EXPECT_EQ(Bytes(three.begin(), three.begin() + 512), Bytes(d.Sector(0), d.Sector(1)));
+  EXPECT_EQ(Bytes(before.begin() + 512, before.end()), Bytes(d.Sector(1), d.Sector(100)));
+
+  // A count that no byte size can hold is more than any command asks for.
+  StoreLe64(file.data() + backup::kSectorCountOffset, UINT64_MAX / 256);
+  machine_.AddFile("huge.bin", file);
+  ResetRun();
+  DiskSet other(false);
+  EXPECT_EQ(kFileSizeMismatch, RestoreFromFile(other, "huge.bin", 0, 63, false));
+}
+
+TEST_F(SectorOpsTest, SaveRangeCopesWithShortReadsAndShowsProgressOnlyWhenLong) {
+  test::FakeDrive& d = MakeDisk(14000);
+  d.readLimit = 1000;  // not even whole sectors per read
+  DiskSet disks(false);
+  EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "quiet.bin", 100, 13000, kBackupRaw));
+  EXPECT_EQ(0, machine_.clearScreenCalls);
+  EXPECT_EQ(Bytes(d.Sector(100), d.Sector(13100)), machine_.Find("quiet.bin")->bytes);
+
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "long.bin", 0, 13001, kBackupDisk));
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(1, machine_.clearScreenCalls);
+  EXPECT_EQ("100% complete", out.substr(out.size() - 13));
+  const Bytes& file = machine_.Find("long.bin")->bytes;
+  ASSERT_EQ((1 + 13001u) * 512, file.size());
+  EXPECT_EQ(13001u, LoadLe64(file.data() + backup::kSectorCountOffset));
+  EXPECT_EQ(Bytes(d.Sector(0), d.Sector(13001)), Bytes(file.begin() + 512, file.end()));
+}
+
+TEST_F(SectorOpsTest, SaveFailuresOfTheBackupFile) {
+  MakeDisk(100);
+  DiskSet disks(false);
+  // A file that takes no writes fails the save, the last chunk too.
+  machine_.AddFile("locked.bin").writeProtected = true;
+  EXPECT_EQ(kBackupWriteFailed, SaveRangeToFile(disks, "locked.bin", 0, 10, kBackupRaw));
+  ResetRun();
+  DiskSet sectorBySector(false);
+  EXPECT_EQ(kBackupWriteFailed, SaveSectorsToFile(sectorBySector, "locked.bin", 0, 1, kBackupMbr));
+
+  // An existing file that cannot be replaced, and a path that cannot exist.
+  machine_.AddFile("kept.bin").refusedModes.insert(platform::OpenMode::CreateAlways);
+  ResetRun();
+  DiskSet a(false);
+  EXPECT_EQ(kCannotOverwrite, SaveSectorsToFile(a, "kept.bin", 0, 1, kBackupMbr));
+  ResetRun();
+  DiskSet b(false);
+  EXPECT_EQ(kInvalidPath, SaveSectorsToFile(b, "\\\\.\\nowhere", 0, 1, kBackupMbr));
+}
+
+TEST_F(SectorOpsTest, CompareOfAnUnreadableSectorEndsTheRunWith506) {
+  test::FakeDrive& d = MakeDisk(100);
+  d.badSectors = {50};
+  DiskSet disks(false);
+  Command({"/compare", "/source=50", "/target=0"});
+  EXPECT_THROW(RunSectorCommand(disks), CompareReadError);
+  EXPECT_EQ(kReadFailed, State().resultCode);
+}
+
+}  // namespace
+}  // namespace dh
