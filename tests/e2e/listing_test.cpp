@@ -3,12 +3,13 @@
 // golden/ (derived column by column from the listing's formats).
 #include <gtest/gtest.h>
 
-#include <cctype>
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <regex>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "harness.h"
@@ -21,68 +22,44 @@ using e2e::Machine;
 using e2e::Mbr;
 using e2e::Result;
 
-std::string GoldenPath(const std::string& name) {
-  std::string here = __FILE__;
-  size_t slash = here.find_last_of("/\\");
-  return (slash == std::string::npos ? std::string(".") : here.substr(0, slash)) + "/golden/" + name;
-}
-
-// Compares with a golden file; on a difference, names the first differing
-// line and leaves the actual output beside the test's temporary files.
+// Compares with a golden file; on a difference the actual output is left
+// beside the test's temporary files.
 void ExpectGolden(const std::string& name, const std::string& actual) {
-  const std::string expected = e2e::ReadFileText(GoldenPath(name));
-  ASSERT_FALSE(expected.empty()) << "missing golden file " << GoldenPath(name);
+  const std::string here = __FILE__;
+  const std::string path = here.substr(0, here.find_last_of("/\\") + 1) + "golden/" + name;
+  const std::string expected = e2e::ReadFileText(path);
+  ASSERT_FALSE(expected.empty()) << "missing golden file " << path;
   if (actual == expected) return;
-  std::string saved = ::testing::TempDir() + name + ".actual";
+  const std::string saved = ::testing::TempDir() + name + ".actual";
   e2e::WriteFileText(saved, actual);
-  std::istringstream a(actual), e(expected);
-  std::string la, le;
-  int line = 1;
-  while (true) {
-    bool ga = static_cast<bool>(std::getline(a, la));
-    bool ge = static_cast<bool>(std::getline(e, le));
-    if (!ga && !ge) break;
-    if (la != le || ga != ge) {
-      ADD_FAILURE() << name << " differs at line " << line << "\n  expected: [" << le << "]\n  actual:   [" << la
-                    << "]\n  whole output saved in " << saved;
-      return;
-    }
-    ++line;
-  }
-  ADD_FAILURE() << name << " differs (line ends); output saved in " << saved;
+  EXPECT_EQ(expected, actual) << name << "; output saved in " << saved;
 }
 
 // An EBR: the logical partition's entry and the link to the next EBR.
 std::vector<uint8_t> Ebr(const std::vector<uint8_t>& logical, const std::vector<uint8_t>& link) {
-  std::vector<uint8_t> s(512, 0);
-  for (size_t j = 0; j < 16; ++j) {
-    s[446 + j] = logical[j];
-    s[462 + j] = link[j];
-  }
-  s[510] = 0x55;
-  s[511] = 0xAA;
+  std::vector<uint8_t> s = Mbr({logical, link}, 0);
+  s[0] = s[1] = 0;
   return s;
 }
 
-std::vector<uint8_t> NoEntry() { return std::vector<uint8_t>(16, 0); }
+const std::vector<uint8_t> kNoEntry(16, 0);
 
 // A FAT32 boot sector and a root directory that holds a volume label.
 void WriteFat32Label(const Image& image, uint32_t lba, const std::string& label) {
   std::vector<uint8_t> boot(512, 0);
-  boot[11] = 0x00;  // 512 bytes per sector
-  boot[12] = 0x02;
-  boot[13] = 1;   // sectors per cluster
-  boot[14] = 32;  // reserved sectors
-  boot[16] = 2;   // FATs
-  boot[36] = 8;   // sectors per FAT (32-bit field)
-  for (int i = 0; i < 5; ++i) boot[82 + i] = static_cast<uint8_t>("FAT32"[i]);
+  boot[12] = 0x02;  // 512 bytes per sector
+  boot[13] = 1;     // sectors per cluster
+  boot[14] = 32;    // reserved sectors
+  boot[16] = 2;     // FATs
+  boot[36] = 8;     // sectors per FAT (32-bit field)
+  std::copy_n("FAT32", 5, boot.begin() + 82);
   boot[510] = 0x55;
   boot[511] = 0xAA;
   image.Write(lba, boot);
   std::vector<uint8_t> root(512, 0);
   std::string name = label;
   name.resize(11, ' ');
-  for (int i = 0; i < 11; ++i) root[i] = static_cast<uint8_t>(name[i]);
+  std::copy(name.begin(), name.end(), root.begin());
   root[11] = 0x08;
   image.Write(lba + 32 + 2 * 8, root);
 }
@@ -106,8 +83,7 @@ TEST(Listing, FreeSpaceRowsAndDriveLetters) {
       "\n[volume D]\ndrive = 0\noffset = 2097152\nguid = {66666666-2222-3333-4444-555555555555}\n"
       // A volume of another partition offset: matches nothing listed.
       "\n[volume F]\ndrive = 0\noffset = 4194304\n");
-  Result r = RunOk(m, {"/list", "/freespace", "/text", "/silent"});
-  ExpectGolden("freespace_text.txt", r.out);
+  ExpectGolden("freespace_text.txt", RunOk(m, {"/list", "/freespace", "/text", "/silent"}).out);
 }
 
 // Labels fill their column, cut or blank-filled to 11 characters.
@@ -117,13 +93,11 @@ TEST(Listing, VolumeLabelsShowInTheirColumn) {
   disk.Write(0, Mbr({Entry(0, 0x0C, 2048, 4096), Entry(0, 0x0C, 6144, 4096)}));
   WriteFat32Label(disk, 2048, "ARCHIVE2024");
   WriteFat32Label(disk, 6144, "DATA");
-  Result r = RunOk(m, {"/list", "/text", "/silent"});
-  EXPECT_NE(r.out.find("\n  1   1  0C-FAT32X 2.0M  No   No           2,048          4,096    ARCHIVE2024 \n"),
-            std::string::npos)
-      << r.out;
-  EXPECT_NE(r.out.find("\n  2   2  0C-FAT32X 2.0M  No   No           6,144          4,096    DATA        \n"),
-            std::string::npos)
-      << r.out;
+  const Result r = RunOk(m, {"/list", "/text", "/silent"});
+  for (const char* row : {"\n  1   1  0C-FAT32X 2.0M  No   No           2,048          4,096    ARCHIVE2024 \n",
+                          "\n  2   2  0C-FAT32X 2.0M  No   No           6,144          4,096    DATA        \n"}) {
+    EXPECT_NE(r.out.find(row), std::string::npos) << r.out;
+  }
 }
 
 // Logical partitions follow their extended partition; rows at positions 10
@@ -136,19 +110,16 @@ TEST(Listing, LogicalPartitionsAndCodePage437Frames) {
                     0xCAFEF00D));
   const uint8_t types[9] = {0x07, 0x07, 0x83, 0x07, 0x0B, 0x07, 0x07, 0x82, 0x07};
   for (uint32_t i = 0; i < 9; ++i) {
-    auto link = i < 8 ? Entry(0, 0x05, 2048 * (i + 1), 2048) : NoEntry();
-    disk.Write(2048 + 2048 * i, Ebr(Entry(i == 1 ? 0x80 : 0, types[i], 1, 1500), link));
+    disk.Write(2048 + 2048 * i, Ebr(Entry(i == 1 ? 0x80 : 0, types[i], 1, 1500),
+                                    i < 8 ? Entry(0, 0x05, 2048 * (i + 1), 2048) : kNoEntry));
   }
-  Result r = RunOk(m, {"/list", "/logical", "/freespace", "/silent"});
+  const Result r = RunOk(m, {"/list", "/logical", "/freespace", "/silent"});
   ExpectGolden("logical_437.txt", r.out);
-
-  // Without the switch the logical partitions never appear.
-  Result plain = RunOk(m, {"/list", "/silent", "/text"});
+  // `extended` is the same switch; without it logical partitions never appear.
+  EXPECT_EQ(RunOk(m, {"/list", "/extended", "/freespace", "/silent"}).out, r.out);
+  const Result plain = RunOk(m, {"/list", "/silent", "/text"});
   EXPECT_EQ(plain.out.find(" L1 "), std::string::npos) << plain.out;
   EXPECT_NE(plain.out.find(" 2   2  0F-EXTEND"), std::string::npos) << plain.out;
-  // `extended` is the same switch.
-  Result extended = RunOk(m, {"/list", "/extended", "/freespace", "/silent"});
-  EXPECT_EQ(extended.out, r.out);
 }
 
 // An empty table, a SCSI model name longer than its field.
@@ -158,53 +129,41 @@ TEST(Listing, EmptyTableAndLongDescription) {
   Image& disk = m.AddDrive(0, 2048, {{"instance", "SCSI\\Disk&Ven_Initech\\1&0001"},
                                      {"friendlyname", model + " SCSI Disk Device"}});
   disk.Write(0, Mbr({}, 0));
-  Result r = RunOk(m, {"/list", "/text", "/silent"});
-  ExpectGolden("empty_long_description.txt", r.out);
+  ExpectGolden("empty_long_description.txt", RunOk(m, {"/list", "/text", "/silent"}).out);
 }
 
 // Two disks (drive numbers 0 and 2), UTF-8 frames, a USB stick whose letter
-// comes from a device-path record; then disk=1 alone.
-class TwoDisks : public ::testing::Test {
- protected:
-  void SetUp() override {
-    Image& d0 = m.AddDrive(0, 20480, {{"instance", "IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0"},
-                                      {"friendlyname", "ST3500418AS ATA Device"}});
-    d0.Write(0, Mbr({NoEntry(), Entry(0x80, 0x07, 2048, 18432)}, 0x11223344));
-    Image& d2 = m.AddDrive(2, 16384, {{"media", "removable"},
-                                      {"instance", "USBSTOR\\Disk&Ven_SanDisk&Prod_Cruzer&Rev_1.26\\2005"},
-                                      {"friendlyname", "SanDisk Cruzer USB Device"}});
-    d2.Write(0, Mbr({Entry(0, 0x0C, 2048, 14336)}, 0xA1B2C3D4));
-    m.AddText(
-        "\n[volume E]\ndevice = \\??\\USBSTOR#Disk&Ven_SanDisk&Prod_Cruzer&Rev_1.26#2005"
-        "#{53f56307-b6bf-11d0-94f2-00a0c91efb8b}\n");
-  }
+// comes from a device-path record; disk=1 alone; the character map after
+// the last disk.
+TEST(Listing, TwoDisks) {
   Machine m;
-};
+  Image& d0 = m.AddDrive(0, 20480, {{"instance", "IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0"},
+                                    {"friendlyname", "ST3500418AS ATA Device"}});
+  d0.Write(0, Mbr({kNoEntry, Entry(0x80, 0x07, 2048, 18432)}, 0x11223344));
+  Image& d2 = m.AddDrive(2, 16384, {{"media", "removable"},
+                                    {"instance", "USBSTOR\\Disk&Ven_SanDisk&Prod_Cruzer&Rev_1.26\\2005"},
+                                    {"friendlyname", "SanDisk Cruzer USB Device"}});
+  d2.Write(0, Mbr({Entry(0, 0x0C, 2048, 14336)}, 0xA1B2C3D4));
+  m.AddText(
+      "\n[volume E]\ndevice = \\??\\USBSTOR#Disk&Ven_SanDisk&Prod_Cruzer&Rev_1.26#2005"
+      "#{53f56307-b6bf-11d0-94f2-00a0c91efb8b}\n");
 
-TEST_F(TwoDisks, EveryDiskIsListedWithUtf8Frames) {
-  m.Set("codepage", "65001");
-  Result r = RunOk(m, {"/list", "/silent"});
-  ExpectGolden("two_disks_utf8.txt", r.out);
-  // disk=* lists every disk as well.
-  Result all = RunOk(m, {"/list", "/disk=*", "/silent"});
-  EXPECT_EQ(all.out, r.out);
-}
+  const Result one = RunOk(m, {"/list", "/disk=1", "/text", "/silent"});
+  ExpectGolden("disk1_text.txt", one.out);
+  EXPECT_EQ(RunOk(m, {"/tablist", "/disk=1", "/text", "/silent"}).out, one.out);
 
-TEST_F(TwoDisks, DiskOneAlone) {
-  Result r = RunOk(m, {"/list", "/disk=1", "/text", "/silent"});
-  ExpectGolden("disk1_text.txt", r.out);
-  Result tab = RunOk(m, {"/tablist", "/disk=1", "/text", "/silent"});
-  EXPECT_EQ(tab.out, r.out);
-}
-
-TEST_F(TwoDisks, CharacterMapFollowsTheLastDisk) {
-  Result r = RunOk(m, {"/list", "/asciimap", "/text", "/silent"});
-  size_t map = r.out.find("\nCodepage= 437\n");
+  const Result r = RunOk(m, {"/list", "/asciimap", "/text", "/silent"});
+  const size_t map = r.out.find("\nCodepage= 437\n");
   ASSERT_NE(map, std::string::npos) << r.out;
   EXPECT_EQ(r.out.find("Codepage=", map + 2), std::string::npos);
   EXPECT_GT(map, r.out.find(" Disk: 1 "));
   EXPECT_EQ(r.out.compare(map - 80, 80, " " + std::string(77, '-') + " \n"), 0);
   EXPECT_EQ(r.out.substr(r.out.size() - 2), "\n\n");
+
+  m.Set("codepage", "65001");
+  const Result all = RunOk(m, {"/list", "/silent"});
+  ExpectGolden("two_disks_utf8.txt", all.out);
+  EXPECT_EQ(RunOk(m, {"/list", "/disk=*", "/silent"}).out, all.out);
 }
 
 // A chain of EBRs that links back to its first EBR: listed at once, with the
@@ -215,10 +174,9 @@ TEST(Listing, LoopingExtendedChainListsAtOnce) {
   disk.Write(0, Mbr({Entry(0, 0x05, 2048, 6144)}, 0xBEEF));
   disk.Write(2048, Ebr(Entry(0, 0x83, 63, 100), Entry(0, 0x05, 2048, 2048)));
   disk.Write(4096, Ebr(Entry(0, 0x83, 63, 100), Entry(0, 0x05, 0, 2048)));
-  auto start = std::chrono::steady_clock::now();
-  Result r = RunOk(m, {"/list", "/logical", "/text", "/silent"});
-  auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_LT(seconds, 10.0);
+  const auto start = std::chrono::steady_clock::now();
+  const Result r = RunOk(m, {"/list", "/logical", "/text", "/silent"});
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
   ExpectGolden("ebr_loop_text.txt", r.out);
 }
 
@@ -228,74 +186,44 @@ TEST(Listing, AgreesWithSfdisk) {
   if (!e2e::HaveTool("sfdisk")) GTEST_SKIP() << "sfdisk is not installed";
   Machine m;
   Image& disk = m.AddDrive(0, 65536);
-  const std::string script =
-      "label: dos\n"
-      "label-id: 0x5eed1234\n"
-      "start=2048, size=8192, type=7, bootable\n"
-      "start=10240, size=4096, type=c\n"
-      "start=14336, size=2048, type=83\n"
-      "start=16384, size=40960, type=5\n"
-      "start=18432, size=4096, type=83\n"
-      "start=24576, size=8192, type=7\n"
-      "start=34816, size=2048, type=82\n";
-  e2e::WriteFileText(m.PathOf("layout.sfdisk"), script);
+  e2e::WriteFileText(m.PathOf("layout.sfdisk"),
+                     "label: dos\nlabel-id: 0x5eed1234\n"
+                     "start=2048, size=8192, type=7, bootable\nstart=10240, size=4096, type=c\n"
+                     "start=14336, size=2048, type=83\nstart=16384, size=40960, type=5\n"
+                     "start=18432, size=4096, type=83\nstart=24576, size=8192, type=7\n"
+                     "start=34816, size=2048, type=82\n");
   int status = -1;
-  e2e::Shell("sfdisk --no-reread --no-tell-kernel -q '" + disk.path() + "' < '" + m.PathOf("layout.sfdisk") +
-                 "' 2>&1",
+  e2e::Shell("sfdisk --no-reread --no-tell-kernel -q '" + disk.path() + "' < '" + m.PathOf("layout.sfdisk") + "' 2>&1",
              &status);
   ASSERT_EQ(status, 0);
-  std::string dump = e2e::Shell("sfdisk --dump '" + disk.path() + "'", &status);
+  const std::string dump = e2e::Shell("sfdisk --dump '" + disk.path() + "'", &status);
   ASSERT_EQ(status, 0);
 
-  // sfdisk numbers primaries 1-4 by slot and logical partitions from 5 on.
-  struct Part {
-    uint64_t start, size;
-    unsigned type;
-  };
-  std::map<int, Part> expected;
-  std::regex dumpLine(R"(img(\d+) : start=\s*(\d+), size=\s*(\d+), type=([0-9a-fA-F]+))");
+  // Partition number -> start, size, type.  sfdisk numbers primaries 1-4 by
+  // slot and logical partitions from 5 on; the listing shows the slot + 1
+  // in its Idx column and logical partitions as L1, L2...
+  using Part = std::tuple<uint64_t, uint64_t, unsigned>;
+  std::map<int, Part> expected, listed;
+  const std::regex dumpLine(R"(img(\d+) : start=\s*(\d+), size=\s*(\d+), type=([0-9a-fA-F]+))");
   for (std::sregex_iterator it(dump.begin(), dump.end(), dumpLine), end; it != end; ++it) {
-    expected[std::stoi((*it)[1])] = {std::stoull((*it)[2]), std::stoull((*it)[3]),
-                                     static_cast<unsigned>(std::stoul((*it)[4], nullptr, 16))};
+    expected[std::stoi((*it)[1])] = {std::stoull((*it)[2]), std::stoull((*it)[3]), static_cast<unsigned>(std::stoul((*it)[4], nullptr, 16))};
   }
   ASSERT_EQ(expected.size(), 7u) << dump;
 
-  Result r = RunOk(m, {"/list", "/logical", "/text", "/silent"});
-  auto number = [](const std::string& field) {
-    std::string digits;
-    for (char c : field) {
-      if (c >= '0' && c <= '9') digits += c;
-    }
-    return std::stoull(digits);
+  const Result r = RunOk(m, {"/list", "/logical", "/text", "/silent"});
+  const std::regex row(R"(^ \s*(L?)(\d+)\s+(\d+|-)\s+([0-9A-F]{2})-\S+\s+\S+\s+(?:Yes|No)\s+(?:Yes|No)\s+([\d,]+)\s+([\d,]+) .*)");
+  auto number = [](std::string text) {
+    text.erase(std::remove(text.begin(), text.end(), ','), text.end());
+    return std::stoull(text);
   };
-  std::map<int, Part> listed;
   std::istringstream lines(r.out);
-  std::string line;
-  while (std::getline(lines, line)) {
-    if (line.size() != 79) continue;
-    const std::string text = line.substr(1, 77);
-    // Partition rows carry the type byte in hexadecimal before a '-'.
-    if (!std::isxdigit(static_cast<unsigned char>(text[8])) || !std::isxdigit(static_cast<unsigned char>(text[9])) ||
-        text[10] != '-') {
-      continue;
-    }
-    const std::string lead = text.substr(0, 7);
-    int n;
-    if (lead.find('L') != std::string::npos) {
-      n = 4 + std::stoi(lead.substr(lead.find('L') + 1));
-    } else {
-      n = std::stoi(lead.substr(5));  // the MBR slot + 1
-    }
-    listed[n] = {number(text.substr(34, 13)), number(text.substr(48, 14)),
-                 static_cast<unsigned>(std::stoul(text.substr(8, 2), nullptr, 16))};
+  std::smatch f;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.size() != 79 || !std::regex_match(line, f, row)) continue;
+    const int n = f[1] == "L" ? 4 + std::stoi(f[2]) : std::stoi(f[3]);
+    listed[n] = {number(f[5]), number(f[6]), static_cast<unsigned>(std::stoul(f[4], nullptr, 16))};
   }
-  ASSERT_EQ(listed.size(), expected.size()) << r.out;
-  for (const auto& [n, part] : expected) {
-    ASSERT_TRUE(listed.count(n)) << "partition " << n << " missing\n" << r.out;
-    EXPECT_EQ(listed[n].start, part.start) << "partition " << n;
-    EXPECT_EQ(listed[n].size, part.size) << "partition " << n;
-    EXPECT_EQ(listed[n].type, part.type) << "partition " << n;
-  }
+  EXPECT_EQ(listed, expected) << r.out;
   EXPECT_NE(r.out.find("Disk Signature:  0x5EED1234"), std::string::npos) << r.out;
 }
 

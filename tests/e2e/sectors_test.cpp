@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,51 +14,39 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using Args = std::vector<std::string>;
 using e2e::Entry;
 
 constexpr uint64_t kDiskSectors = 16384;
 
-std::string GoldenPath(const std::string& name) {
-  const std::string here = __FILE__;
-  const size_t slash = here.rfind('/');
-  return (slash == std::string::npos ? std::string(".") : here.substr(0, slash)) + "/golden/" + name;
-}
-
 void ExpectGolden(const std::string& name, const std::string& actual) {
-  const std::string expected = e2e::ReadFileText(GoldenPath(name));
-  ASSERT_FALSE(expected.empty()) << "missing golden file " << GoldenPath(name);
-  if (expected == actual) return;
-  const std::string saved = ::testing::TempDir() + name + ".actual";
-  e2e::WriteFileText(saved, actual);
-  ADD_FAILURE() << "output differs from " << name << "; actual output saved in " << saved;
+  const std::string here = __FILE__;
+  const std::string path = here.substr(0, here.rfind('/') + 1) + "golden/" + name;
+  const std::string expected = e2e::ReadFileText(path);
+  ASSERT_FALSE(expected.empty()) << "missing golden file " << path;
+  EXPECT_EQ(expected, actual) << "output differs from " << name;
 }
 
 // The whole value of the "/result" line, which ends the output.
 int ResultOf(const e2e::Result& r) {
   const size_t at = r.out.rfind("Result:");
-  if (at == std::string::npos) return -99999;
-  return std::atoi(r.out.c_str() + at + 7);
+  return at == std::string::npos ? -99999 : std::atoi(r.out.c_str() + at + 7);
 }
 
 bool Has(const e2e::Result& r, const std::string& text) { return r.out.find(text) != std::string::npos; }
 
-// Sector `lba` of the test disks: its number in the first eight bytes, a
-// pattern of that number after it.
-Bytes Pattern(uint64_t lba, uint8_t salt = 0) {
-  Bytes s(512);
-  for (size_t i = 0; i < 512; ++i) s[i] = static_cast<uint8_t>(lba * 7 + i * 13 + salt);
-  for (int i = 0; i < 8; ++i) s[static_cast<size_t>(i)] = static_cast<uint8_t>(lba >> (8 * i));
-  return s;
-}
-
-Bytes Patterns(uint64_t first, uint64_t count, uint8_t salt = 0) {
-  Bytes all;
-  for (uint64_t i = 0; i < count; ++i) {
-    Bytes s = Pattern(first + i, salt);
-    all.insert(all.end(), s.begin(), s.end());
+// Sectors `first`.. of the test disks: the sector's number in the first
+// eight bytes, a pattern of that number after it.
+Bytes Pattern(uint64_t first, uint8_t salt = 0, uint64_t count = 1) {
+  Bytes all(count * 512);
+  for (uint64_t k = 0; k < count; ++k) {
+    uint8_t* s = all.data() + k * 512;
+    for (size_t i = 0; i < 512; ++i) s[i] = static_cast<uint8_t>((first + k) * 7 + i * 13 + salt);
+    for (int i = 0; i < 8; ++i) s[i] = static_cast<uint8_t>((first + k) >> (8 * i));
   }
   return all;
 }
+Bytes Patterns(uint64_t first, uint64_t count) { return Pattern(first, 0, count); }
 
 Bytes Zeros(uint64_t sectors) { return Bytes(sectors * 512, 0); }
 
@@ -68,19 +55,9 @@ Bytes Slice(const Bytes& bytes, size_t from, size_t count) {
                bytes.begin() + static_cast<std::ptrdiff_t>(from + count));
 }
 
-Bytes Concat(const Bytes& a, const Bytes& b) {
-  Bytes all = a;
-  all.insert(all.end(), b.begin(), b.end());
-  return all;
-}
-
-Bytes ReadBytes(const std::string& path) {
-  const std::string text = e2e::ReadFileText(path);
-  return Bytes(text.begin(), text.end());
-}
-
-void WriteBytes(const std::string& path, const Bytes& bytes) {
-  e2e::WriteFileText(path, std::string(bytes.begin(), bytes.end()));
+Bytes Concat(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
 }
 
 // The MBR of the test disks: NTFS from 2048, FAT32 from 6144, a Linux
@@ -90,12 +67,25 @@ Bytes TestMbr() {
                   0xCAFEF00D);
 }
 
+// Patterns, the test MBR, and two boot sectors that name their file
+// systems and nothing else (no label to find, no MFT to follow).
+Bytes FullImage(uint64_t sectors) {
+  Bytes all = Patterns(0, sectors);
+  const Bytes mbr = TestMbr();
+  std::copy(mbr.begin(), mbr.end(), all.begin());
+  std::fill_n(all.begin() + 2048 * 512, 512, 0);
+  std::copy_n("NTFS    ", 8, all.begin() + 2048 * 512 + 3);
+  all[2048 * 512 + 510] = 0x55;
+  all[2048 * 512 + 511] = 0xAA;
+  std::fill_n(all.begin() + 6144 * 512, 512, 0);
+  std::copy_n("FAT32   ", 8, all.begin() + 6144 * 512 + 82);
+  return all;
+}
+
 class SectorsTest : public ::testing::Test {
  protected:
   SectorsTest() { machine_.Set("computername", "VERYLONGCOMPUTERNAME"); }
 
-  // A disk whose sectors hold their patterns, with the test MBR, an NTFS
-  // boot sector at 2048 and a FAT32 one at 6144.
   e2e::Image& AddDisk(int number, std::map<std::string, std::string> keys = {}, uint64_t sectors = kDiskSectors) {
     e2e::Image& image = machine_.AddDrive(number, sectors, keys);
     Fill(image);
@@ -104,29 +94,29 @@ class SectorsTest : public ::testing::Test {
 
   static void Fill(const e2e::Image& image) { image.Write(0, FullImage(image.sectors())); }
 
-  // Patterns, the test MBR, and two boot sectors that name their file
-  // systems and nothing else (no label to find, no MFT to follow).
-  static Bytes FullImage(uint64_t sectors) {
-    Bytes all = Patterns(0, sectors);
-    const Bytes mbr = TestMbr();
-    std::copy(mbr.begin(), mbr.end(), all.begin());
-    Bytes ntfs = Zeros(1);
-    std::copy_n("NTFS    ", 8, ntfs.begin() + 3);
-    ntfs[510] = 0x55;
-    ntfs[511] = 0xAA;
-    std::copy(ntfs.begin(), ntfs.end(), all.begin() + 2048 * 512);
-    Bytes fat = Zeros(1);
-    std::copy_n("FAT32   ", 8, fat.begin() + 82);
-    std::copy(fat.begin(), fat.end(), all.begin() + 6144 * 512);
-    return all;
-  }
-
-  e2e::Result Run(std::vector<std::string> args, const std::string& input = "") {
+  e2e::Result Run(Args args, const std::string& input = "") {
     args.push_back("/result");
     return machine_.Run(args, input);
   }
 
+  // Runs; expects the result value and, when given, a piece of the output.
+  e2e::Result Expect(int code, const Args& args, const std::string& text = "", const std::string& input = "") {
+    e2e::Result r = Run(args, input);
+    EXPECT_EQ(code, ResultOf(r)) << ::testing::PrintToString(args) << "\n" << r.out;
+    if (!text.empty()) {
+      EXPECT_TRUE(Has(r, text)) << ::testing::PrintToString(args) << "\n" << r.out;
+    }
+    return r;
+  }
+
   std::string File(const std::string& name) const { return machine_.PathOf(name); }
+  Bytes ReadFile(const std::string& name) const {
+    const std::string text = e2e::ReadFileText(File(name));
+    return Bytes(text.begin(), text.end());
+  }
+  void WriteFile(const std::string& name, const Bytes& bytes) const {
+    e2e::WriteFileText(File(name), std::string(bytes.begin(), bytes.end()));
+  }
 
   e2e::Machine machine_;
 };
@@ -136,27 +126,20 @@ class SectorsTest : public ::testing::Test {
 TEST_F(SectorsTest, SaveMbrAndTrack0WithAndWithoutHeader) {
   e2e::Image& disk = AddDisk(0);
   const Bytes track0 = disk.Read(0, 63);
-  struct Case {
-    const char* area;
-    bool raw;
-    size_t sectors;
-  };
-  for (const Case& c : {Case{"mbr", false, 1}, Case{"mbr", true, 1}, Case{"track0", false, 63},
-                        Case{"track0", true, 63}}) {
-    std::vector<std::string> args = {std::string("/save=") + c.area, "/filename=out.bin"};
-    if (c.raw) args.push_back("/nohdr");
-    e2e::Result r = Run(args);
-    SCOPED_TRACE(std::string(c.area) + (c.raw ? " nohdr" : ""));
-    EXPECT_EQ(0, ResultOf(r)) << r.out;
-    EXPECT_TRUE(Has(r, std::string(" The ") + (c.sectors == 1 ? "MBR" : "track 0") +
-                           " was successfully saved to out.bin\n"))
-        << r.out;
-    const Bytes file = ReadBytes(File("out.bin"));
-    const size_t header = c.raw ? 0 : 512;
-    ASSERT_EQ(header + c.sectors * 512, file.size());  // 512 / 1,024 and 32,256 / 32,768 bytes
-    EXPECT_EQ(Slice(track0, 0, c.sectors * 512), Slice(file, header, c.sectors * 512));
-    if (!c.raw) {
-      EXPECT_EQ(c.sectors == 1 ? 1 : 2, file[10]);
+  for (const char* area : {"mbr", "track0"}) {
+    for (bool raw : {false, true}) {
+      SCOPED_TRACE(std::string(area) + (raw ? " nohdr" : ""));
+      const size_t sectors = area == std::string("mbr") ? 1 : 63;
+      Args args = {std::string("/save=") + area, "/filename=out.bin"};
+      if (raw) args.push_back("/nohdr");
+      Expect(0, args, std::string(" The ") + (sectors == 1 ? "MBR" : "track 0") + " was successfully saved to out.bin\n");
+      const Bytes file = ReadFile("out.bin");
+      const size_t header = raw ? 0 : 512;
+      ASSERT_EQ(header + sectors * 512, file.size());
+      EXPECT_EQ(Slice(track0, 0, sectors * 512), Slice(file, header, sectors * 512));
+      if (!raw) {
+        EXPECT_EQ(sectors == 1 ? 1 : 2, file[10]);
+      }
     }
   }
   EXPECT_EQ(track0, disk.Read(0, 63));
@@ -167,26 +150,20 @@ TEST_F(SectorsTest, FileNamesLongerThanAnArgumentValue) {
   const std::string folder = std::string(120, 'a') + "/" + std::string(120, 'b');
   e2e::Shell("mkdir -p '" + File(folder) + "'");
   const std::string name = folder + "/" + std::string(60, 'c') + ".bin";  // 306 characters
-  e2e::Result r = Run({"/save=mbr", "/filename=" + name, "/nohdr"});
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_TRUE(Has(r, " The MBR was successfully saved to " + name + "\n")) << r.out;
-  EXPECT_EQ(TestMbr(), ReadBytes(File(name)));
-  r = Run({"/compare", "/source=0", "/target=" + name});
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
+  Expect(0, {"/save=mbr", "/filename=" + name, "/nohdr"}, " The MBR was successfully saved to " + name + "\n");
+  EXPECT_EQ(TestMbr(), ReadFile(name));
+  Expect(0, {"/compare", "/source=0", "/target=" + name});
 }
 
 TEST_F(SectorsTest, HeaderFieldsByteForByte) {
-  const std::map<std::string, std::string> registry = {
-      {"instance", "IDE\\DiskWDC\\5&2a4f5&0&0.0.0"},
-      {"friendlyname", "WDC WD5000AAKX-00ERMA0 WD Blue 500GB ATA Device"}};
   AddDisk(0);
-  std::map<std::string, std::string> second = registry;
-  second["media"] = "removable";
-  AddDisk(1, second, 20000);
-
-  e2e::Result r = Run({"/save=vbr", "/disk=1", "/part=2", "/filename=vbr.bin"});
-  ASSERT_EQ(0, ResultOf(r)) << r.out;
-  const Bytes file = ReadBytes(File("vbr.bin"));
+  AddDisk(1,
+          {{"instance", "IDE\\DiskWDC\\5&2a4f5&0&0.0.0"},
+           {"friendlyname", "WDC WD5000AAKX-00ERMA0 WD Blue 500GB ATA Device"},
+           {"media", "removable"}},
+          20000);
+  ASSERT_EQ(0, ResultOf(Run({"/save=vbr", "/disk=1", "/part=2", "/filename=vbr.bin"})));
+  const Bytes file = ReadFile("vbr.bin");
   ASSERT_EQ(512u + 3 * 512, file.size());
 
   Bytes h(512, 0);
@@ -208,17 +185,14 @@ TEST_F(SectorsTest, HeaderFieldsByteForByte) {
   le(122, 6144, 8);    // first sector
   le(130, 3, 8);       // sector count
   le(138, 1, 2);       // source disk
-  h[214] = 2;          // source partition, slot and type
-  h[215] = 1;
-  h[216] = 0x0C;
+  le(214, 0x0C0102, 3);  // source partition, slot and type
   put(510, "DD");
   EXPECT_EQ(h, Slice(file, 0, 512));
   EXPECT_EQ(Patterns(6145, 2), Slice(file, 1024, 1024));
 
   // A save that starts at no partition names none; disk 0 is fixed.
-  r = Run({"/save=range", "/range=100-1", "/filename=range.bin"});
-  ASSERT_EQ(0, ResultOf(r)) << r.out;
-  const Bytes range = ReadBytes(File("range.bin"));
+  ASSERT_EQ(0, ResultOf(Run({"/save=range", "/range=100-1", "/filename=range.bin"})));
+  const Bytes range = ReadFile("range.bin");
   ASSERT_EQ(1024u, range.size());
   EXPECT_EQ(0, range[44]);
   EXPECT_EQ(Bytes(3, 0), Slice(range, 214, 3));
@@ -227,84 +201,64 @@ TEST_F(SectorsTest, HeaderFieldsByteForByte) {
 
 TEST_F(SectorsTest, SaveVbrBySectorCountOfTheType) {
   AddDisk(0);
-  e2e::Result r = Run({"/save=vbr", "/part=1", "/filename=ntfs.bin"});
-  EXPECT_TRUE(Has(r, " The volume boot record was successfully saved to ntfs.bin\n")) << r.out;
-  Bytes file = ReadBytes(File("ntfs.bin"));
+  Expect(0, {"/save=vbr", "/part=1", "/filename=ntfs.bin"},
+         " The volume boot record was successfully saved to ntfs.bin\n");
+  const Bytes file = ReadFile("ntfs.bin");
   ASSERT_EQ(512u + 7 * 512, file.size());
   EXPECT_EQ(Pattern(2049), Slice(file, 1024, 512));
 
-  r = Run({"/save=vbr", "/part=2", "/filename=fat.bin", "/nohdr"});
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_EQ(Patterns(6145, 2), Slice(ReadBytes(File("fat.bin")), 512, 1024));
+  Expect(0, {"/save=vbr", "/part=2", "/filename=fat.bin", "/nohdr"});
+  EXPECT_EQ(Patterns(6145, 2), Slice(ReadFile("fat.bin"), 512, 1024));
 
-  r = Run({"/save=vbr", "/part=3", "/filename=linux.bin"});
-  EXPECT_EQ(149, ResultOf(r));
-  EXPECT_TRUE(Has(r, " Error 149: Unsupported partition boot record for\n")) << r.out;
-  EXPECT_TRUE(ReadBytes(File("linux.bin")).empty());
-
-  r = Run({"/save=vbr", "/part=4", "/filename=none.bin"});
-  EXPECT_EQ(106, ResultOf(r));
-  r = Run({"/save=vbr", "/part=1"});
-  EXPECT_EQ(133, ResultOf(r));
-  EXPECT_TRUE(Has(r, " Error 133: Invalid or missing filename\n")) << r.out;
+  Expect(149, {"/save=vbr", "/part=3", "/filename=linux.bin"}, " Error 149: Unsupported partition boot record for\n");
+  EXPECT_TRUE(ReadFile("linux.bin").empty());
+  Expect(106, {"/save=vbr", "/part=4", "/filename=none.bin"});
+  Expect(133, {"/save=vbr", "/part=1"}, " Error 133: Invalid or missing filename\n");
 }
 
 TEST_F(SectorsTest, SaveRangeCountsSectorsFromItsStart) {
   AddDisk(0);
-  e2e::Result r = Run({"/save=range", "/range=2048-4096", "/filename=r.bin"});
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_TRUE(Has(r, " The specified sector range was successfully saved to r.bin\n")) << r.out;
-  Bytes file = ReadBytes(File("r.bin"));
+  Expect(0, {"/save=range", "/range=2048-4096", "/filename=r.bin"},
+         " The specified sector range was successfully saved to r.bin\n");
+  const Bytes file = ReadFile("r.bin");
   ASSERT_EQ(512u + 4096 * 512, file.size());
   EXPECT_EQ(Patterns(2049, 4095), Slice(file, 1024, 4095 * 512));  // sectors 2048..6143
   EXPECT_EQ(4, file[10]);
 
   // Exactly one and two chunks.
-  for (const char* range : {"/range=0-2048", "/range=3-4096"}) {
-    r = Run({"/save=range", range, "/filename=c.bin", "/nohdr"});
-    EXPECT_EQ(0, ResultOf(r)) << range << r.out;
-    const uint64_t count = std::string(range) == "/range=0-2048" ? 2048 : 4096;
-    EXPECT_EQ(count * 512, ReadBytes(File("c.bin")).size()) << range;
+  const std::pair<const char*, uint64_t> chunks[] = {{"/range=0-2048", 2048}, {"/range=3-4096", 4096}};
+  for (const auto& [range, count] : chunks) {
+    Expect(0, {"/save=range", range, "/filename=c.bin", "/nohdr"});
+    EXPECT_EQ(count * 512, ReadFile("c.bin").size()) << range;
   }
-
   for (const char* bad : {"/range=100", "/range=5-0", "/range=-5"}) {
-    r = Run({"/save=range", bad, "/filename=bad.bin"});
-    EXPECT_EQ(111, ResultOf(r)) << bad;
-    EXPECT_TRUE(Has(r, " Error 111: Missing or incomplete Range specified for the operation\n")) << r.out;
+    Expect(111, {"/save=range", bad, "/filename=bad.bin"},
+           " Error 111: Missing or incomplete Range specified for the operation\n");
   }
-  EXPECT_EQ(111, ResultOf(Run({"/save=range", "/filename=bad.bin"})));
+  Expect(111, {"/save=range", "/filename=bad.bin"});
 }
 
 TEST_F(SectorsTest, ProgressScreenOnlyAbove13000Sectors) {
   AddDisk(0);
-  e2e::Result quiet = Run({"/save=range", "/range=0-13000", "/filename=q.bin"});
-  EXPECT_EQ(0, ResultOf(quiet));
+  e2e::Result quiet = Expect(0, {"/save=range", "/range=0-13000", "/filename=q.bin"});
   EXPECT_FALSE(Has(quiet, "please wait")) << quiet.out;
   EXPECT_FALSE(Has(quiet, "Mar 15, 2011")) << quiet.out;
-
-  e2e::Result shown = Run({"/save=range", "/range=0-13001", "/filename=p.bin"});
-  EXPECT_EQ(0, ResultOf(shown));
   // Without a console the cursor stays put, so the texts follow each other.
-  EXPECT_TRUE(Has(shown,
-                  "\n Diskhold - Version 3.0.83 for Windows          Mar 15, 2011\n"
-                  "  Partition table and boot record utility - (c) 2026 The Diskhold developers\n"
-                  "Saving sectors to file, please wait...1% complete15% complete31% complete47% complete"
-                  "63% complete78% complete100% complete\n The specified sector range was successfully saved"))
-      << shown.out;
-  EXPECT_EQ((1 + 13001u) * 512, ReadBytes(File("p.bin")).size());
+  Expect(0, {"/save=range", "/range=0-13001", "/filename=p.bin"},
+         "\n Diskhold - Version 3.0.83 for Windows          Mar 15, 2011\n"
+         "  Partition table and boot record utility - (c) 2026 The Diskhold developers\n"
+         "Saving sectors to file, please wait...1% complete15% complete31% complete47% complete"
+         "63% complete78% complete100% complete\n The specified sector range was successfully saved");
+  EXPECT_EQ((1 + 13001u) * 512, ReadFile("p.bin").size());
 }
 
 TEST_F(SectorsTest, SaveDiskThenRestoreIntoABlankImageGivesTheSameImage) {
   e2e::Image& source = AddDisk(0);
   e2e::Image& blank = machine_.AddDrive(1, kDiskSectors);
-  e2e::Result r = Run({"/save=disk", "/filename=disk.bin"});
-  ASSERT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_TRUE(Has(r, " The disk was successfully saved to disk.bin\n")) << r.out;
-  EXPECT_EQ((1 + kDiskSectors) * 512, ReadBytes(File("disk.bin")).size());
-
-  r = Run({"/restore=disk", "/disk=1", "/filename=disk.bin"}, "y");
-  ASSERT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_TRUE(Has(r, "Preparing to restore the specified sector, are you sure? (Y/N): y\n\n")) << r.out;
+  Expect(0, {"/save=disk", "/filename=disk.bin"}, " The disk was successfully saved to disk.bin\n");
+  EXPECT_EQ((1 + kDiskSectors) * 512, ReadFile("disk.bin").size());
+  e2e::Result r = Expect(0, {"/restore=disk", "/disk=1", "/filename=disk.bin"},
+                         "Preparing to restore the specified sector, are you sure? (Y/N): y\n\n", "y");
   EXPECT_TRUE(Has(r, "\n Sector Count: 16384 \n")) << r.out;
   EXPECT_TRUE(Has(r, " The disk was successfully restored from disk.bin\n")) << r.out;
   EXPECT_EQ(source.Hash(), blank.Hash());
@@ -317,68 +271,54 @@ TEST_F(SectorsTest, RestoreMbrChecksSizeAndSignature) {
   const std::string before = disk.Hash();
   Bytes unsigned512 = Pattern(0, 9);
   unsigned512[511] = 0;
-  WriteBytes(File("nosig.bin"), unsigned512);
-  e2e::Result r = Run({"/restore=mbr", "/filename=nosig.bin", "/confirm"});
-  EXPECT_EQ(561, ResultOf(r));
-  EXPECT_TRUE(Has(r, " Error 561: File does not contain a valid MBR. Use /Ignore to force write.\n\n")) << r.out;
+  WriteFile("nosig.bin", unsigned512);
+  Expect(561, {"/restore=mbr", "/filename=nosig.bin", "/confirm"},
+         " Error 561: File does not contain a valid MBR. Use /Ignore to force write.\n\n");
   EXPECT_EQ(before, disk.Hash());
-
-  r = Run({"/restore=mbr", "/filename=nosig.bin", "/confirm", "/ignore"});
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
+  Expect(0, {"/restore=mbr", "/filename=nosig.bin", "/confirm", "/ignore"});
   EXPECT_EQ(unsigned512, disk.Read(0));
   disk.Write(0, TestMbr());
 
-  Bytes twoRaw = Concat(TestMbr(), Pattern(1, 9));
-  WriteBytes(File("raw1024.bin"), twoRaw);
-  r = Run({"/restore=mbr", "/filename=raw1024.bin", "/confirm"});
-  EXPECT_EQ(560, ResultOf(r));
-  EXPECT_TRUE(Has(r, " Error 560: File size does not match requested command\n")) << r.out;
+  WriteFile("raw1024.bin", Concat(TestMbr(), Pattern(1, 9)));
+  Expect(560, {"/restore=mbr", "/filename=raw1024.bin", "/confirm"},
+         " Error 560: File size does not match requested command\n");
   EXPECT_EQ(before, disk.Hash());
 
   // A header file may carry one sector more than asked for.
   ASSERT_EQ(0, ResultOf(Run({"/save=mbr", "/filename=h.bin"})));
-  Bytes header = Slice(ReadBytes(File("h.bin")), 0, 512);
+  Bytes header = Slice(ReadFile("h.bin"), 0, 512);
   header[130] = 2;
   Bytes mbr = TestMbr();
   mbr[0x1B8] = 0x77;  // another signature
-  WriteBytes(File("two.bin"), Concat(Concat(header, mbr), Pattern(1, 9)));
-  r = Run({"/restore=mbr", "/filename=two.bin", "/confirm"});
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_TRUE(Has(r, " The MBR was successfully restored from two.bin\n")) << r.out;
+  WriteFile("two.bin", Concat(Concat(header, mbr), Pattern(1, 9)));
+  Expect(0, {"/restore=mbr", "/filename=two.bin", "/confirm"}, " The MBR was successfully restored from two.bin\n");
   EXPECT_EQ(Concat(mbr, Pattern(1, 9)), disk.Read(0, 2));
   EXPECT_EQ(Pattern(2), disk.Read(2));
 
-  EXPECT_EQ(564, ResultOf(Run({"/restore=mbr", "/filename=missing.bin", "/confirm"})));
-  EXPECT_EQ(133, ResultOf(Run({"/restore=mbr", "/confirm"})));
+  Expect(564, {"/restore=mbr", "/filename=missing.bin", "/confirm"});
+  Expect(133, {"/restore=mbr", "/confirm"});
 }
 
 TEST_F(SectorsTest, RestoreDiskFromA3MiBRawFileWritesItsSectors) {
   e2e::Image& disk = AddDisk(0);
-  Bytes data = Patterns(0, 6144, 0x5A);
+  Bytes data = Pattern(0, 0x5A, 6144);
   const Bytes mbr = TestMbr();
   std::copy(mbr.begin(), mbr.end(), data.begin());
-  WriteBytes(File("three.bin"), data);
-  e2e::Result r = Run({"/restore=disk", "/filename=three.bin", "/confirm"});
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_TRUE(Has(r, "\n Sector Count: 6144 \n")) << r.out;
+  WriteFile("three.bin", data);
+  Expect(0, {"/restore=disk", "/filename=three.bin", "/confirm"}, "\n Sector Count: 6144 \n");
   EXPECT_EQ(data, disk.Read(0, 6144));
   EXPECT_EQ(Slice(FullImage(kDiskSectors), 6144 * 512, 10 * 512), disk.Read(6144, 10));
 }
 
 TEST_F(SectorsTest, RestoreToASectorNumber) {
   e2e::Image& disk = AddDisk(0);
-  WriteBytes(File("one.bin"), Pattern(63, 0x33));
-  e2e::Result r = Run({"/restore=63", "/filename=one.bin"}, "Y");
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_TRUE(Has(r, " The specified sector range was successfully restored from one.bin\n")) << r.out;
-  EXPECT_EQ(Pattern(63, 0x33), disk.Read(63));
-  EXPECT_EQ(Pattern(62), disk.Read(62));
-  EXPECT_EQ(Pattern(64), disk.Read(64));
-
+  WriteFile("one.bin", Pattern(63, 0x33));
+  Expect(0, {"/restore=63", "/filename=one.bin"},
+         " The specified sector range was successfully restored from one.bin\n", "Y");
+  EXPECT_EQ(Concat(Concat(Pattern(62), Pattern(63, 0x33)), Pattern(64)), disk.Read(62, 3));
   // Declined: nothing is written.
-  WriteBytes(File("one.bin"), Pattern(63, 0x44));
-  r = Run({"/restore=63", "/filename=one.bin"}, "n");
-  EXPECT_EQ(129, ResultOf(r));
+  WriteFile("one.bin", Pattern(63, 0x44));
+  Expect(129, {"/restore=63", "/filename=one.bin"}, "", "n");
   EXPECT_EQ(Pattern(63, 0x33), disk.Read(63));
 }
 
@@ -387,37 +327,21 @@ TEST_F(SectorsTest, RestoreVbrNeedsASavedBootRecordAndAPartition) {
   ASSERT_EQ(0, ResultOf(Run({"/save=vbr", "/part=2", "/filename=fat.bin"})));
   const Bytes saved = disk.Read(6144, 3);
   disk.Write(6144, Zeros(3));
-  e2e::Result r = Run({"/restore=vbr", "/part=2", "/filename=fat.bin", "/confirm"});
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_TRUE(Has(r, " The volume boot record was successfully restored from fat.bin\n")) << r.out;
+  Expect(0, {"/restore=vbr", "/part=2", "/filename=fat.bin", "/confirm"},
+         " The volume boot record was successfully restored from fat.bin\n");
   EXPECT_EQ(saved, disk.Read(6144, 3));
   EXPECT_EQ(Pattern(6147), disk.Read(6147));
 
   const std::string before = disk.Hash();
   ASSERT_EQ(0, ResultOf(Run({"/save=vbr", "/part=2", "/filename=raw.bin", "/nohdr"})));
   ASSERT_EQ(0, ResultOf(Run({"/save=mbr", "/filename=mbr.bin"})));
-  struct Case {
-    std::vector<std::string> args;
-    int code;
-    const char* line;
-  };
-  for (const Case& c : {
-           Case{{"/restore=vbr", "/part=2", "/filename=raw.bin"}, 150,
-                " Error 150: Specified file does not appear to be a valid Diskholder file.\n"},
-           Case{{"/restore=vbr", "/part=2", "/filename=mbr.bin"}, 150, nullptr},
-           Case{{"/restore=vbr", "/filename=fat.bin"}, 118, " Error 118: Missing or Incomplete Parameter: /Part\n"},
-           Case{{"/restore=vbr", "/part=9", "/filename=fat.bin"}, 106, " Error 106: Invalid Partition specified.\n"},
-           Case{{"/restore=vbr", "/part=2", "/filename=gone.bin"}, 134,
-                " Error 134: Unable to locate the specified file\n"},
-       }) {
-    std::vector<std::string> args = c.args;
-    args.push_back("/confirm");
-    r = Run(args);
-    EXPECT_EQ(c.code, ResultOf(r)) << args[1] << " " << args.back();
-    if (c.line) {
-      EXPECT_TRUE(Has(r, c.line)) << r.out;
-    }
-  }
+  Expect(150, {"/restore=vbr", "/part=2", "/filename=raw.bin", "/confirm"},
+         " Error 150: Specified file does not appear to be a valid Diskholder file.\n");
+  Expect(150, {"/restore=vbr", "/part=2", "/filename=mbr.bin", "/confirm"});
+  Expect(118, {"/restore=vbr", "/filename=fat.bin", "/confirm"}, " Error 118: Missing or Incomplete Parameter: /Part\n");
+  Expect(106, {"/restore=vbr", "/part=9", "/filename=fat.bin", "/confirm"}, " Error 106: Invalid Partition specified.\n");
+  Expect(134, {"/restore=vbr", "/part=2", "/filename=gone.bin", "/confirm"},
+         " Error 134: Unable to locate the specified file\n");
   EXPECT_EQ(before, disk.Hash());
 }
 
@@ -425,88 +349,66 @@ TEST_F(SectorsTest, RestoreVbrNeedsASavedBootRecordAndAPartition) {
 
 TEST_F(SectorsTest, ShowHeaderFilesOfEveryKind) {
   AddDisk(0, {{"instance", "IDE\\DiskWDC\\1"}, {"friendlyname", "WDC WD5000 ATA Device"}});
-  ASSERT_EQ(0, ResultOf(Run({"/save=mbr", "/filename=mbr.bin"})));
-  ASSERT_EQ(0, ResultOf(Run({"/save=track0", "/filename=track0.bin"})));
-  ASSERT_EQ(0, ResultOf(Run({"/save=range", "/range=2048-5", "/filename=range.bin"})));
-  ASSERT_EQ(0, ResultOf(Run({"/save=vbr", "/part=1", "/filename=vbr.bin"})));
-  ASSERT_EQ(0, ResultOf(Run({"/save=disk", "/filename=disk.bin"})));
+  for (const Args& save : {Args{"/save=mbr", "/filename=mbr.bin"}, Args{"/save=track0", "/filename=track0.bin"},
+                           Args{"/save=range", "/range=2048-5", "/filename=range.bin"},
+                           Args{"/save=vbr", "/part=1", "/filename=vbr.bin"},
+                           Args{"/save=disk", "/filename=disk.bin"}}) {
+    ASSERT_EQ(0, ResultOf(Run(save))) << save[0];
+  }
   // A GPT save and a kind no save writes, made from the MBR file's header.
-  Bytes mbrFile = ReadBytes(File("mbr.bin"));
-  Bytes gpt = mbrFile;
-  gpt[10] = 3;
-  WriteBytes(File("gpt.bin"), gpt);
-  Bytes odd = mbrFile;
-  odd[10] = 9;
-  odd[5] = 7;
-  WriteBytes(File("odd.bin"), odd);
+  Bytes header = ReadFile("mbr.bin");
+  header[10] = 3;
+  WriteFile("gpt.bin", header);
+  header[10] = 9;
+  header[5] = 7;
+  WriteFile("odd.bin", header);
 
   std::string out;
   for (const char* name : {"mbr.bin", "track0.bin", "gpt.bin", "range.bin", "vbr.bin", "disk.bin", "odd.bin"}) {
-    e2e::Result r = Run({"/show=file", std::string("/filename=") + name});
-    EXPECT_EQ(0, ResultOf(r)) << name;
-    out += r.out;
+    out += Expect(0, {"/show=file", std::string("/filename=") + name}).out;
   }
   ExpectGolden("sectors_show_header_files.txt", out);
 }
 
 TEST_F(SectorsTest, ShowRawFilesBySize) {
   AddDisk(0);
-  Bytes mbr = TestMbr();
-  WriteBytes(File("mbr.raw"), mbr);
-  Bytes boot = Zeros(1);
-  boot[0] = 0xEB;
-  boot[1] = 0x58;
-  boot[510] = 0x55;
-  boot[511] = 0xAA;
-  WriteBytes(File("boot.raw"), boot);
-  Bytes floppy = Zeros(1);
+  const Bytes mbr = TestMbr();
+  Bytes boot = Zeros(1), floppy = Zeros(1), other = Zeros(1), dd = Zeros(2);
+  boot[0] = 0xEB, boot[1] = 0x58, boot[510] = 0x55, boot[511] = 0xAA;
   std::copy_n("FAT32", 5, floppy.begin() + 3);
-  WriteBytes(File("floppy.raw"), floppy);
-  Bytes other = Zeros(1);
   other[0] = 0xFA;
-  WriteBytes(File("other.raw"), other);
-  WriteBytes(File("track0.raw"), Concat(mbr, Patterns(1, 62)));
-  WriteBytes(File("unsigned_track0.raw"), Patterns(0, 63));
-  WriteBytes(File("two.raw"), Concat(mbr, Pattern(1)));
-  WriteBytes(File("a_file_name_of_thirty_one_chars"), mbr);  // 31 characters
-  // A raw file that begins with "DD" passes for a header file.
-  Bytes dd = Zeros(2);
-  dd[0] = 'D';
-  dd[1] = 'D';
-  dd[10] = 1;
-  WriteBytes(File("dd.raw"), dd);
-
+  dd[0] = 'D', dd[1] = 'D', dd[10] = 1;  // passes for a header file
+  const std::pair<const char*, Bytes> files[] = {
+      {"mbr.raw", mbr},
+      {"boot.raw", boot},
+      {"floppy.raw", floppy},
+      {"other.raw", other},
+      {"track0.raw", Concat(mbr, Patterns(1, 62))},
+      {"unsigned_track0.raw", Patterns(0, 63)},
+      {"two.raw", Concat(mbr, Pattern(1))},
+      {"a_file_name_of_thirty_one_chars", mbr},  // 31 characters
+      {"dd.raw", dd},
+  };
   std::string out;
-  for (const char* name : {"mbr.raw", "boot.raw", "floppy.raw", "other.raw", "track0.raw", "unsigned_track0.raw",
-                           "two.raw", "a_file_name_of_thirty_one_chars", "dd.raw"}) {
-    e2e::Result r = Run({"/show=file", std::string("/filename=") + name});
-    out += r.out;
+  for (const auto& [name, bytes] : files) {
+    WriteFile(name, bytes);
+    out += Run({"/show=file", std::string("/filename=") + name}).out;
   }
   ExpectGolden("sectors_show_raw_files.txt", out);
 }
 
-TEST_F(SectorsTest, ShowRefusals) {
-  AddDisk(0);
+TEST_F(SectorsTest, ShowSectorsAndRefusals) {
+  e2e::Image& disk = AddDisk(0);
   std::string out;
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"/show=file"}, {"/show=file", "/filename=gone.bin"}, {"/show=sector"},
-        {"/show=bogus"}, {"/show=sector", "/sector=1"}, {"/show=hidden"}}) {
-    e2e::Result r = Run(args);
-    out += r.out;
+  for (const Args& args : {Args{"/show=file"}, Args{"/show=file", "/filename=gone.bin"}, Args{"/show=sector"},
+                           Args{"/show=bogus"}, Args{"/show=sector", "/sector=1"}, Args{"/show=hidden"}}) {
+    out += Run(args).out;
   }
   ExpectGolden("sectors_show_refusals.txt", out);
-}
 
-TEST_F(SectorsTest, ShowSectorAndHiddenSector) {
-  e2e::Image& disk = AddDisk(0);
   disk.Write(9, e2e::Mbr({Entry(0, 0x06, 63, 1000)}));
-  std::string out;
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"/show=sector", "/sector=0"}, {"/show=Hidden"}}) {
-    e2e::Result r = Run(args);
-    EXPECT_EQ(0, ResultOf(r)) << r.out;
-    out += r.out;
-  }
+  out.clear();
+  for (const Args& args : {Args{"/show=sector", "/sector=0"}, Args{"/show=Hidden"}}) out += Expect(0, args).out;
   ExpectGolden("sectors_show_sector.txt", out);
 }
 
@@ -515,133 +417,96 @@ TEST_F(SectorsTest, ShowSectorAndHiddenSector) {
 TEST_F(SectorsTest, WipeClearsExactlyItsArea) {
   e2e::Image& disk = AddDisk(0);
   struct Case {
-    std::vector<std::string> args;
+    Args args;
     uint64_t first, last;  // last < first: nothing
     const char* message;
   };
+  const char* const kRange = " Specified sectors successfully cleared \n";
   for (const Case& c : {
            Case{{"/wipe=mbr"}, 0, 0, " MBR successfully cleared \n"},
            Case{{"/wipe=TRACK0"}, 0, 62, " Track 0 successfully cleared \n"},
-           Case{{"/wipe=range", "/range=100-100"}, 100, 100, " Specified sectors successfully cleared \n"},
-           Case{{"/wipe=range", "/range=100-99"}, 1, 0, " Specified sectors successfully cleared \n"},
-           Case{{"/wipe=range", "/range=2000-6000"}, 2000, 6000, " Specified sectors successfully cleared \n"},
+           Case{{"/wipe=range", "/range=100-100"}, 100, 100, kRange},
+           Case{{"/wipe=range", "/range=100-99"}, 1, 0, kRange},
+           Case{{"/wipe=range", "/range=2000-6000"}, 2000, 6000, kRange},
        }) {
     Fill(disk);
-    std::vector<std::string> args = c.args;
+    Args args = c.args;
     args.push_back("/confirm");
-    e2e::Result r = Run(args);
-    SCOPED_TRACE(c.args.back());
-    EXPECT_EQ(0, ResultOf(r));
-    EXPECT_TRUE(Has(r, c.message)) << r.out;
-    const Bytes after = disk.Read(0, kDiskSectors);
+    Expect(0, args, c.message);
     Bytes expected = FullImage(kDiskSectors);
     if (c.last >= c.first) std::fill_n(expected.begin() + c.first * 512, (c.last - c.first + 1) * 512, 0);
-    EXPECT_EQ(expected, after);
+    EXPECT_EQ(expected, disk.Read(0, kDiskSectors)) << c.args.back();
   }
 
   Fill(disk);
-  e2e::Result r = Run({"/wipe=disk"}, "y");
-  EXPECT_TRUE(Has(r, "Preparing to wipe the entire disk, are you sure? (Y/N): y\n\n")) << r.out;
+  e2e::Result r = Expect(0, {"/wipe=disk"}, "Preparing to wipe the entire disk, are you sure? (Y/N): y\n\n", "y");
   EXPECT_TRUE(Has(r, " Disk successfully cleared \n")) << r.out;
   EXPECT_EQ(Zeros(kDiskSectors), disk.Read(0, kDiskSectors));
 
   Fill(disk);
-  EXPECT_EQ(111, ResultOf(Run({"/wipe=range", "/confirm"})));
-  EXPECT_EQ(111, ResultOf(Run({"/wipe=range", "/range=100", "/confirm"})));
-  EXPECT_EQ(131, ResultOf(Run({"/wipe=gpt", "/confirm"})));
-  EXPECT_EQ(129, ResultOf(Run({"/wipe=mbr"}, "n")));
+  Expect(111, {"/wipe=range", "/confirm"});
+  Expect(111, {"/wipe=range", "/range=100", "/confirm"});
+  Expect(131, {"/wipe=gpt", "/confirm"});
+  Expect(129, {"/wipe=mbr"}, "", "n");
   EXPECT_EQ(TestMbr(), disk.Read(0));
 }
 
 TEST_F(SectorsTest, BadSectorsFailTheirAreaAndNothingBeyondIsTouched) {
   e2e::Image& disk = AddDisk(0, {{"badsectors", "10,3000,16380"}});
-  e2e::Result r = Run({"/save=track0", "/filename=t.bin"});
-  EXPECT_EQ(506, ResultOf(r));
-  EXPECT_TRUE(Has(r, " Error 506: Unable to read the specified sector from the selected disk\n\n")) << r.out;
+  Expect(506, {"/save=track0", "/filename=t.bin"},
+         " Error 506: Unable to read the specified sector from the selected disk\n\n");
   // The unreadable sector is left out; the others follow each other.
-  Bytes file = ReadBytes(File("t.bin"));
+  const Bytes file = ReadFile("t.bin");
   ASSERT_EQ(512u + 62 * 512, file.size());
   EXPECT_EQ(Pattern(11), Slice(file, 512 + 10 * 512, 512));
 
-  r = Run({"/save=range", "/range=2048-4096", "/filename=r.bin"});
-  EXPECT_EQ(508, ResultOf(r));
-  EXPECT_TRUE(Has(r, " Error 508: An error ocurred reading the backup file\n\n")) << r.out;
-
+  Expect(508, {"/save=range", "/range=2048-4096", "/filename=r.bin"},
+         " Error 508: An error ocurred reading the backup file\n\n");
   // Past the end of the disk the save fails as well.
-  r = Run({"/save=range", "/range=16381-100", "/filename=end.bin", "/nohdr"});
-  EXPECT_EQ(508, ResultOf(r));
+  Expect(508, {"/save=range", "/range=16381-100", "/filename=end.bin", "/nohdr"});
 
-  const std::string image = disk.Hash();
-  r = Run({"/wipe=range", "/range=2990-3010", "/confirm"});
-  EXPECT_EQ(505, ResultOf(r));
-  EXPECT_TRUE(Has(r, " Error 505: Unable to save the specified sectors to the selected disk\n\n")) << r.out;
-  EXPECT_EQ(Zeros(10), disk.Read(2990, 10));
-  EXPECT_EQ(Pattern(3000), disk.Read(3000));
-  EXPECT_EQ(Zeros(10), disk.Read(3001, 10));
-  EXPECT_EQ(Pattern(2989), disk.Read(2989));
-  EXPECT_EQ(Pattern(3011), disk.Read(3011));
-  EXPECT_NE(image, disk.Hash());
+  Expect(505, {"/wipe=range", "/range=2990-3010", "/confirm"},
+         " Error 505: Unable to save the specified sectors to the selected disk\n\n");
+  EXPECT_EQ(Concat(Concat(Concat(Pattern(2989), Zeros(10)), Pattern(3000)), Concat(Zeros(10), Pattern(3011))),
+            disk.Read(2989, 23));
 
   // The last sectors of the disk, one of them bad, and sectors beyond it.
-  r = Run({"/wipe=range", "/range=16377-16390", "/confirm"});
-  EXPECT_EQ(505, ResultOf(r));
-  EXPECT_EQ(Zeros(3), disk.Read(16377, 3));
-  EXPECT_EQ(Pattern(16380), disk.Read(16380));
-  EXPECT_EQ(Zeros(3), disk.Read(16381, 3));
-  EXPECT_EQ(Pattern(16376), disk.Read(16376));
+  Expect(505, {"/wipe=range", "/range=16377-16390", "/confirm"});
+  EXPECT_EQ(Concat(Concat(Pattern(16376), Zeros(3)), Concat(Pattern(16380), Zeros(3))), disk.Read(16376, 8));
   EXPECT_EQ(kDiskSectors * 512, disk.Read(0, kDiskSectors + 10).size());
 }
 
 TEST_F(SectorsTest, CopyOneSectorToAnother) {
   e2e::Image& disk = AddDisk(0, {{"badsectors", "4000"}});
-  e2e::Result r = Run({"/copy", "/source=2050", "/target=100"}, "y");
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_TRUE(Has(r, "Preparing to copy the selected sectors, are you sure? (Y/N): y\n\n")) << r.out;
+  e2e::Result r = Expect(0, {"/copy", "/source=2050", "/target=100"},
+                         "Preparing to copy the selected sectors, are you sure? (Y/N): y\n\n", "y");
   EXPECT_TRUE(Has(r, " Sector was successfully copied \n")) << r.out;
   EXPECT_EQ(Pattern(2050), disk.Read(100));
   EXPECT_EQ(Pattern(2050), disk.Read(2050));
 
   const std::string before = disk.Hash();
-  r = Run({"/copy", "/source=4000", "/target=101", "/confirm"});
-  EXPECT_EQ(506, ResultOf(r));
-  EXPECT_EQ(before, disk.Hash());
-  EXPECT_EQ(122, ResultOf(Run({"/copy", "/target=101", "/confirm"})));
-  EXPECT_EQ(109, ResultOf(Run({"/copy", "/source=5", "/confirm"})));
+  Expect(506, {"/copy", "/source=4000", "/target=101", "/confirm"});
+  Expect(122, {"/copy", "/target=101", "/confirm"});
+  Expect(109, {"/copy", "/source=5", "/confirm"});
   // A target that is not a number is refused, not read as sector 0.
-  r = Run({"/copy", "/source=5", "/target=mbr", "/confirm"});
-  EXPECT_EQ(109, ResultOf(r));
-  EXPECT_TRUE(Has(r, " Error 109: Missing or invalid /Target=x command\n")) << r.out;
+  Expect(109, {"/copy", "/source=5", "/target=mbr", "/confirm"}, " Error 109: Missing or invalid /Target=x command\n");
   EXPECT_EQ(before, disk.Hash());
 }
 
 TEST_F(SectorsTest, CompareSectorsAndFiles) {
   AddDisk(0, {{"badsectors", "4000"}});
   ASSERT_EQ(0, ResultOf(Run({"/save=track0", "/filename=t.bin"})));
-  WriteBytes(File("mbr.raw"), TestMbr());
-  WriteBytes(File("other.raw"), Pattern(1));
-  struct Case {
-    const char* source;
-    const char* target;
-    int code;
-    const char* line;
-  };
-  for (const Case& c : {
-           // The header is never compared, only the first data sector.
-           Case{"/source=0", "/target=t.bin", 0, " The specified items compared successfully\n"},
-           Case{"/source=t.bin", "/target=mbr.raw", 0, nullptr},
-           Case{"/source=mbr.raw", "/target=other.raw", 153, " Error 153: The specified items do not match.\n"},
-           Case{"/source=0", "/target=1", 153, nullptr},
-           Case{"/source=gone.bin", "/target=0", 151, " Error 151: Unable to open file gone.bin\n"},
-           Case{"/source=0", "/target=gone.bin", 152, " Error 152: Unable to open file gone.bin\n"},
-       }) {
-    e2e::Result r = Run({"/compare", c.source, c.target});
-    EXPECT_EQ(c.code, ResultOf(r)) << c.source << " " << c.target << r.out;
-    if (c.line) {
-      EXPECT_TRUE(Has(r, c.line)) << r.out;
-    }
-  }
-  EXPECT_EQ(122, ResultOf(Run({"/compare", "/target=1"})));
-  EXPECT_EQ(109, ResultOf(Run({"/compare", "/source=1"})));
+  WriteFile("mbr.raw", TestMbr());
+  WriteFile("other.raw", Pattern(1));
+  // The header is never compared, only the first data sector.
+  Expect(0, {"/compare", "/source=0", "/target=t.bin"}, " The specified items compared successfully\n");
+  Expect(0, {"/compare", "/source=t.bin", "/target=mbr.raw"});
+  Expect(153, {"/compare", "/source=mbr.raw", "/target=other.raw"}, " Error 153: The specified items do not match.\n");
+  Expect(153, {"/compare", "/source=0", "/target=1"});
+  Expect(151, {"/compare", "/source=gone.bin", "/target=0"}, " Error 151: Unable to open file gone.bin\n");
+  Expect(152, {"/compare", "/source=0", "/target=gone.bin"}, " Error 152: Unable to open file gone.bin\n");
+  Expect(122, {"/compare", "/target=1"});
+  Expect(109, {"/compare", "/source=1"});
 
   // An unreadable sector ends the run as an exception does, without a
   // result line; the exit value tells the failure (506, low 8 bits).
@@ -662,10 +527,8 @@ TEST_F(SectorsTest, GptAreasOnGptAndMbrDisks) {
   ASSERT_EQ(0, status);
   const Bytes area = disk.Read(0, 34);
 
-  e2e::Result r = Run({"/save=gpt", "/filename=gpt.bin"});
-  ASSERT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_TRUE(Has(r, " The GPT was successfully saved to gpt.bin\n")) << r.out;
-  Bytes file = ReadBytes(File("gpt.bin"));
+  Expect(0, {"/save=gpt", "/filename=gpt.bin"}, " The GPT was successfully saved to gpt.bin\n");
+  Bytes file = ReadFile("gpt.bin");
   ASSERT_EQ(512u + 34 * 512, file.size());  // 128 entries: 34 sectors
   EXPECT_EQ(area, Slice(file, 512, 34 * 512));
   EXPECT_EQ(3, file[10]);
@@ -673,34 +536,26 @@ TEST_F(SectorsTest, GptAreasOnGptAndMbrDisks) {
 
   // A GPT entry has no type byte: the file system found there decides.
   disk.Write(2048, Slice(FullImage(kDiskSectors), 2048 * 512, 512));
-  r = Run({"/save=vbr", "/part=1", "/filename=vbr.bin"});
-  ASSERT_EQ(0, ResultOf(r)) << r.out;
-  file = ReadBytes(File("vbr.bin"));
+  Expect(0, {"/save=vbr", "/part=1", "/filename=vbr.bin"});
+  file = ReadFile("vbr.bin");
   ASSERT_EQ(512u + 7 * 512, file.size());
   EXPECT_EQ(disk.Read(2048, 7), Slice(file, 512, 7 * 512));
   EXPECT_EQ(1, file[214]);
 
   // The entries are lost; the restore brings them back.
   disk.Write(2, Zeros(1));
-  r = Run({"/restore=gpt", "/filename=gpt.bin"}, "y");
-  EXPECT_TRUE(Has(r, "Preparing to restore the GPT, are you sure? (Y/N): y\n\n")) << r.out;
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
+  Expect(0, {"/restore=gpt", "/filename=gpt.bin"}, "Preparing to restore the GPT, are you sure? (Y/N): y\n\n", "y");
   EXPECT_EQ(area, disk.Read(0, 34));
 
-  r = Run({"/wipe=gpt", "/confirm"});
-  EXPECT_EQ(0, ResultOf(r)) << r.out;
-  EXPECT_TRUE(Has(r, " Specified sectors successfully cleared \n")) << r.out;
-  EXPECT_EQ(Zeros(34), disk.Read(0, 34));  // up to the first usable sector
-  EXPECT_EQ(Pattern(34), disk.Read(34));
+  Expect(0, {"/wipe=gpt", "/confirm"}, " Specified sectors successfully cleared \n");
+  EXPECT_EQ(Concat(Zeros(34), Pattern(34)), disk.Read(0, 35));  // up to the first usable sector
 
   e2e::Image& mbrDisk = AddDisk(1);
   const std::string before = mbrDisk.Hash();
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"/save=gpt", "/disk=1", "/filename=x.bin"},
-        {"/restore=gpt", "/disk=1", "/filename=gpt.bin", "/confirm"}, {"/wipe=gpt", "/disk=1", "/confirm"}}) {
-    r = Run(args);
-    EXPECT_EQ(131, ResultOf(r)) << args[0];
-    EXPECT_TRUE(Has(r, " Error 131: Unable to perform GPT operations on Non-GPT Disks\n")) << r.out;
+  for (const Args& args : {Args{"/save=gpt", "/disk=1", "/filename=x.bin"},
+                           Args{"/restore=gpt", "/disk=1", "/filename=gpt.bin", "/confirm"},
+                           Args{"/wipe=gpt", "/disk=1", "/confirm"}}) {
+    Expect(131, args, " Error 131: Unable to perform GPT operations on Non-GPT Disks\n");
   }
   EXPECT_EQ(before, mbrDisk.Hash());
 }

@@ -18,12 +18,9 @@ using e2e::Machine;
 using e2e::Mbr;
 using e2e::Result;
 
-void Put16(std::vector<uint8_t>& b, size_t at, uint16_t v) {
-  b[at] = static_cast<uint8_t>(v);
-  b[at + 1] = static_cast<uint8_t>(v >> 8);
-}
-void Put32(std::vector<uint8_t>& b, size_t at, uint32_t v) {
-  for (int i = 0; i < 4; ++i) b[at + i] = static_cast<uint8_t>(v >> (8 * i));
+// Stores a little-endian value of `bytes` bytes.
+void Put(std::vector<uint8_t>& b, size_t at, uint32_t v, int bytes = 4) {
+  for (int i = 0; i < bytes; ++i) b[at + i] = static_cast<uint8_t>(v >> (8 * i));
 }
 
 // Formats a file of `megabytes` with the tool and copies it to `lba` of
@@ -35,11 +32,8 @@ bool WriteMadeVolume(const Image& image, uint64_t lba, const std::string& tool, 
       ::testing::TempDir() + "diskhold_e2e_volume_" + std::to_string(::getpid()) + "_" + std::to_string(lba) + ".img";
   int status = -1;
   e2e::Shell("rm -f '" + file + "' && truncate -s " + std::to_string(megabytes) + "M '" + file + "' && " + tool + " " +
-                 options + " '" + file + "' >/dev/null 2>&1",
-             &status);
-  if (status != 0) return false;
-  e2e::Shell("dd if='" + file + "' of='" + image.path() + "' bs=512 seek=" + std::to_string(lba) +
-                 " conv=notrunc,sparse status=none && rm -f '" + file + "'",
+                 options + " '" + file + "' >/dev/null 2>&1 && dd if='" + file + "' of='" + image.path() +
+                 "' bs=512 seek=" + std::to_string(lba) + " conv=notrunc,sparse status=none && rm -f '" + file + "'",
              &status);
   return status == 0;
 }
@@ -49,26 +43,26 @@ bool WriteMadeVolume(const Image& image, uint64_t lba, const std::string& tool, 
 void WriteNtfsVolume(const Image& image, uint64_t lba, const std::string& label) {
   std::vector<uint8_t> boot(512, 0);
   std::memcpy(&boot[3], "NTFS    ", 8);
-  Put16(boot, 11, 512);
+  Put(boot, 11, 512, 2);
   boot[13] = 8;     // clusters of 4 KiB
   boot[48] = 4;     // MFT at cluster 4
   boot[64] = 0xF6;  // 1,024-byte file records
-  Put32(boot, 72, 0x9ABCDEF0);
+  Put(boot, 72, 0x9ABCDEF0);
   boot[510] = 0x55;
   boot[511] = 0xAA;
   image.Write(lba, boot);
 
   std::vector<uint8_t> record(1024, 0);
   std::memcpy(&record[0], "FILE", 4);
-  Put16(record, 20, 56);
+  Put(record, 20, 56, 2);
   const size_t valueLength = label.size() * 2;
   const size_t attrLength = (24 + valueLength + 7) / 8 * 8;
-  Put32(record, 56, 0x60);
-  Put32(record, 60, static_cast<uint32_t>(attrLength));
-  Put32(record, 56 + 16, static_cast<uint32_t>(valueLength));
-  Put16(record, 56 + 20, 24);
+  Put(record, 56, 0x60);
+  Put(record, 60, static_cast<uint32_t>(attrLength));
+  Put(record, 56 + 16, static_cast<uint32_t>(valueLength));
+  Put(record, 56 + 20, 24, 2);
   for (size_t i = 0; i < label.size(); ++i) record[56 + 24 + 2 * i] = static_cast<uint8_t>(label[i]);
-  Put32(record, 56 + attrLength, 0xFFFFFFFF);
+  Put(record, 56 + attrLength, 0xFFFFFFFF);
   image.Write(lba + 4 * 8 + 3 * 2, record);
 }
 
@@ -93,9 +87,10 @@ TEST(Volume, LabelsOfMadeVolumesInTheListing) {
 
   Result r = m.Run({"/list", "/text", "/silent"});
   ASSERT_EQ(r.status, 0) << r.out << r.err;
-  EXPECT_NE(RowWith(r.out, "2,048").find(" MYDATA      "), std::string::npos) << r.out;
-  EXPECT_NE(RowWith(r.out, "34,816").find(" TWO WORDS   "), std::string::npos) << r.out;
-  EXPECT_NE(RowWith(r.out, "67,584").find(" Backup      "), std::string::npos) << r.out;
+  for (const auto& [start, label] : {std::pair<const char*, const char*>{"2,048", " MYDATA      "},
+                                     {"34,816", " TWO WORDS   "}, {"67,584", " Backup      "}}) {
+    EXPECT_NE(RowWith(r.out, start).find(label), std::string::npos) << r.out;
+  }
 }
 
 // /vol= with a label finds the partition on the second disk whatever the

@@ -20,35 +20,36 @@ namespace dh {
 namespace {
 
 using test::FakeDrive;
+using Bytes = std::vector<uint8_t>;
 
 struct E {
   uint8_t type;
   uint32_t start;
   uint32_t count;
 };
+using Table = std::vector<E>;
+
+const Table kOne = {{0x07, 63, 1985}};                       // free from 2049 to the end
+const Table kTwo = {{0x07, 63, 1000}, {0x0C, 5000, 1000}};   // free 1064..4999 and 6000..
+const Table kTight = {{0x07, 63, 1000}, {0x07, 2000, 5500}};  // free 1064..1999 only
 
 class PartitionCreateTest : public ::testing::Test {
  protected:
-  PartitionCreateTest() : host_(&machine_) {
-    ResetRun();
-    Arguments().Clear();
-  }
+  PartitionCreateTest() : host_(&machine_) {}
 
-  // Drive 0 with the entries in slots 0.. (type 0: slot left empty).
-  FakeDrive& MakeDisk(const std::vector<E>& slots, uint64_t sectors = 8192) {
-    FakeDrive& d = machine_.AddDrive(0, sectors);
-    uint8_t* s = d.Sector(0);
-    s[0] = 0x33;
-    s[1] = 0xC0;
-    for (int i = 2; i < 446; ++i) s[i] = static_cast<uint8_t>(i);
+  // Drive 0 with the entries in slots 0.., loaded.
+  FakeDrive& MakeDisk(const Table& slots) {
+    ResetRun();
+    FakeDrive& d = machine_.AddDrive(0, 8192);
+    for (int i = 0; i < 446; ++i) d.Sector(0)[i] = static_cast<uint8_t>(i + 0x33);
     for (size_t i = 0; i < slots.size(); ++i) {
-      if (slots[i].type == 0) continue;
-      uint8_t* e = s + 446 + 16 * i;
+      uint8_t* e = d.Sector(0) + 446 + 16 * i;
       e[4] = slots[i].type;
       StoreLe32(e + 8, slots[i].start);
       StoreLe32(e + 12, slots[i].count);
     }
     d.SetBootSignature();
+    Load();
     return d;
   }
 
@@ -71,106 +72,133 @@ class PartitionCreateTest : public ::testing::Test {
 
   FakeDrive& drive() { return machine_.devices[test::DrivePath(0)]; }
   const uint8_t* Slot(int slot) { return drive().Sector(0) + 446 + 16 * slot; }
-  uint32_t StartAt(int slot) { return LoadLe32(Slot(slot) + 8); }
-  uint32_t CountAt(int slot) { return LoadLe32(Slot(slot) + 12); }
   void ExpectOnlyTableChanged() {
     EXPECT_EQ(0, std::memcmp(drive().bytes.data(), before_.data(), 446));
     EXPECT_EQ(0, std::memcmp(drive().bytes.data() + 510, before_.data() + 510, before_.size() - 510));
+  }
+  void ExpectUntouched() {
+    EXPECT_EQ(before_, drive().bytes);
+    EXPECT_EQ(0, drive().writeCalls);
+    EXPECT_EQ(0, drive().updatePropertiesCalls);
   }
 
   test::FakeMachine machine_;
   test::ScopedHost host_;
   std::unique_ptr<DiskSet> disks_;
-  std::vector<uint8_t> before_;
+  Bytes before_;
 };
 
-TEST_F(PartitionCreateTest, FillsTheRoomBehindTheFirstPartitionWithType07) {
-  MakeDisk({{0x07, 63, 1985}});
+TEST_F(PartitionCreateTest, PlacesAndSizesTheNewEntry) {
+  struct Case {
+    Table table;
+    std::vector<std::string> args;
+    int slot;
+    uint32_t start, count;
+  };
+  const Case cases[] = {
+      {kOne, {}, 1, 2049, 6143},
+      {kOne, {"/align=1"}, 1, 2050, 6142},  // 2 sectors
+      {kOne, {"/start=2049", "/size=max"}, 1, 2049, 6143},
+      {kTwo, {"/start=2000"}, 2, 2000, 2999},  // up to 4998: one sector short of 5000
+      {kTwo, {"/start=2000", "/size=1499"}, 2, 2000, 2998},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.args));
+    MakeDisk(c.table);
+    EXPECT_EQ(kSuccess, Create(c.args));
+    EXPECT_EQ(kCmdCreate, State().completedStep);
+    EXPECT_EQ(c.start, LoadLe32(Slot(c.slot) + 8));
+    EXPECT_EQ(c.count, LoadLe32(Slot(c.slot) + 12));
+    EXPECT_EQ(0x07, Slot(c.slot)[4]);
+    EXPECT_EQ(0x00, Slot(c.slot)[0]);
+    EXPECT_EQ(1, drive().updatePropertiesCalls);
+    ExpectOnlyTableChanged();
+  }
+}
+
+TEST_F(PartitionCreateTest, RefusalsWriteNothing) {
+  struct Case {
+    const Table& table;
+    std::vector<std::string> args;
+    ResultCode code;
+  };
+  const Case cases[] = {
+      // Alignments must be powers of two in range.
+      {kOne, {"/align=3"}, kInvalidAlign},
+      {kOne, {"/align=0"}, kInvalidAlign},
+      {kOne, {"/align=k"}, kInvalidAlign},
+      {kOne, {"/align=1048576"}, kInvalidAlign},
+      {kOne, {"/align=-2"}, kInvalidAlign},
+      // Starts inside a partition, right after its last sector, on the
+      // table's own sector, or not a number.
+      {kOne, {"/start=63"}, kStartAssigned},
+      {kOne, {"/start=2048"}, kStartAssigned},
+      {kOne, {"/start=0"}, kStartAssigned},
+      {kOne, {"/start=somewhere"}, kStartAssigned},
+      {kOne, {"/type=0"}, kInvalidParameter},
+      {kOne, {"/type=256"}, kInvalidParameter},
+      // Sizes ending on the next partition, jumping over it (only its end
+      // lies in free space), or running past the disk.
+      {kTwo, {"/start=2000", "/size=1500"}, kSizeUnavailable},
+      {kTwo, {"/start=2000", "/size=2500"}, kSizeUnavailable},
+      {kTwo, {"/start=6002", "/size=2000"}, kSizeUnavailable},
+      {kTwo, {"/start=2000", "/size=0"}, kInvalidSize},
+      {kTwo, {"/start=2000", "/size=big"}, kInvalidSize},
+      {kTwo, {"/start=9000"}, kInvalidSize},  // beyond the disk: no room
+      // 1 MiB alignment would start at 2048, past the only gap.
+      {kTight, {"/align=1024"}, kNoFreeSpace},
+      {kTight, {"/start=1100", "/align=1024"}, kStartAssigned},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.args));
+    MakeDisk(c.table);
+    EXPECT_EQ(c.code, Create(c.args));
+    if (c.code == kInvalidParameter) {
+      EXPECT_EQ(c.args[0], State().badArgument);
+    }
+    ExpectUntouched();
+  }
+  // Without the boot signature: 518, unless forced; then the entry is
+  // written and the rest of sector 0 stays as it was.
+  MakeDisk({}).Sector(0)[510] = 0;
+  Load();
+  EXPECT_EQ(kCreateNoMbr, Create());
+  ExpectUntouched();
+  ResetRun();
+  Options().ignoreErrors = true;
   Load();
   EXPECT_EQ(kSuccess, Create());
-  EXPECT_EQ(kCmdCreate, State().completedStep);
-  EXPECT_EQ(2049u, StartAt(1));
-  EXPECT_EQ(6143u, CountAt(1));
-  EXPECT_EQ(0x07, Slot(1)[4]);
-  EXPECT_EQ(0x00, Slot(1)[0]);
-  EXPECT_EQ(1, drive().updatePropertiesCalls);
+  EXPECT_EQ(64u, LoadLe32(Slot(0) + 8));
   ExpectOnlyTableChanged();
+  Options().ignoreErrors = false;
+
+  // A failed write sends no update.
+  MakeDisk(kOne);
+  drive().writeProtected = true;
+  EXPECT_EQ(kWriteFailed, Create());
+  EXPECT_EQ(0, drive().updatePropertiesCalls);
+  EXPECT_EQ(before_, drive().bytes);
 }
 
-TEST_F(PartitionCreateTest, AlignValuesMustBePowersOfTwoInRange) {
-  MakeDisk({{0x07, 63, 1985}});
-  Load();
-  for (const char* bad : {"/align=3", "/align=0", "/align=k", "/align=1048576", "/align=-2"}) {
-    ResetRun();
-    EXPECT_EQ(kInvalidAlign, Create({bad})) << bad;
+TEST_F(PartitionCreateTest, FreeSpaceSearch) {
+  struct Case {
+    Table table;
+    uint64_t start, size;
+  };
+  const Case cases[] = {
+      {{{0x07, 2048, 1000}}, 64, 2048 - 65},
+      // 63+1000 ends at 1063; a 2-sector gap to 1065 is passed over.
+      {{{0x07, 63, 1000}, {0x07, 1065, 935}, {0x07, 3000, 5000}}, 2001, 998},
+      // A nested partition does not hide the outer one's sectors.
+      {{{0x07, 63, 7000}, {0x07, 100, 100}}, 7064, 8192 - 7064},
+  };
+  for (const Case& c : cases) {
+    MakeDisk(c.table);
+    const FreeArea area = FindFreeSpace(*disks_);
+    EXPECT_EQ(c.start, area.start);
+    EXPECT_EQ(c.size, area.size);
   }
-  EXPECT_EQ(before_, drive().bytes);
-  ResetRun();
-  EXPECT_EQ(kSuccess, Create({"/align=1"}));  // 2 sectors
-  EXPECT_EQ(2050u, StartAt(1));
-}
-
-TEST_F(PartitionCreateTest, AnAssignedStartIs137) {
-  MakeDisk({{0x07, 63, 1985}});
-  Load();
-  EXPECT_EQ(kStartAssigned, Create({"/start=63"}));
-  ResetRun();
-  EXPECT_EQ(kStartAssigned, Create({"/start=2048"}));  // right after the last sector
-  ResetRun();
-  EXPECT_EQ(kStartAssigned, Create({"/start=0"}));  // the table's own sector
-  ResetRun();
-  EXPECT_EQ(kStartAssigned, Create({"/start=somewhere"}));
-  EXPECT_EQ(before_, drive().bytes);
-  ResetRun();
-  EXPECT_EQ(kSuccess, Create({"/start=2049", "/size=max"}));
-  EXPECT_EQ(6143u, CountAt(1));
-}
-
-TEST_F(PartitionCreateTest, AnExplicitStartTakesTheRoomUpToTheNextPartition) {
-  MakeDisk({{0x07, 63, 1000}, {0x0C, 5000, 1000}});
-  Load();
-  EXPECT_EQ(kSuccess, Create({"/start=2000"}));
-  EXPECT_EQ(2000u, StartAt(2));
-  EXPECT_EQ(2999u, CountAt(2));  // up to 4998: one sector short of 5000
-  ExpectOnlyTableChanged();
-}
-
-TEST_F(PartitionCreateTest, SizesThatReachAPartitionOrTheEndAreRefused) {
-  MakeDisk({{0x07, 63, 1000}, {0x0C, 5000, 1000}});
-  Load();
-  EXPECT_EQ(kSizeUnavailable, Create({"/start=2000", "/size=1500"}));  // ends at 5000
-  ResetRun();
-  // Jumps over the whole partition at 5000: only its end lies in free space.
-  EXPECT_EQ(kSizeUnavailable, Create({"/start=2000", "/size=2500"}));
-  ResetRun();
-  EXPECT_EQ(kSizeUnavailable, Create({"/start=6002", "/size=2000"}));  // beyond 8192
-  ResetRun();
-  EXPECT_EQ(kInvalidSize, Create({"/start=2000", "/size=0"}));
-  ResetRun();
-  EXPECT_EQ(kInvalidSize, Create({"/start=2000", "/size=big"}));
-  ResetRun();
-  EXPECT_EQ(kInvalidSize, Create({"/start=9000"}));  // beyond the disk: no room
-  EXPECT_EQ(before_, drive().bytes);
-  ResetRun();
-  EXPECT_EQ(kSuccess, Create({"/start=2000", "/size=1499"}));
-  EXPECT_EQ(2998u, CountAt(2));
-}
-
-TEST_F(PartitionCreateTest, GapsOfOneOrTwoSectorsArePassedOver) {
-  // 63+1000 ends at 1063; a 2-sector gap to 1065; the next gap is real.
-  MakeDisk({{0x07, 63, 1000}, {0x07, 1065, 935}, {0x07, 3000, 5000}});
-  Load();
-  FreeArea area = FindFreeSpace(*disks_);
-  EXPECT_EQ(2001u, area.start);
-  EXPECT_EQ(998u, area.size);
-}
-
-TEST_F(PartitionCreateTest, FreeSpaceSearchCases) {
-  MakeDisk({{0x07, 2048, 1000}});
-  Load();
-  FreeArea before = FindFreeSpace(*disks_);
-  EXPECT_EQ(64u, before.start);
-  EXPECT_EQ(2048u - 65, before.size);
+  MakeDisk(cases[0].table);
   EXPECT_TRUE(IsSectorAssigned(*disks_, 2048));
   EXPECT_TRUE(IsSectorAssigned(*disks_, 3048));
   EXPECT_FALSE(IsSectorAssigned(*disks_, 3049));
@@ -180,94 +208,28 @@ TEST_F(PartitionCreateTest, FreeSpaceSearchCases) {
   EXPECT_EQ(0u, MaxSizeFrom(*disks_, 9000));
 }
 
-TEST_F(PartitionCreateTest, ANestedPartitionDoesNotHideTheOuterOnesSectors) {
-  MakeDisk({{0x07, 63, 7000}, {0x07, 100, 100}});
-  Load();
-  // The room starts behind the outer partition, not behind the inner one.
-  FreeArea area = FindFreeSpace(*disks_);
-  EXPECT_EQ(7064u, area.start);
-  EXPECT_EQ(8192u - 7064, area.size);
-}
-
-TEST_F(PartitionCreateTest, AlignmentPastTheFreeAreaIsNoFreeSpace) {
-  // The only gap is 1064..1998; 1 MiB alignment would start at 2048.
-  MakeDisk({{0x07, 63, 1000}, {0x07, 2000, 5500}});
-  Load();
-  EXPECT_EQ(kNoFreeSpace, Create({"/align=1024"}));
-  ResetRun();
-  EXPECT_EQ(kStartAssigned, Create({"/start=1100", "/align=1024"}));
-  EXPECT_EQ(before_, drive().bytes);
-}
-
-TEST_F(PartitionCreateTest, TypesOutsideOneByteAreRefused) {
-  MakeDisk({});
-  Load();
-  EXPECT_EQ(kInvalidParameter, Create({"/type=0"}));
-  EXPECT_EQ("/type=0", State().badArgument);
-  ResetRun();
-  EXPECT_EQ(kInvalidParameter, Create({"/type=256"}));
-  EXPECT_EQ(before_, drive().bytes);
-}
-
-TEST_F(PartitionCreateTest, WithoutTheBootSignatureCreateIs518UnlessIgnored) {
-  MakeDisk({});
-  drive().Sector(0)[510] = 0;
-  Load();
-  EXPECT_EQ(kCreateNoMbr, Create());
-  EXPECT_EQ(0, drive().writeCalls);
-  EXPECT_EQ(0, drive().updatePropertiesCalls);
-
-  // Forced: the entry is written and the rest of sector 0 stays as it was.
-  ResetRun();
-  Options().ignoreErrors = true;
-  Load();
-  EXPECT_EQ(kSuccess, Create());
-  EXPECT_EQ(64u, StartAt(0));
-  ExpectOnlyTableChanged();
-}
-
-TEST_F(PartitionCreateTest, ChsBytesFollowTheGeometry) {
+TEST(PartitionCreate, ChsBytesAndAlignment) {
   uint8_t entry[16];
-  // 255 heads, 63 sectors: cylinder = 16065 sectors.
+  // 255 heads, 63 sectors: cylinder = 16065 sectors; 2049 is head 32,
+  // sector 34; 8192 is head 130, sector 3.
   BuildNewEntry(entry, 2049, 6143, 0x07, 255, 63);
-  EXPECT_EQ(0x00, entry[0]);
-  EXPECT_EQ(32, entry[1]);  // 2049 / 63
-  EXPECT_EQ(2049 % 63 + 1, entry[2]);
-  EXPECT_EQ(0, entry[3]);
-  EXPECT_EQ(0x07, entry[4]);
-  EXPECT_EQ(130, entry[5]);  // 8192 / 63
-  EXPECT_EQ(8192 % 63 + 1, entry[6]);
-  EXPECT_EQ(0, entry[7]);
-  EXPECT_EQ(2049u, LoadLe32(entry + 8));
-  EXPECT_EQ(6143u, LoadLe32(entry + 12));
+  EXPECT_EQ(Bytes({0x00, 32, 34, 0, 0x07, 130, 3, 0, 0x01, 0x08, 0, 0, 0xFF, 0x17, 0, 0}), Bytes(entry, entry + 16));
   // A cylinder above 255 keeps its low 8 bits only.
   BuildNewEntry(entry, 16065u * 300, 1, 0x07, 255, 63);
   EXPECT_EQ(300 & 0xFF, entry[3]);
   EXPECT_EQ(1, entry[2]);
   // No geometry: the usual marker.
   BuildNewEntry(entry, 64, 100, 0x07, 0, 0);
-  EXPECT_EQ((std::vector<uint8_t>{0xFE, 0xFF, 0xFF}), std::vector<uint8_t>(entry + 1, entry + 4));
-  EXPECT_EQ((std::vector<uint8_t>{0xFE, 0xFF, 0xFF}), std::vector<uint8_t>(entry + 5, entry + 8));
-}
+  EXPECT_EQ(Bytes({0xFE, 0xFF, 0xFF, 0x07, 0xFE, 0xFF, 0xFF}), Bytes(entry + 1, entry + 8));
 
-TEST_F(PartitionCreateTest, AlignStartRoundsUpToTheBoundary) {
-  uint64_t s = 0;
-  EXPECT_TRUE(AlignStart(2049, 1024, &s));
-  EXPECT_EQ(2050u, s);
-  EXPECT_TRUE(AlignStart(4096, 1 << 20, &s));
-  EXPECT_EQ(4096u, s);
-  EXPECT_TRUE(AlignStart(1, 1 << 20, &s));
-  EXPECT_EQ(2048u, s);
-  EXPECT_FALSE(AlignStart(UINT64_MAX - 1, 1 << 20, &s));
-}
-
-TEST_F(PartitionCreateTest, AFailedWriteIs505AndSendsNoUpdate) {
-  MakeDisk({{0x07, 63, 1985}});
-  drive().writeProtected = true;
-  Load();
-  EXPECT_EQ(kWriteFailed, Create());
-  EXPECT_EQ(0, drive().updatePropertiesCalls);
-  EXPECT_EQ(before_, drive().bytes);
+  for (auto [from, align, expected] : {std::tuple{uint64_t{2049}, 1024u, uint64_t{2050}},
+                                       {uint64_t{4096}, 1u << 20, uint64_t{4096}}, {uint64_t{1}, 1u << 20, uint64_t{2048}}}) {
+    uint64_t start = 0;
+    EXPECT_TRUE(AlignStart(from, align, &start));
+    EXPECT_EQ(expected, start);
+  }
+  uint64_t start = 0;
+  EXPECT_FALSE(AlignStart(UINT64_MAX - 1, 1 << 20, &start));
 }
 
 }  // namespace

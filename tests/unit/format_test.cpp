@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <string>
 
 #include "fake_machine.h"
 
@@ -13,56 +14,34 @@ namespace dh {
 namespace {
 
 using platform::LocaleItem;
-using test::FakeMachine;
-using test::ScopedHost;
+constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
 
-TEST(FormatSizeCompact, DocumentedValues) {
-  struct Case {
-    int64_t bytes;
-    const char* text;
-  };
-  const Case cases[] = {
-      {0, "  0B"},         {512, "512B"},          {998, "998B"},          {999, "1.0K"},
-      {1536, "1.5K"},      {10240, " 10K"},        {102400, "100K"},       {1022975, "998K"},
-      {1022976, "1.0M"},   {8589934592, "8.0G"},   {500107862016, "465G"}, {2000398934016, "1.8T"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(FormatSizeCompact(c.bytes), c.text) << c.bytes;
-}
-
-TEST(FormatSizeCompact, FormatBoundaries) {
-  // From 99.96 units on, the integer part is truncated; from 9.96 on, no
-  // decimals; below, one decimal.  Each format rounds on its own.
-  EXPECT_EQ(FormatSizeCompact(102360), " 99K");   // 99.9609
-  EXPECT_EQ(FormatSizeCompact(102359), " 100K");  // 99.9599
-  EXPECT_EQ(FormatSizeCompact(10200), " 10K");    // 9.9609
-  EXPECT_EQ(FormatSizeCompact(10199), "10.0K");   // 9.9599
-  EXPECT_EQ(FormatSizeCompact(-5), " -5B");
-}
-
-TEST(FormatSizeCompact, CountsBeyondPetabytesStayInPetabytes) {
-  EXPECT_EQ(FormatSizeCompact(int64_t{999} << 40), "1.0P");
-  EXPECT_EQ(FormatSizeCompact(int64_t{999} << 50), "999P");
-  EXPECT_EQ(FormatSizeCompact(std::numeric_limits<int64_t>::max()), "8192P");
-  EXPECT_EQ(FormatSizeCompact(std::numeric_limits<int64_t>::min()), "-9223372036854775808B");
+TEST(FormatSizeCompact, Values) {
+  const std::pair<int64_t, const char*> cases[] = {
+      {0, "  0B"}, {512, "512B"}, {998, "998B"}, {999, "1.0K"}, {1536, "1.5K"}, {10240, " 10K"}, {102400, "100K"},
+      {1022975, "998K"}, {1022976, "1.0M"}, {8589934592, "8.0G"}, {500107862016, "465G"}, {2000398934016, "1.8T"},
+      // Format boundaries: from 99.96 units the integer part is truncated,
+      // from 9.96 no decimals; each format rounds on its own.
+      {102360, " 99K"}, {102359, " 100K"}, {10200, " 10K"}, {10199, "10.0K"}, {-5, " -5B"},
+      // Beyond petabytes the unit stays P.
+      {int64_t{999} << 40, "1.0P"}, {int64_t{999} << 50, "999P"}, {kMax, "8192P"},
+      {std::numeric_limits<int64_t>::min(), "-9223372036854775808B"}};
+  for (const auto& [bytes, text] : cases) EXPECT_EQ(FormatSizeCompact(bytes), text) << bytes;
 }
 
 class FormatSizeTextTest : public ::testing::Test {
  protected:
-  FakeMachine machine;
-  ScopedHost host{&machine};
+  test::FakeMachine machine;
+  test::ScopedHost host{&machine};
 };
 
-TEST_F(FormatSizeTextTest, DocumentedValuesInEnglishLocale) {
-  struct Case {
-    int64_t bytes;
-    const char* text;
-  };
-  const Case cases[] = {
-      {0, "0.00Bytes"},        {1022, "1,022.00Bytes"},     {1023, "1.00KB"},
-      {1536, "1.50KB"},        {8589934592, "8.00GB"},      {500107862016, "465.76GB"},
-      {2000398934016, "1.82TB"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(FormatSizeText(c.bytes), c.text) << c.bytes;
+TEST_F(FormatSizeTextTest, ValuesInEnglishLocale) {
+  const std::pair<int64_t, const char*> cases[] = {
+      {0, "0.00Bytes"}, {1022, "1,022.00Bytes"}, {1023, "1.00KB"}, {1536, "1.50KB"}, {8589934592, "8.00GB"},
+      {500107862016, "465.76GB"}, {2000398934016, "1.82TB"}, {int64_t{1} << 20, "1.00MB"},
+      {(int64_t{1} << 20) - 2, "1,024.00KB"}, {(int64_t{1} << 60) - 2, "1,024.00PB"},
+      {(int64_t{1} << 60) - 1, "1,024.00PB"}, {kMax, "8,192.00PB"}, {-1, "-1.00Bytes"}};
+  for (const auto& [bytes, text] : cases) EXPECT_EQ(FormatSizeText(bytes), text) << bytes;
 }
 
 TEST_F(FormatSizeTextTest, HandsSixDecimalsAndTheLocaleToTheNumberFormat) {
@@ -79,18 +58,16 @@ TEST_F(FormatSizeTextTest, HandsSixDecimalsAndTheLocaleToTheNumberFormat) {
   EXPECT_EQ(machine.lastNumberFormat.thousandSep, ",");
 }
 
-TEST_F(FormatSizeTextTest, CommaDecimalLocale) {
+TEST_F(FormatSizeTextTest, LocaleSeparatorsAndFallbacks) {
   machine.locale[LocaleItem::DecimalSep] = ",";
   machine.locale[LocaleItem::ThousandSep] = ".";
   EXPECT_EQ(FormatSizeText(500107862016), "465,76GB");
   EXPECT_EQ(FormatSizeText(1022), "1.022,00Bytes");
-}
-
-TEST_F(FormatSizeTextTest, UnreadableLocaleFallsBackToEnglishSeparators) {
+  // An unreadable locale, or an item too long for 9 characters, falls back to English.
   machine.localeFails = true;
   EXPECT_EQ(FormatSizeText(1022), "1,022.00Bytes");
   machine.localeFails = false;
-  machine.locale[LocaleItem::DecimalSep] = "123456789";  // does not fit 9 characters
+  machine.locale[LocaleItem::DecimalSep] = "123456789";
   EXPECT_EQ(FormatSizeText(1536), "1.50KB");
 }
 
@@ -99,8 +76,7 @@ TEST_F(FormatSizeTextTest, FailedNumberFormatShowsTheSystemMessage) {
   machine.numberFormatError = 87;
   machine.messages[87] = "The parameter is incorrect.\r\n";
   EXPECT_EQ(FormatSizeText(8589934592), "The parameter is incorrect.GB");
-  // No message for the code: only the unit word remains.
-  machine.numberFormatError = 12345;
+  machine.numberFormatError = 12345;  // no message: only the unit word
   EXPECT_EQ(FormatSizeText(8589934592), "GB");
   // A message longer than the result may hold is cut, keeping the unit.
   machine.messages[12345] = std::string(300, 'x') + "\r\n";
@@ -109,31 +85,14 @@ TEST_F(FormatSizeTextTest, FailedNumberFormatShowsTheSystemMessage) {
   EXPECT_EQ(text.substr(98), "GB");
 }
 
-TEST_F(FormatSizeTextTest, UnitBoundariesAndCountsBeyondPetabytes) {
-  EXPECT_EQ(FormatSizeText(int64_t{1} << 20), "1.00MB");
-  EXPECT_EQ(FormatSizeText((int64_t{1} << 20) - 2), "1,024.00KB");
-  EXPECT_EQ(FormatSizeText((int64_t{1} << 60) - 2), "1,024.00PB");
-  EXPECT_EQ(FormatSizeText((int64_t{1} << 60) - 1), "1,024.00PB");
-  EXPECT_EQ(FormatSizeText(std::numeric_limits<int64_t>::max()), "8,192.00PB");
-  EXPECT_EQ(FormatSizeText(-1), "-1.00Bytes");
-}
-
-TEST(FormatGroupedCount, DocumentedValues) {
-  EXPECT_EQ(FormatGroupedCount(1985, 15), "         1,985");
-  EXPECT_EQ(FormatGroupedCount(63, 14), "           63");
-  EXPECT_EQ(FormatGroupedCount(4294967295u, 14), "4,294,967,295");
-}
-
-TEST(FormatGroupedCount, NarrowAndOutOfRangeWidths) {
-  EXPECT_EQ(FormatGroupedCount(0, 2), "0");
-  EXPECT_EQ(FormatGroupedCount(1000, 6), "1,000");
-  EXPECT_EQ(FormatGroupedCount(999, 6), "  999");
-  // Too narrow: the rightmost positions are kept.
-  EXPECT_EQ(FormatGroupedCount(4294967295u, 5), ",295");
-  EXPECT_EQ(FormatGroupedCount(123, 1), "");
-  EXPECT_EQ(FormatGroupedCount(123, -7), "");
-  EXPECT_EQ(FormatGroupedCount(123, 24), std::string(20, ' ') + "123");
-  EXPECT_EQ(FormatGroupedCount(123, 1000), std::string(21, ' ') + "123");
+TEST(FormatGroupedCount, ValuesAndWidths) {
+  const std::tuple<uint32_t, int, std::string> cases[] = {
+      {1985, 15, "         1,985"}, {63, 14, "           63"}, {4294967295u, 14, "4,294,967,295"}, {0, 2, "0"},
+      {1000, 6, "1,000"}, {999, 6, "  999"},
+      // Too narrow: the rightmost positions are kept; widths are clamped.
+      {4294967295u, 5, ",295"}, {123, 1, ""}, {123, -7, ""}, {123, 24, std::string(20, ' ') + "123"},
+      {123, 1000, std::string(21, ' ') + "123"}};
+  for (const auto& [value, width, text] : cases) EXPECT_EQ(FormatGroupedCount(value, width), text) << value << "," << width;
 }
 
 }  // namespace

@@ -32,8 +32,9 @@ class GptListingTest : public ::testing::Test {
   }
   void TearDown() override { SelectFrameChars(1); }
 
-  std::string List() {
-    disks = std::make_unique<DiskSet>(false);
+  // Lists a fresh DiskSet, or the current one when `reload` is false.
+  std::string List(bool reload = true) {
+    if (reload) disks = std::make_unique<DiskSet>(false);
     ::testing::internal::CaptureStdout();
     PrintGptDetails(*disks);
     PrintGptRows(*disks);
@@ -81,10 +82,7 @@ TEST_F(GptListingTest, MissingBackupVirtualDiskAndUnreadableHeader) {
 
   // On a virtual disk the backup is not judged and no row has a letter.
   disks->isVirtual = true;
-  ::testing::internal::CaptureStdout();
-  PrintGptDetails(*disks);
-  PrintGptRows(*disks);
-  out = ::testing::internal::GetCapturedStdout();
+  out = List(false);
   EXPECT_NE(out.find("Backup GPT:      Virtual                     \n"), std::string::npos);
   EXPECT_NE(out.find("No   No   NA           \n"), std::string::npos);
 

@@ -15,15 +15,26 @@ namespace dh {
 namespace {
 
 TEST(GptTypeTable, LooksUpWholeTextsOnly) {
-  std::string shortName = "x", longName = "y";
-  EXPECT_EQ(LookupGptType("EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", &shortName, &longName), 4);
-  EXPECT_EQ(shortName, "BDP");
-  EXPECT_EQ(longName, "Basic Data Partition");
+  struct Row {
+    const char* guid;
+    int32_t number;
+    const char* shortName;
+    const char* longName;
+  };
+  // The two Apple RAID rows share a short name but not a long one.
+  for (const Row& r : {Row{"EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", 4, "BDP", "Basic Data Partition"},
+                       Row{"C12A7328-F81F-11D2-BA4B-00A0C93EC93B", 2, "EFI", "EFI System Partition"},
+                       Row{"52414944-0000-11AA-AA11-00306543ECAC", 21, "APL-RAID", "Apple RAID"},
+                       Row{"52414944-5F4F-11AA-AA11-00306543ECAC", 22, "APL-RAID", "Apple Offline RAID"}}) {
+    std::string shortName, longName;
+    EXPECT_EQ(LookupGptType(r.guid, &shortName, &longName), r.number);
+    EXPECT_EQ(shortName, r.shortName);
+    EXPECT_EQ(longName, r.longName);
+  }
 
   // Unused entries, Linux filesystem data, a GUID agreeing in its first 16
   // characters only, lower case and a prefix: no row, names untouched.
-  shortName = "x";
-  longName = "y";
+  std::string shortName = "x", longName = "y";
   for (const char* text : {"00000000-0000-0000-0000-000000000000", test::kLinuxFsType,
                            "EBD0A0A2-B9E5-4433-0000-000000000000", "ebd0a0a2-b9e5-4433-87c0-68b6b72699c7",
                            "EBD0A0A2-B9E5-4433-87C0-68B6B72699C", ""}) {
@@ -31,12 +42,6 @@ TEST(GptTypeTable, LooksUpWholeTextsOnly) {
   }
   EXPECT_EQ(shortName, "x");
   EXPECT_EQ(longName, "y");
-
-  // Either output may be absent.
-  EXPECT_EQ(LookupGptType("C12A7328-F81F-11D2-BA4B-00A0C93EC93B", nullptr, &longName), 2);
-  EXPECT_EQ(longName, "EFI System Partition");
-  EXPECT_EQ(LookupGptType("48465300-0000-11AA-AA11-00306543ECAC", &shortName, nullptr), 18);
-  EXPECT_EQ(shortName, "HFS-PLUS");
 }
 
 TEST(GptTypeTable, RowsAreWellFormed) {
@@ -46,24 +51,19 @@ TEST(GptTypeTable, RowsAreWellFormed) {
   std::set<int32_t> numbers;
   for (size_t i = 0; i < count; ++i) {
     const GptTypeInfo& row = rows[i];
-    EXPECT_NE(row.number, 0);
     EXPECT_TRUE(numbers.insert(row.number).second) << row.number;
     EXPECT_LE(std::strlen(row.shortName), 8u) << row.shortName;
     EXPECT_LE(std::strlen(row.longName), 39u) << row.longName;
     // Each GUID text is what the reader makes of its own bytes.
     EXPECT_EQ(FormatGuidText(test::GuidBytes(row.guidText).data()), row.guidText);
-    EXPECT_EQ(LookupGptType(row.guidText, nullptr, nullptr), row.number);
+    // Either output may be absent.
+    std::string shortName, longName;
+    EXPECT_EQ(LookupGptType(row.guidText, &shortName, nullptr), row.number);
+    EXPECT_EQ(LookupGptType(row.guidText, nullptr, &longName), row.number);
+    EXPECT_EQ(shortName + "|" + longName, std::string(row.shortName) + "|" + row.longName);
   }
   // The numbers the program has always used, gaps included.
   EXPECT_EQ(numbers, (std::set<int32_t>{1, 2, 3, 4, 5, 6, 8, 9, 16, 17, 18, 19, 20, 21, 22, 23}));
-  // The two Apple RAID rows share a short name but not a long one.
-  std::string s21, l21, s22, l22;
-  LookupGptType("52414944-0000-11AA-AA11-00306543ECAC", &s21, &l21);
-  LookupGptType("52414944-5F4F-11AA-AA11-00306543ECAC", &s22, &l22);
-  EXPECT_EQ(s21, "APL-RAID");
-  EXPECT_EQ(s22, "APL-RAID");
-  EXPECT_EQ(l21, "Apple RAID");
-  EXPECT_EQ(l22, "Apple Offline RAID");
 }
 
 }  // namespace

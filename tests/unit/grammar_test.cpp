@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -17,13 +16,25 @@
 namespace dh {
 namespace {
 
+// Readers of the option fields the tables check.
+using Field = int64_t (*)();
+int64_t Command() { return Options().command; }
+int64_t Disk() { return Options().diskNumber; }
+int64_t Part() { return Options().partNumber; }
+int64_t Area() { return Options().areaKind; }
+int64_t Sector() { return Options().sectorNumber; }
+int64_t Type() { return Options().typeValue; }
+int64_t Repair() { return Options().rangeFirst; }
+using Text = const std::string& (*)();
+const std::string& ValueText() { return Options().valueText; }
+const std::string& ValueText2() { return Options().valueText2; }
+const std::string& DiskFile() { return Options().diskFileName; }
+
 class GrammarTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ResetRun();
-    Arguments().Clear();
-  }
-  void TearDown() override {
+  void SetUp() override { Fresh(); }
+  void TearDown() override { Fresh(); }
+  static void Fresh() {
     ResetRun();
     Arguments().Clear();
   }
@@ -36,9 +47,13 @@ class GrammarTest : public ::testing::Test {
 
   // Parses one argument on a fresh run.
   void ParseOnly(const std::string& arg) {
-    ResetRun();
-    Arguments().Clear();
+    Fresh();
     Parse({arg});
+  }
+
+  void ExpectAccepted(const std::string& arg) {
+    EXPECT_EQ(State().resultCode, kSuccess) << arg;
+    EXPECT_FALSE(State().usageError) << arg;
   }
 
   void ExpectInvalidSwitch(const std::string& arg) {
@@ -47,61 +62,92 @@ class GrammarTest : public ::testing::Test {
     EXPECT_EQ(State().resultCode, kInvalidSwitch) << arg;
     EXPECT_EQ(State().badArgument, arg) << arg;
   }
+
+  void ExpectInvalidParameter(const std::string& arg) {
+    EXPECT_EQ(State().resultCode, kInvalidParameter) << arg;
+    EXPECT_EQ(State().badArgument, arg) << arg;
+    EXPECT_FALSE(State().usageError) << arg;
+  }
 };
 
-TEST_F(GrammarTest, PrefixesCaseAndBareWords) {
-  for (const char* arg : {"/LIST", "-list", "/l", "list", "LiSt", "/Li"}) {
-    ParseOnly(arg);
-    EXPECT_EQ(Options().command, kCmdList) << arg;
-    EXPECT_FALSE(State().usageError) << arg;
-    EXPECT_EQ(State().resultCode, kSuccess) << arg;
-  }
-  // Abbreviations longer than the keyword, values on flags, and bare
-  // abbreviations or bare value keywords with a value are all refused.
-  for (const char* arg : {"/lis=1", "/lists", "l", "disk=1", "/disk:1", "/", "-", "", "/?*", "save=mbr", "x"}) {
-    ExpectInvalidSwitch(arg);
-  }
-}
-
-TEST_F(GrammarTest, AbbreviationsTakeTheFirstKeywordInTableOrder) {
+TEST_F(GrammarTest, SingleArgumentsSetTheirFields) {
   struct Case {
     const char* arg;
-    int32_t command;
+    Field field;
+    int64_t value;
   };
-  const Case commands[] = {
-      {"/s", kCmdSort},        {"/st", kCmdStatus},   {"/d", kCmdDelete},    {"/de", kCmdDelete},
-      {"/di", kCmdDiskCount},  {"/c", kCmdCompare},   {"/co", kCmdCompare},  {"/cop", kCmdCopy},
-      {"/f", kCmdFlashMbr},    {"/fl", kCmdFlashMbr}, {"/fo", kCmdFormat},   {"/i", kCmdIsSorted},
-      {"/is", kCmdIsSorted},   {"/in", kCmdInactive}, {"/inf", kCmdInfo},    {"/t", kCmdTabList},
-      {"/h", kCmdHide},        {"/u", kCmdUnhide},    {"/a", kCmdActive},    {"/b", kCmdBootMenu},
-      {"/w", kCmdWriteIni},    {"/isf", kCmdIsFixed}, {"/p", kCmdPartCount}, {"/status", kCmdStatus},
-      {"/disk", kCmdDiskCount}};
-  for (const Case& c : commands) {
+  const Case cases[] = {
+      // Prefixes, case and bare words.
+      {"/LIST", Command, kCmdList}, {"-list", Command, kCmdList}, {"/l", Command, kCmdList},
+      {"list", Command, kCmdList}, {"LiSt", Command, kCmdList}, {"/Li", Command, kCmdList},
+      // Abbreviations take the first keyword in table order.
+      {"/s", Command, kCmdSort}, {"/st", Command, kCmdStatus}, {"/d", Command, kCmdDelete},
+      {"/de", Command, kCmdDelete}, {"/di", Command, kCmdDiskCount}, {"/c", Command, kCmdCompare},
+      {"/co", Command, kCmdCompare}, {"/cop", Command, kCmdCopy}, {"/f", Command, kCmdFlashMbr},
+      {"/fl", Command, kCmdFlashMbr}, {"/fo", Command, kCmdFormat}, {"/i", Command, kCmdIsSorted},
+      {"/is", Command, kCmdIsSorted}, {"/in", Command, kCmdInactive}, {"/inf", Command, kCmdInfo},
+      {"/t", Command, kCmdTabList}, {"/h", Command, kCmdHide}, {"/u", Command, kCmdUnhide},
+      {"/a", Command, kCmdActive}, {"/b", Command, kCmdBootMenu}, {"/w", Command, kCmdWriteIni},
+      {"/isf", Command, kCmdIsFixed}, {"/p", Command, kCmdPartCount}, {"/status", Command, kCmdStatus},
+      {"/disk", Command, kCmdDiskCount},
+      // Keywords without a command of their own.
+      {"/si", [] { return int64_t{Options().silent}; }, 1}, {"/si", Command, kCmdNone},
+      {"/con", [] { return int64_t{Options().confirmed}; }, 1},
+      {"/r", [] { return int64_t{Options().showResult}; }, 1},
+      {"/ig", [] { return int64_t{Options().ignoreErrors}; }, 1},
+      {"/n", [] { return int64_t{Options().noHeader}; }, 1},
+      {"/as", [] { return int64_t{Options().asciiMap}; }, 1},
+      {"/?", [] { return int64_t{Options().helpRequested}; }, 1},
+      {"logical", [] { return int64_t{Options().showLogical}; }, 1}, {"/fi", Command, kCmdNone},
+      {"/FILE", Command, kCmdNone}, {"/deb", Command, kCmdNone}, {"/debug", Command, kCmdNone},
+      // Disk values; the empty value names an (empty) virtual disk file.
+      {"/disk=*", Disk, kAllDisks}, {"/disk=2", Disk, 2}, {"-DISK=12abc", Disk, 12},
+      {"/disk=C:\\vm\\a.vmdk", Disk, kVirtualDiskNumber}, {"/disk=", Disk, kVirtualDiskNumber},
+      // Partition, volume, option and sector values.
+      {"/part=3", Part, 3}, {"/part=0", Part, 0}, {"/part=*", Part, kAllPartitions}, {"/part=Boot", Part, kPartBoot},
+      {"/part=SYSTEM", Part, kPartSystem}, {"/part=diag", Part, kPartUtility}, {"/part=Dell", Part, kPartUtility},
+      {"/part=utility", Part, kPartUtility}, {"/vol=c:", Part, kPartDriveLetter}, {"/vol=Z:", Part, kPartDriveLetter},
+      {"/vol=DATA", Part, kPartVolumeLabel}, {"/vol=1:", Part, kPartVolumeLabel}, {"/vol=c:x", Part, kPartVolumeLabel},
+      {"/vol=c", Part, kPartVolumeLabel}, {"/option=TRACK0", Area, kAreaTrack0}, {"/option=gpt", Area, kAreaGpt},
+      {"/sector=63", Sector, 63}, {"/sector=Disk", Sector, kSectorDisk},
+      // Type bytes: hexadecimal unless a 'd' follows the digits.
+      {"/type=7", Type, 7}, {"/type=7d", Type, 7}, {"/type=1C", Type, 28}, {"/type=28d", Type, 28},
+      {"/type=fd", Type, 0}, {"/type=FD", Type, 253}, {"/type=0x1c", Type, 28}, {"/type=ee", Type, 0xEE},
+      {"/type:17", Type, 0x17}, {"/type=7D", Type, 0x7D}, {"/type=7", Command, kCmdType},
+      // Area words of save, restore and wipe.
+      {"/save=MBR", Command, kCmdSave}, {"/save=MBR", Area, kAreaMbr}, {"/save:mbr", Area, kAreaMbr},
+      {"/SAVE=Mbr", Area, kAreaMbr}, {"/save=range", Area, kAreaRange}, {"/restore=vbr", Area, kAreaVbr},
+      {"/restore=2048", Command, kCmdRestore}, {"/restore=2048", Area, kAreaRange},
+      {"/wipe=Track0", Command, kCmdWipe}, {"/wipe=Track0", Area, kAreaTrack0},
+      // The value of create= is never used, so the bare name is enough.
+      {"/create", Command, kCmdCreate},
+      {"/status=5", Command, kCmdStatusWrite}, {"/signature:Read", Command, kCmdSignature},
+      {"/show=File", Command, kCmdShow},
+      // Repair kinds.
+      {"/repair=XP", Repair, 1}, {"/repair=win7", Repair, 2}, {"/repair=PT", Repair, 3},
+      {"/repair=PartitionTable", Repair, 3}, {"/repair=2", Repair, 2}, {"/repair=vista", Repair, 0},
+      {"/repair=vista", Command, kCmdRepair},
+  };
+  for (const Case& c : cases) {
     ParseOnly(c.arg);
-    EXPECT_EQ(Options().command, c.command) << c.arg;
-    EXPECT_EQ(State().resultCode, kSuccess) << c.arg;
+    EXPECT_EQ(c.field(), c.value) << c.arg;
+    ExpectAccepted(c.arg);
   }
 
-  // Keywords without a command of their own.
-  ParseOnly("/si");
-  EXPECT_TRUE(Options().silent);
-  EXPECT_EQ(Options().command, kCmdNone);
-  ParseOnly("/con");
-  EXPECT_TRUE(Options().confirmed);
-  ParseOnly("/r");
-  EXPECT_TRUE(Options().showResult);
-  ParseOnly("/ig");
-  EXPECT_TRUE(Options().ignoreErrors);
-  ParseOnly("/n");
-  EXPECT_TRUE(Options().noHeader);
-  ParseOnly("/as");
-  EXPECT_TRUE(Options().asciiMap);
-  ParseOnly("/?");
-  EXPECT_TRUE(Options().helpRequested);
-  for (const char* accepted : {"/fi", "/FILE", "/deb", "/debug"}) {
-    ParseOnly(accepted);
-    EXPECT_EQ(State().resultCode, kSuccess) << accepted;
-    EXPECT_EQ(Options().command, kCmdNone) << accepted;
+  struct TextCase {
+    const char* arg;
+    Text field;
+    const char* value;
+  };
+  const TextCase texts[] = {
+      {"/disk=C:\\vm\\a.vmdk", DiskFile, "C:\\vm\\a.vmdk"}, {"/disk=", DiskFile, ""},
+      {"/filename=C:\\a b.bin", ValueText2, "C:\\a b.bin"}, {"/save=MBR", ValueText, "MBR"},
+      {"/save:mbr", ValueText, "mbr"}, {"/status=5", ValueText, "5"}, {"/show=File", ValueText, "File"},
+      {"/part=3", []() -> const std::string& { return Options().partArgument; }, "/part=3"},
+  };
+  for (const TextCase& c : texts) {
+    ParseOnly(c.arg);
+    EXPECT_EQ(c.field(), c.value) << c.arg;
   }
 
   Frame() = FrameChars();
@@ -109,179 +155,58 @@ TEST_F(GrammarTest, AbbreviationsTakeTheFirstKeywordInTableOrder) {
   ParseOnly("/te");
   EXPECT_EQ(Frame().hLine, 0x2Du);
   EXPECT_EQ(Frame().topLeft, 0x20u);
+  Fresh();
+  EXPECT_EQ(ParseRepairKind(), -1);
 }
 
-TEST_F(GrammarTest, FixedKeywordsIgnoreTrailingTextOnFlags) {
-  Parse({"/freespaceXYZ", "/EXTENDED"});
-  EXPECT_TRUE(Options().showFreeSpace);
-  EXPECT_TRUE(Options().showLogical);
-  EXPECT_EQ(State().resultCode, kSuccess);
-  ParseOnly("logical");
-  EXPECT_TRUE(Options().showLogical);
-}
-
-TEST_F(GrammarTest, LastCommandWinsWithoutConflict) {
-  Parse({"/sort", "/list"});
-  EXPECT_EQ(Options().command, kCmdList);
-  EXPECT_EQ(State().resultCode, kSuccess);
-}
-
-TEST_F(GrammarTest, DiskValues) {
-  ParseOnly("/disk=*");
-  EXPECT_EQ(Options().diskNumber, kAllDisks);
-  ParseOnly("/disk=2");
-  EXPECT_EQ(Options().diskNumber, 2);
-  ParseOnly("-DISK=12abc");
-  EXPECT_EQ(Options().diskNumber, 12);
-  ParseOnly("/disk=C:\\vm\\a.vmdk");
-  EXPECT_EQ(Options().diskNumber, kVirtualDiskNumber);
-  EXPECT_EQ(Options().diskFileName, "C:\\vm\\a.vmdk");
-  // The empty value names an (empty) virtual disk file; opening it fails later.
-  ParseOnly("/disk=");
-  EXPECT_EQ(Options().diskNumber, kVirtualDiskNumber);
-  EXPECT_EQ(Options().diskFileName, "");
-  EXPECT_EQ(State().resultCode, kSuccess);
-}
-
-TEST_F(GrammarTest, PartValues) {
-  ParseOnly("/part=3");
-  EXPECT_EQ(Options().partNumber, 3);
-  EXPECT_EQ(Options().partArgument, "/part=3");
-  ParseOnly("/part=0");
-  EXPECT_EQ(Options().partNumber, 0);
-  ParseOnly("/part=*");
-  EXPECT_EQ(Options().partNumber, kAllPartitions);
-  ParseOnly("/part=Boot");
-  EXPECT_EQ(Options().partNumber, kPartBoot);
-  ParseOnly("/part=SYSTEM");
-  EXPECT_EQ(Options().partNumber, kPartSystem);
-  for (const char* utility : {"/part=diag", "/part=Dell", "/part=utility"}) {
-    ParseOnly(utility);
-    EXPECT_EQ(Options().partNumber, kPartUtility) << utility;
+TEST_F(GrammarTest, RefusedArgumentsAreInvalidSwitches) {
+  // Abbreviations longer than the keyword, values on flags, bare
+  // abbreviations or bare value keywords with a value, and empty values.
+  for (const char* arg : {"/lis=1", "/lists", "l", "disk=1", "/disk:1", "/", "-", "", "/?*", "save=mbr", "x",
+                          "/part=123", "/part=", "/part=bootx", "part=", "/vol=", "/option=vbr", "/sector=x1",
+                          "/sector=-1", "/save", "/save=", "/savex", "/msg=", "/shutdown", "/create=", "/createX",
+                          "create", "/repair="}) {
+    ExpectInvalidSwitch(arg);
+    EXPECT_EQ(Options().command, kCmdNone) << arg;
   }
-  for (const char* bad : {"/part=123", "/part=", "/part=bootx", "part="}) ExpectInvalidSwitch(bad);
-}
-
-TEST_F(GrammarTest, VolOptionSectorValues) {
-  ParseOnly("/vol=c:");
-  EXPECT_EQ(Options().partNumber, kPartDriveLetter);
-  ParseOnly("/vol=Z:");
-  EXPECT_EQ(Options().partNumber, kPartDriveLetter);
-  for (const char* label : {"/vol=DATA", "/vol=1:", "/vol=c:x", "/vol=c"}) {
-    ParseOnly(label);
-    EXPECT_EQ(Options().partNumber, kPartVolumeLabel) << label;
-  }
-  ExpectInvalidSwitch("/vol=");
-
-  ParseOnly("/option=TRACK0");
-  EXPECT_EQ(Options().areaKind, kAreaTrack0);
-  ParseOnly("/option=gpt");
-  EXPECT_EQ(Options().areaKind, kAreaGpt);
-  ExpectInvalidSwitch("/option=vbr");
-
-  ParseOnly("/sector=63");
-  EXPECT_EQ(Options().sectorNumber, 63);
-  ParseOnly("/sector=Disk");
-  EXPECT_EQ(Options().sectorNumber, kSectorDisk);
-  ExpectInvalidSwitch("/sector=x1");
-  ExpectInvalidSwitch("/sector=-1");
-
-  ParseOnly("/filename=C:\\a b.bin");
-  EXPECT_EQ(Options().valueText2, "C:\\a b.bin");
-}
-
-TEST_F(GrammarTest, TypeValues) {
-  struct Case {
-    const char* arg;
-    int32_t type;
-  };
-  const Case cases[] = {{"/type=7", 7},     {"/type=7d", 7},   {"/type=1C", 28},   {"/type=28d", 28},
-                        {"/type=fd", 0},    {"/type=FD", 253}, {"/type=0x1c", 28}, {"/type=ee", 0xEE},
-                        {"/type:17", 0x17}, {"/type=7D", 0x7D}};
-  for (const Case& c : cases) {
-    ParseOnly(c.arg);
-    EXPECT_EQ(Options().command, kCmdType) << c.arg;
-    EXPECT_EQ(Options().typeValue, c.type) << c.arg;
-    EXPECT_EQ(State().resultCode, kSuccess) << c.arg;
-  }
-  // No hexadecimal digit: no type byte, refused as an invalid parameter.
-  ParseOnly("/type=xyz");
-  EXPECT_EQ(Options().typeValue, -2);
-  EXPECT_EQ(State().resultCode, kInvalidParameter);
-  EXPECT_EQ(State().badArgument, "/type=xyz");
-  EXPECT_FALSE(State().usageError);
-
-  // Creation reads "/type" itself, wherever /create stands on the line.
-  for (const std::vector<std::string>& line :
-       {std::vector<std::string>{"/type=7", "/create=1"}, std::vector<std::string>{"/create=1", "/type=xyz"},
-        std::vector<std::string>{"/type=7", "-CREATE"}}) {
-    ResetRun();
-    Arguments().Clear();
-    Parse(line);
-    EXPECT_EQ(Options().command, kCmdCreate) << line[0];
-    EXPECT_EQ(Options().typeValue, -2) << line[0];
-    EXPECT_EQ(State().resultCode, kSuccess) << line[0];
-  }
-}
-
-TEST_F(GrammarTest, AreaWordsOfSaveRestoreWipe) {
-  for (const char* arg : {"/save=MBR", "/save:mbr", "/SAVE=Mbr"}) {
-    ParseOnly(arg);
-    EXPECT_EQ(Options().command, kCmdSave) << arg;
-    EXPECT_EQ(Options().areaKind, kAreaMbr) << arg;
-    EXPECT_EQ(Options().valueText, std::string(arg).substr(6)) << arg;
-  }
-  ParseOnly("/save=range");
-  EXPECT_EQ(Options().areaKind, kAreaRange);
-  ParseOnly("/restore=vbr");
-  EXPECT_EQ(Options().areaKind, kAreaVbr);
-  ParseOnly("/restore=2048");
-  EXPECT_EQ(Options().command, kCmdRestore);
-  EXPECT_EQ(Options().areaKind, kAreaRange);
-
-  // An unknown area word of save= and restore= replaces a pending code.
+  // An unknown area word of save= and restore= replaces a pending code...
   for (const char* arg : {"/save=boot", "/restore=range"}) {
-    ResetRun();
+    Fresh();
     State().resultCode = kNotElevated;
     Parse({arg});
     EXPECT_EQ(State().resultCode, kInvalidSwitch) << arg;
     EXPECT_TRUE(State().usageError) << arg;
     EXPECT_EQ(State().badArgument, arg);
   }
-
-  ParseOnly("/wipe=Track0");
-  EXPECT_EQ(Options().command, kCmdWipe);
-  EXPECT_EQ(Options().areaKind, kAreaTrack0);
-  ParseOnly("/wipe=foo");
-  EXPECT_EQ(Options().command, kCmdWipe);
-  EXPECT_EQ(State().resultCode, kInvalidParameter);
-  EXPECT_EQ(State().badArgument, "/wipe=foo");
-  EXPECT_FALSE(State().usageError);
-  // The first code stays, and with it the argument its message names.
-  ResetRun();
-  Parse({"/wipe=vbr", "/status=x", "/bogus"});
-  EXPECT_EQ(State().badArgument, "/wipe=vbr");
-  EXPECT_EQ(State().resultCode, kInvalidParameter);
-}
-
-TEST_F(GrammarTest, EmptyValuesAreInvalidSwitches) {
-  for (const char* arg :
-       {"/save", "/save=", "/savex", "save=", "/msg=", "/shutdown", "/create=", "/createX", "create", "/repair="}) {
-    ExpectInvalidSwitch(arg);
-    EXPECT_EQ(Options().command, kCmdNone) << arg;
-  }
-  // The value of create= is never used, so the bare name is enough.
-  ParseOnly("/create");
-  EXPECT_EQ(Options().command, kCmdCreate);
-  EXPECT_EQ(State().resultCode, kSuccess);
-  // A pending code stays when the value is missing.
-  ResetRun();
+  // ...but a pending code stays when the value is missing.
+  Fresh();
   State().resultCode = kNotElevated;
   Parse({"/save="});
   EXPECT_EQ(State().resultCode, kNotElevated);
 }
 
-TEST_F(GrammarTest, ValueKeywordsFillTheirFields) {
+TEST_F(GrammarTest, InvalidParametersAndTheFirstCode) {
+  ParseOnly("/type=xyz");  // no hexadecimal digit: no type byte
+  EXPECT_EQ(Options().typeValue, -2);
+  ExpectInvalidParameter("/type=xyz");
+  ParseOnly("/wipe=foo");
+  EXPECT_EQ(Options().command, kCmdWipe);
+  ExpectInvalidParameter("/wipe=foo");
+  // The first code stays, and with it the argument its message names.
+  Fresh();
+  Parse({"/wipe=vbr", "/status=x", "/bogus"});
+  EXPECT_EQ(State().badArgument, "/wipe=vbr");
+  EXPECT_EQ(State().resultCode, kInvalidParameter);
+}
+
+TEST_F(GrammarTest, ArgumentsReadTogether) {
+  Parse({"/freespaceXYZ", "/EXTENDED", "/sort", "/list"});  // trailing text on flags; last command wins
+  EXPECT_TRUE(Options().showFreeSpace);
+  EXPECT_TRUE(Options().showLogical);
+  EXPECT_EQ(Options().command, kCmdList);
+  ExpectAccepted("flags");
+
+  Fresh();
   Parse({"/source=12", "/target=-3", "/msg=3", "/shutdown=2", "/status=254", "/range=10-20", "/size=100",
          "/signature=Read", "/volumeid=Read"});
   EXPECT_EQ(Options().rangeFirst, 12);
@@ -292,43 +217,25 @@ TEST_F(GrammarTest, ValueKeywordsFillTheirFields) {
   EXPECT_EQ(Options().valueText2, "100");
   EXPECT_EQ(Options().valueText3, "2");
   EXPECT_EQ(Options().command, kCmdVolumeId);
-  EXPECT_EQ(State().resultCode, kSuccess);
+  ExpectAccepted("values");
 
-  ParseOnly("/status=5");
-  EXPECT_EQ(Options().command, kCmdStatusWrite);
-  EXPECT_EQ(Options().valueText, "5");
-  ParseOnly("/signature:Read");
-  EXPECT_EQ(Options().command, kCmdSignature);
-  ParseOnly("/show=File");
-  EXPECT_EQ(Options().command, kCmdShow);
-  EXPECT_EQ(Options().valueText, "File");
-}
-
-TEST_F(GrammarTest, RepairKinds) {
-  struct Case {
-    const char* arg;
-    int64_t kind;
-  };
-  for (const Case& c : {Case{"/repair=XP", 1}, Case{"/repair=win7", 2}, Case{"/repair=PT", 3},
-                        Case{"/repair=PartitionTable", 3}, Case{"/repair=2", 2}, Case{"/repair=vista", 0}}) {
-    ParseOnly(c.arg);
-    EXPECT_EQ(Options().command, kCmdRepair) << c.arg;
-    EXPECT_EQ(Options().rangeFirst, c.kind) << c.arg;
+  // Creation reads "/type" itself, wherever /create stands on the line.
+  for (const std::vector<std::string>& line :
+       {std::vector<std::string>{"/type=7", "/create=1"}, std::vector<std::string>{"/create=1", "/type=xyz"},
+        std::vector<std::string>{"/type=7", "-CREATE"}}) {
+    Fresh();
+    Parse(line);
+    EXPECT_EQ(Options().command, kCmdCreate) << line[0];
+    EXPECT_EQ(Options().typeValue, -2) << line[0];
+    EXPECT_EQ(State().resultCode, kSuccess) << line[0];
   }
-  ResetRun();
-  EXPECT_EQ(ParseRepairKind(), -1);
 }
 
 TEST_F(GrammarTest, NumberReadings) {
-  EXPECT_EQ(ReadDecimal(" \t12"), 12);
-  EXPECT_EQ(ReadDecimal("-5x"), -5);
-  EXPECT_EQ(ReadDecimal("+7"), 7);
-  EXPECT_EQ(ReadDecimal("abc"), 0);
-  EXPECT_EQ(ReadDecimal(""), 0);
-  EXPECT_EQ(ReadDecimal("- 5"), 0);
-  EXPECT_EQ(ReadDecimal("2147483647"), INT32_MAX);
-  EXPECT_EQ(ReadDecimal("2147483648"), INT32_MAX);
-  EXPECT_EQ(ReadDecimal("-2147483648"), INT32_MIN);
+  const std::pair<const char*, int32_t> decimals[] = {
+      {" \t12", 12}, {"-5x", -5}, {"+7", 7}, {"abc", 0}, {"", 0}, {"- 5", 0}, {"2147483647", INT32_MAX},
+      {"2147483648", INT32_MAX}, {"-2147483648", INT32_MIN}};
+  for (const auto& [text, value] : decimals) EXPECT_EQ(ReadDecimal(text), value) << text;
   EXPECT_EQ(ReadDecimal64("9223372036854775807"), INT64_MAX);
   EXPECT_EQ(ReadDecimal64("-9223372036854775808"), INT64_MIN);
   EXPECT_EQ(ReadDecimal64("-99999999999999999999"), INT64_MIN);
@@ -337,31 +244,28 @@ TEST_F(GrammarTest, NumberReadings) {
   EXPECT_FALSE(ReadHexadecimal("", &value));
   EXPECT_FALSE(ReadHexadecimal("g1", &value));
   EXPECT_EQ(value, 99);
-  EXPECT_TRUE(ReadHexadecimal("0x", &value));  // the '0' is a digit
-  EXPECT_EQ(value, 0);
-  EXPECT_TRUE(ReadHexadecimal(" 0XfF", &value));
-  EXPECT_EQ(value, 255);
-  EXPECT_TRUE(ReadHexadecimal("7fffffff", &value));
-  EXPECT_EQ(value, INT32_MAX);
-  EXPECT_TRUE(ReadHexadecimal("100000000", &value));
-  EXPECT_EQ(value, INT32_MAX);
+  const std::pair<const char*, int32_t> hex[] = {
+      {"0x", 0} /* the '0' is a digit */, {" 0XfF", 255}, {"7fffffff", INT32_MAX}, {"100000000", INT32_MAX}};
+  for (const auto& [text, expected] : hex) {
+    EXPECT_TRUE(ReadHexadecimal(text, &value)) << text;
+    EXPECT_EQ(value, expected) << text;
+  }
 }
 
 TEST_F(GrammarTest, HugeArgumentsAreCutOrSaturatedNeverOverflowed) {
   const std::string digits(5000, '9');
-  ParseOnly("/disk=" + digits);
-  EXPECT_EQ(Options().diskNumber, INT32_MAX);
+  const std::string zeros(5000, '0');
+  const std::pair<std::string, std::pair<Field, int64_t>> cases[] = {
+      {"/disk=" + digits, {Disk, INT32_MAX}}, {"/source=" + digits, {Repair, INT64_MAX}},
+      {"/msg=-" + digits, {[] { return int64_t{Options().messageNumber}; }, INT32_MIN}},
+      {"/type=" + std::string(5000, 'f'), {Type, INT32_MAX}}, {"/type=" + zeros + "1c", {Type, 0x1C}},
+      {"/sector=" + zeros + "5", {Sector, 5}}};
+  for (const auto& [arg, check] : cases) {
+    ParseOnly(arg);
+    EXPECT_EQ(check.first(), check.second) << arg.substr(0, 12);
+  }
   ParseOnly("/source=" + digits);
-  EXPECT_EQ(Options().rangeFirst, INT64_MAX);
   EXPECT_EQ(Options().valueText.size(), kValueTextSize - 1);
-  ParseOnly("/msg=-" + digits);
-  EXPECT_EQ(Options().messageNumber, INT32_MIN);
-  ParseOnly("/type=" + std::string(5000, 'f'));
-  EXPECT_EQ(Options().typeValue, INT32_MAX);
-  ParseOnly("/type=" + std::string(5000, '0') + "1c");
-  EXPECT_EQ(Options().typeValue, 0x1C);
-  ParseOnly("/sector=" + std::string(5000, '0') + "5");
-  EXPECT_EQ(Options().sectorNumber, 5);
   ParseOnly("/disk=" + std::string(5000, 'x'));
   EXPECT_EQ(Options().diskFileName.size(), kValueTextSize - 1);
 
@@ -371,10 +275,8 @@ TEST_F(GrammarTest, HugeArgumentsAreCutOrSaturatedNeverOverflowed) {
   ParseOnly(longValue);
   EXPECT_EQ(Options().valueText2.size(), kValueTextSize - 1);
 
-  Arguments().Clear();
-  Arguments().Add(longValue);
-  Arguments().Add(name + "=x");
-  Arguments().Add(name);
+  Fresh();
+  for (const std::string& a : {longValue, name + "=x", name}) Arguments().Add(a);
   const auto& e = Arguments().entries;
   ASSERT_EQ(e.size(), 3u);
   EXPECT_TRUE(e[0].hasValue);
@@ -414,9 +316,9 @@ class OptionFileTest : public GrammarTest {
  protected:
   void SetUp() override {
     GrammarTest::SetUp();
-    dir_ = std::filesystem::temp_directory_path() /
-           ("diskhold_opt_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    const auto* unit = ::testing::UnitTest::GetInstance();
+    dir_ = std::filesystem::temp_directory_path() / ("diskhold_opt_" + std::to_string(unit->random_seed()) + "_" +
+                                                     unit->current_test_info()->name());
     std::filesystem::remove_all(dir_);
     std::filesystem::create_directories(dir_);
   }
@@ -424,66 +326,54 @@ class OptionFileTest : public GrammarTest {
     std::filesystem::remove_all(dir_);
     GrammarTest::TearDown();
   }
-  void Write(const std::string& text) {
-    std::ofstream out(dir_ / "diskhold.opt", std::ios::binary);
-    out << text;
+  bool ReadWith(const std::string& text) {
+    std::ofstream(dir_ / "diskhold.opt", std::ios::binary) << text;
+    return ReadOptionFile((dir_ / "diskhold.exe").string());
   }
-  std::string Program() const { return (dir_ / "diskhold.exe").string(); }
 
   std::filesystem::path dir_;
 };
 
 TEST_F(OptionFileTest, TokensActLikeArguments) {
-  Write("/list /disk=1\r\n\t/silent  \n\n");
   Arguments().Add("/stale");
-  EXPECT_TRUE(ReadOptionFile(Program()));
+  EXPECT_TRUE(ReadWith("/list /disk=1\r\n\t/silent  \n\n"));
   ASSERT_EQ(Arguments().entries.size(), 3u);
   EXPECT_EQ(Arguments().entries[2].text, "/silent");
   EXPECT_EQ(Options().command, kCmdList);
   EXPECT_EQ(Options().diskNumber, 1);
   EXPECT_TRUE(Options().silent);
   EXPECT_EQ(State().resultCode, kSuccess);
+
+  Fresh();
+  EXPECT_TRUE(ReadWith("/list /bogus\n"));
+  EXPECT_TRUE(State().usageError);
+  EXPECT_EQ(State().badArgument, "/bogus");
+
+  // Tokens join the list one by one, so /create later in the file is not
+  // yet known when /type= is parsed.
+  Fresh();
+  EXPECT_TRUE(ReadWith("/type=7 /create=1 /type=9\n"));
+  EXPECT_EQ(Options().command, kCmdCreate);
+  EXPECT_EQ(Options().typeValue, 7);
 }
 
 TEST_F(OptionFileTest, MissingOrEmptyFileReadsNoToken) {
-  EXPECT_FALSE(ReadOptionFile(Program()));
-  Write(" \t\r\n\n");
-  EXPECT_FALSE(ReadOptionFile(Program()));
+  EXPECT_FALSE(ReadOptionFile((dir_ / "diskhold.exe").string()));
+  EXPECT_FALSE(ReadWith(" \t\r\n\n"));
   EXPECT_TRUE(Arguments().entries.empty());
   // A folder of that name is no option file.
-  std::filesystem::remove(dir_ / "diskhold.opt");
-  std::filesystem::create_directory(dir_ / "sub");
-  std::filesystem::create_directory(dir_ / "sub" / "diskhold.opt");
+  std::filesystem::create_directories(dir_ / "sub" / "diskhold.opt");
   EXPECT_FALSE(ReadOptionFile((dir_ / "sub" / "x").string()));
 }
 
-TEST_F(OptionFileTest, InvalidTokenIsAUsageError) {
-  Write("/list /bogus\n");
-  EXPECT_TRUE(ReadOptionFile(Program()));
-  EXPECT_TRUE(State().usageError);
-  EXPECT_EQ(State().badArgument, "/bogus");
-}
-
 TEST_F(OptionFileTest, LongLinesAreReadInPieces) {
-  // 1500 characters without a blank: the first 1023 form one token, the rest
-  // another.
-  std::string token = "/Filename=" + std::string(1490, 'a');
-  Write(token + "\n/list\n");
-  EXPECT_TRUE(ReadOptionFile(Program()));
+  // 1500 characters without a blank: the first 1023 form one token, the rest another.
+  EXPECT_TRUE(ReadWith("/Filename=" + std::string(1490, 'a') + "\n/list\n"));
   ASSERT_EQ(Arguments().entries.size(), 3u);
   EXPECT_EQ(Arguments().entries[0].text.size(), kArgumentTextWidth);
   EXPECT_EQ(Options().valueText2, std::string(1023 - 10, 'a'));
   EXPECT_EQ(State().badArgument, std::string(1500 - 1023, 'a'));
   EXPECT_EQ(Options().command, kCmdList);
-}
-
-TEST_F(OptionFileTest, TypeBeforeCreateInTheFileIsTheTypeCommand) {
-  // Tokens join the list one by one, so /create later in the file is not
-  // yet known when /type= is parsed.
-  Write("/type=7 /create=1 /type=9\n");
-  EXPECT_TRUE(ReadOptionFile(Program()));
-  EXPECT_EQ(Options().command, kCmdCreate);
-  EXPECT_EQ(Options().typeValue, 7);
 }
 
 }  // namespace

@@ -17,14 +17,10 @@ namespace {
 
 const char kDiskEnum[] = "SYSTEM\\CurrentControlSet\\Services\\Disk\\Enum";
 const char kEnum[] = "SYSTEM\\CurrentControlSet\\Enum\\";
-const char kMounted[] = "SYSTEM\\MountedDevices";
 
 std::vector<uint8_t> Utf16(const std::string& text) {
   std::vector<uint8_t> out;
-  for (char c : text) {
-    out.push_back(static_cast<uint8_t>(c));
-    out.push_back(0);
-  }
+  for (char c : text) out.insert(out.end(), {static_cast<uint8_t>(c), 0});
   return out;
 }
 
@@ -37,10 +33,9 @@ std::vector<uint8_t> SignatureRecord(uint32_t signature, uint64_t byteOffset) {
 
 class IdentifyTest : public ::testing::Test {
  protected:
-  IdentifyTest() : host_(&machine_) {
-    disks_ = std::make_unique<DiskSet>(false);
+  IdentifyTest() : host_(&machine_), disks_(std::make_unique<DiskSet>(false)) {
     disks_->currentDisk = 0;
-    SetSignature(0x12345678);
+    for (int i = 0; i < 4; ++i) disks_->savedSignature[i] = static_cast<uint8_t>(0x12345678 >> (8 * i));
   }
 
   void SetString(const std::string& key, const std::string& value, const std::string& text) {
@@ -59,72 +54,63 @@ class IdentifyTest : public ::testing::Test {
     std::string root = std::string(1, letter) + ":\\";
     machine_.logicalDrives.push_back(root);
     machine_.volumeNames[root] = "\\\\?\\Volume{" + guid + "}\\";
-    machine_.registryBinary[std::string(kMounted) + "\n\\??\\Volume{" + guid + "}"] = record;
+    machine_.registryBinary["SYSTEM\\MountedDevices\n\\??\\Volume{" + guid + "}"] = record;
   }
-  void SetSignature(uint32_t signature) {
-    for (int i = 0; i < 4; ++i) disks_->savedSignature[i] = static_cast<uint8_t>(signature >> (8 * i));
+  std::string Description(int index) { return GetDiskDescription(*disks_, index); }
+  // The letter found for a partition at `lba`, or 0.
+  char Letter(uint64_t lba) {
+    DriveLetterMatch found;
+    return FindDriveLetter(*disks_, lba, &found) ? found.letter : 0;
   }
-  std::string Description(int index = 0) { return GetDiskDescription(*disks_, index); }
 
   test::FakeMachine machine_;
   test::ScopedHost host_;
   std::unique_ptr<DiskSet> disks_;
 };
 
-TEST_F(IdentifyTest, BusIsTheFirstComponentOfTheInstancePath) {
-  AddDisk(0, "IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0");
-  AddDisk(1, "USBSTOR\\Disk&Ven_SanDisk\\2005");
-  AddDisk(2, "SCSI");  // no backslash: the whole path is the bus
-  EXPECT_EQ(GetDiskBus(*disks_, 0), "IDE");
-  EXPECT_EQ(GetDiskBus(*disks_, 1), "USB");
-  EXPECT_EQ(GetDiskBus(*disks_, 2), "SCSI");
-  // Unknown disks have no bus, and the buffer is not left with the last one.
-  EXPECT_EQ(GetDiskBus(*disks_, 3), "");
+TEST_F(IdentifyTest, BusAndDescription) {
+  // The bus is the first component of the instance path (the whole path
+  // without a backslash); the description drops the bus suffix, matched
+  // ignoring case and right-most, and reduces the first run of blanks only.
+  struct Case {
+    const char* instance;
+    std::string friendlyName;
+    const char* deviceDesc;
+    const char* bus;
+    const char* description;
+  };
+  const Case cases[] = {
+      {"IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0", "", "", "IDE", "IDE"},  // no name: the bus stands
+      {"USBSTOR\\Disk&Ven_X\\1", "", "", "USB", "USB"},
+      {"USBSTOR\\Disk&Ven_SanDisk\\1", "SanDisk Cruzer USB Device", "", "USB", "SanDisk Cruzer"},
+      {"SCSI", "", "", "SCSI", "SCSI"},
+      {"IDE\\DiskWDC\\2", "WDC  WD5000AAKS ATA Device", "", "IDE", "WDC WD5000AAKS"},
+      {"SCSI\\Disk&Ven_VMware\\3", "VMware Virtual disk", "", "SCSI", "VMware Virtual disk"},
+      {"scsi\\Disk\\4", "A SCSI Disk Device B SCSI Disk Device", "", "scsi", "A SCSI Disk Device B"},
+      {"IDE\\Disk\\5", "", "Disk drive", "IDE", "Disk drive"},  // DeviceDesc without FriendlyName
+      {"SD\\Disk\\6", "Card  Reader  Two  USB Device", "", "SD", "Card Reader  Two  USB Device"},
+      // Texts end at their first NUL and are cut to their buffer.
+      {"PCI\\Disk\\7", std::string("Model\0junk", 10), "", "PCI", "Model"},
+  };
+  const int n = static_cast<int>(std::size(cases));
+  for (int i = 0; i < n; ++i) AddDisk(i, cases[i].instance, cases[i].friendlyName, cases[i].deviceDesc);
+  AddDisk(n, "PCI\\Disk\\8", std::string(5000, 'x'));
+  for (int i = 0; i < n; ++i) {
+    EXPECT_EQ(GetDiskBus(*disks_, i), cases[i].bus) << i;
+    EXPECT_EQ(Description(i), cases[i].description) << i;
+  }
+  EXPECT_EQ(Description(n), std::string(kRegistryTextSize - 1, 'x'));
+  // Unknown disks have nothing, and the buffer is not left with the last one.
+  EXPECT_EQ(GetDiskBus(*disks_, n + 1), "");
   EXPECT_EQ(GetDiskBus(*disks_, -1), "");
   EXPECT_EQ(disks_->diskDescription, "");
-}
-
-TEST_F(IdentifyTest, DescriptionDropsTheBusSuffixAndOneBlankRun) {
-  AddDisk(0, "USBSTOR\\Disk&Ven_SanDisk\\1", "SanDisk Cruzer USB Device");
-  AddDisk(1, "IDE\\DiskWDC\\2", "WDC  WD5000AAKS ATA Device");
-  AddDisk(2, "SCSI\\Disk&Ven_VMware\\3", "VMware Virtual disk");
-  AddDisk(3, "scsi\\Disk\\4", "A SCSI Disk Device B SCSI Disk Device");
-  AddDisk(4, "IDE\\Disk\\5", "", "Disk drive");
-  AddDisk(5, "SD\\Disk\\6", "Card  Reader  Two  USB Device");
-  EXPECT_EQ(Description(0), "SanDisk Cruzer");
-  EXPECT_EQ(Description(1), "WDC WD5000AAKS");
-  // A name without the suffix stays whole.
-  EXPECT_EQ(Description(2), "VMware Virtual disk");
-  // The bus matches ignoring case; the right-most suffix is cut.
-  EXPECT_EQ(Description(3), "A SCSI Disk Device B");
-  // Without a FriendlyName the DeviceDesc names the disk.
-  EXPECT_EQ(Description(4), "Disk drive");
-  // Other buses have no suffix; only the first run of blanks is reduced.
-  EXPECT_EQ(Description(5), "Card Reader  Two  USB Device");
-}
-
-TEST_F(IdentifyTest, DescriptionFallsBackToTheBus) {
-  // The instance key holds no name: the bus stands as the description.
-  AddDisk(0, "USBSTOR\\Disk&Ven_X\\1");
-  EXPECT_EQ(Description(0), "USB");
-  // Nothing known about the disk at all.
-  EXPECT_EQ(Description(7), "");
-}
-
-TEST_F(IdentifyTest, RegistryTextsAreCutToTheirBuffer) {
-  std::string longName(5000, 'x');
-  AddDisk(0, "PCI\\Disk\\1", longName);
-  EXPECT_EQ(Description(0), std::string(kRegistryTextSize - 1, 'x'));
-  // A text ends at its first NUL, as the program's buffers hold it.
-  AddDisk(1, "PCI\\Disk\\2", std::string("Model\0junk", 10));
-  EXPECT_EQ(Description(1), "Model");
+  EXPECT_EQ(Description(n + 1), "");
 }
 
 TEST_F(IdentifyTest, EnumInfoWritesOnlyWhatItFinds) {
   AddDisk(0, "USBSTOR\\Disk&Ven_X\\1", "", "", "7&2a3b&0");
   std::string out = "untouched";
   EXPECT_FALSE(GetDiskEnumInfo(0, DiskEnumInfo::kDescription, &out));
-  EXPECT_EQ(out, "untouched");
   EXPECT_FALSE(GetDiskEnumInfo(1, DiskEnumInfo::kInstancePath, &out));
   EXPECT_EQ(out, "untouched");
   EXPECT_TRUE(GetDiskEnumInfo(0, DiskEnumInfo::kParentPrefix, &out));
@@ -149,16 +135,14 @@ TEST_F(IdentifyTest, PartitionsOfAnMbrDiskFindTheirLettersByOffset) {
   AddVolume('C', "c-guid", SignatureRecord(0x12345678, 2048ull * 512));
   AddVolume('D', "d-guid", SignatureRecord(0x12345678, 411648ull * 512));
   AddVolume('E', "e-guid", SignatureRecord(0x0BADF00D, 2048ull * 512));  // another disk
+  // Offsets beyond 32 bits of bytes are compared in full.
+  AddVolume('F', "f-guid", SignatureRecord(0x12345678, 0x123456789ull * 512));
   DriveLetterMatch found;
   ASSERT_TRUE(FindDriveLetter(*disks_, 2048, &found));
   EXPECT_EQ(found.letter, 'C');
   EXPECT_EQ(found.volumeName, "\\\\?\\Volume{c-guid}\\");
-  ASSERT_TRUE(FindDriveLetter(*disks_, 411648, &found));
-  EXPECT_EQ(found.letter, 'D');
-  // Offsets beyond 32 bits of bytes are compared in full.
-  AddVolume('F', "f-guid", SignatureRecord(0x12345678, 0x123456789ull * 512));
-  ASSERT_TRUE(FindDriveLetter(*disks_, 0x123456789ull, &found));
-  EXPECT_EQ(found.letter, 'F');
+  EXPECT_EQ(Letter(411648), 'D');
+  EXPECT_EQ(Letter(0x123456789ull), 'F');
 
   DriveLetterMatch none;
   none.letter = 'Z';
@@ -167,32 +151,26 @@ TEST_F(IdentifyTest, PartitionsOfAnMbrDiskFindTheirLettersByOffset) {
   EXPECT_EQ(none.volumeName, "");
 }
 
-TEST_F(IdentifyTest, DevicePathRecordsNameAWholeDisk) {
+TEST_F(IdentifyTest, DevicePathAndRemovableMediaRecordsNameAWholeDisk) {
   AddDisk(0, "USBSTOR\\Disk&Ven_Kingston\\0013729B", "Kingston USB Device");
   AddVolume('G', "g-guid", Utf16("\\??\\USBSTOR#Disk&Ven_Kingston#0013729B#{53f56307-b6bf-11d0-94f2-00a0c91efb8b}"));
   AddVolume('H', "h-guid", Utf16("\\??\\USBSTOR#Disk&Ven_Kingston#0013729B#{other}"));
-  DriveLetterMatch found;
   // Any partition of the disk gets the first root that names the disk.
-  ASSERT_TRUE(FindDriveLetter(*disks_, 2048, &found));
-  EXPECT_EQ(found.letter, 'G');
-  ASSERT_TRUE(FindDriveLetter(*disks_, 999999, &found));
-  EXPECT_EQ(found.letter, 'G');
+  EXPECT_EQ(Letter(2048), 'G');
+  EXPECT_EQ(Letter(999999), 'G');
   // Another disk's instance path does not match.
   disks_->currentDisk = 1;
   AddDisk(1, "USBSTOR\\Disk&Ven_Kingston\\0013729C");
-  EXPECT_FALSE(FindDriveLetter(*disks_, 2048, &found));
-}
+  EXPECT_EQ(Letter(2048), 0);
 
-TEST_F(IdentifyTest, RemovableMediaMatchByParentPrefix) {
-  AddDisk(0, "USBSTOR\\Disk&Ven_Generic\\1", "", "", "7&2a3b&0");
+  // Removable media match by the disk's parent prefix; no prefix, no match.
+  AddDisk(2, "USBSTOR\\Disk&Ven_Generic\\1", "", "", "7&2a3b&0");
   AddVolume('R', "r-guid", Utf16("\\??\\STORAGE#RemovableMedia#7&2a3b&0&RM#{53f5630d}"));
-  DriveLetterMatch found;
-  ASSERT_TRUE(FindDriveLetter(*disks_, 0, &found));
-  EXPECT_EQ(found.letter, 'R');
-  // A disk without a parent prefix matches no removable medium.
-  AddDisk(1, "STORAGE\\RemovableMedia\\7&2a3b&0&RM");
-  disks_->currentDisk = 1;
-  EXPECT_FALSE(FindDriveLetter(*disks_, 0, &found));
+  disks_->currentDisk = 2;
+  EXPECT_EQ(Letter(0), 'R');
+  AddDisk(3, "STORAGE\\RemovableMedia\\7&2a3b&0&RM");
+  disks_->currentDisk = 3;
+  EXPECT_EQ(Letter(0), 0);
 }
 
 TEST_F(IdentifyTest, MalformedRecordsAndFailingRootsAreSkipped) {
@@ -203,23 +181,18 @@ TEST_F(IdentifyTest, MalformedRecordsAndFailingRootsAreSkipped) {
   AddVolume('B', "b-guid", {0x78, 0x56, 0x34});
   AddVolume('C', "c-guid", {'\\', 0, '?', 0, '?'});
   AddVolume('D', "d-guid", Utf16("\\?"));
-  // A volume whose record is missing.
-  machine_.logicalDrives.push_back("E:\\");
+  // A volume whose record is missing, and a name too short to hold a GUID.
+  machine_.logicalDrives.insert(machine_.logicalDrives.end(), {"E:\\", "F:\\"});
   machine_.volumeNames["E:\\"] = "\\\\?\\Volume{e-guid}\\";
-  // A volume name too short to hold a GUID.
-  machine_.logicalDrives.push_back("F:\\");
   machine_.volumeNames["F:\\"] = "\\\\";
   AddVolume('G', "g-guid", SignatureRecord(0x12345678, 4096ull * 512));
-  DriveLetterMatch found;
-  ASSERT_TRUE(FindDriveLetter(*disks_, 4096, &found));
-  EXPECT_EQ(found.letter, 'G');
-}
+  EXPECT_EQ(Letter(4096), 'G');
 
-TEST_F(IdentifyTest, LongVolumeNamesAreCutToTheResult) {
-  const std::string guid(80, 'a');
-  AddVolume('C', guid, SignatureRecord(0x12345678, 512));
+  // Long volume names are cut to the result.
+  AddVolume('K', std::string(80, 'a'), SignatureRecord(0x12345678, 512));
   DriveLetterMatch found;
   ASSERT_TRUE(FindDriveLetter(*disks_, 1, &found));
+  EXPECT_EQ(found.letter, 'K');
   EXPECT_EQ(found.volumeName.size(), kVolumeNameLength);
   EXPECT_EQ(found.volumeName.substr(0, 11), "\\\\?\\Volume{");
 }

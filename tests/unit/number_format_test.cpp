@@ -7,112 +7,86 @@
 namespace dh::platform {
 namespace {
 
-NumberFormat Us() { return NumberFormat{}; }  // 2 digits, leading zero, 3, ".", ",", "-1.1"
+// The defaults: 2 digits, leading zero, groups of 3, ".", ",", "-1.1".
+const NumberFormat kUs{};
+const NumberFormat kGerman{.decimalSep = ",", .thousandSep = "."};
 
-std::string Format(const std::string& value, const NumberFormat& f = Us()) {
-  std::string out = "untouched";
-  EXPECT_TRUE(FormatNumberLikeWindows(value, f, &out)) << value;
-  return out;
-}
-
-TEST(NumberFormat, SizeTextInputsAsTheReportsUseThem) {
-  // What FormatSizeText hands over: "%Lf" texts with six decimals.
-  EXPECT_EQ(Format("0.000000"), "0.00");
-  EXPECT_EQ(Format("1022.000000"), "1,022.00");
-  EXPECT_EQ(Format("1.000000"), "1.00");
-  EXPECT_EQ(Format("1.500000"), "1.50");
-  EXPECT_EQ(Format("465.761459"), "465.76");
-  EXPECT_EQ(Format("1.819336"), "1.82");
-
-  NumberFormat german = Us();
-  german.decimalSep = ",";
-  german.thousandSep = ".";
-  EXPECT_EQ(Format("465.761459", german), "465,76");
-  EXPECT_EQ(Format("1022.000000", german), "1.022,00");
-}
-
-TEST(NumberFormat, RoundsHalfAwayFromZeroWithCarry) {
-  EXPECT_EQ(Format("1.005"), "1.01");
-  EXPECT_EQ(Format("1.004999"), "1.00");
-  EXPECT_EQ(Format("-1.005"), "-1.01");
-  EXPECT_EQ(Format("999.995"), "1,000.00");
-  EXPECT_EQ(Format("99999.999"), "100,000.00");
-  NumberFormat whole = Us();
-  whole.numDigits = 0;
-  EXPECT_EQ(Format("0.5", whole), "1");
-  EXPECT_EQ(Format("9.5", whole), "10");
-  EXPECT_EQ(Format("9.49", whole), "9");
-  EXPECT_EQ(Format(".5", whole), "1");
-  // Short fractions are padded, not rounded.
-  NumberFormat nine = Us();
-  nine.numDigits = 9;
-  EXPECT_EQ(Format("1.5", nine), "1.500000000");
-}
-
-TEST(NumberFormat, ZeroAndLeadingZeros) {
-  EXPECT_EQ(Format("0001234"), "1,234.00");
-  EXPECT_EQ(Format("-0.004"), "0.00");  // no sign on a value that rounds to zero
-  EXPECT_EQ(Format("5."), "5.00");
-  NumberFormat noLeading = Us();
-  noLeading.leadingZero = 0;
-  EXPECT_EQ(Format("0.5", noLeading), ".50");
-  EXPECT_EQ(Format("-0.5", noLeading), "-.50");
-  EXPECT_EQ(Format("12.5", noLeading), "12.50");
-  noLeading.numDigits = 0;
-  EXPECT_EQ(Format("0.2", noLeading), "0");
-}
-
-TEST(NumberFormat, Grouping) {
-  NumberFormat f = Us();
-  EXPECT_EQ(Format("1234567", f), "1,234,567.00");
-  EXPECT_EQ(Format("123", f), "123.00");
-  EXPECT_EQ(Format("123456", f), "123,456.00");
-  f.grouping = 0;
-  EXPECT_EQ(Format("1234567", f), "1234567.00");
-  f.grouping = 32;
-  EXPECT_EQ(Format("1234567", f), "12,34,567.00");
-  EXPECT_EQ(Format("1234567890", f), "1,23,45,67,890.00");
-  f.grouping = 4;
-  f.thousandSep = "'";
-  EXPECT_EQ(Format("123456789", f), "1'2345'6789.00");
-  f.grouping = 3;
-  f.thousandSep = "";
-  EXPECT_EQ(Format("1234567", f), "1234567.00");
-  f.thousandSep = "\xA0";
-  EXPECT_EQ(Format("1234", f), "1\xA0" "234.00");
+TEST(NumberFormat, Formats) {
+  struct Case {
+    const char* in;
+    NumberFormat f;
+    const char* out;
+  };
+  const Case cases[] = {
+      // "%Lf" texts with six decimals, as the size reports hand them over.
+      {"0.000000", kUs, "0.00"},
+      {"1022.000000", kUs, "1,022.00"},
+      {"465.761459", kUs, "465.76"},
+      {"1.819336", kUs, "1.82"},
+      {"465.761459", kGerman, "465,76"},
+      {"1022.000000", kGerman, "1.022,00"},
+      // Half away from zero, with carry into new groups.
+      {"1.005", kUs, "1.01"},
+      {"1.004999", kUs, "1.00"},
+      {"-1.005", kUs, "-1.01"},
+      {"999.995", kUs, "1,000.00"},
+      {"99999.999", kUs, "100,000.00"},
+      {"0.5", {.numDigits = 0}, "1"},
+      {"9.5", {.numDigits = 0}, "10"},
+      {"9.49", {.numDigits = 0}, "9"},
+      {".5", {.numDigits = 0}, "1"},
+      {"1.5", {.numDigits = 9}, "1.500000000"},  // padded, not rounded
+      // Zeros and leading zeros; no sign on a value that rounds to zero.
+      {"0001234", kUs, "1,234.00"},
+      {"-0.004", kUs, "0.00"},
+      {"5.", kUs, "5.00"},
+      {"0.5", {.leadingZero = 0}, ".50"},
+      {"-0.5", {.leadingZero = 0}, "-.50"},
+      {"12.5", {.leadingZero = 0}, "12.50"},
+      {"0.2", {.numDigits = 0, .leadingZero = 0}, "0"},
+      // Grouping.
+      {"1234567", kUs, "1,234,567.00"},
+      {"123", kUs, "123.00"},
+      {"123456", kUs, "123,456.00"},
+      {"1234567", {.grouping = 0}, "1234567.00"},
+      {"1234567", {.grouping = 32}, "12,34,567.00"},
+      {"1234567890", {.grouping = 32}, "1,23,45,67,890.00"},
+      {"123456789", {.grouping = 4, .thousandSep = "'"}, "1'2345'6789.00"},
+      {"1234567", {.thousandSep = ""}, "1234567.00"},
+      {"1234", {.thousandSep = "\xA0"}, "1\xA0" "234.00"},
+  };
+  for (const Case& c : cases) {
+    std::string out = "untouched";
+    EXPECT_TRUE(FormatNumberLikeWindows(c.in, c.f, &out)) << c.in;
+    EXPECT_EQ(out, c.out) << c.in;
+  }
 }
 
 TEST(NumberFormat, NegativeOrders) {
-  NumberFormat f = Us();
-  f.numDigits = 1;
   const char* expected[] = {"(1.1)", "-1.1", "- 1.1", "1.1-", "1.1 -"};
   for (uint32_t order = 0; order < 5; ++order) {
-    f.negativeOrder = order;
-    EXPECT_EQ(Format("-1.1", f), expected[order]) << order;
-    EXPECT_EQ(Format("1.1", f), "1.1") << order;
+    const NumberFormat f{.numDigits = 1, .negativeOrder = order};
+    std::string out;
+    ASSERT_TRUE(FormatNumberLikeWindows("-1.1", f, &out));
+    EXPECT_EQ(out, expected[order]) << order;
+    ASSERT_TRUE(FormatNumberLikeWindows("1.1", f, &out));
+    EXPECT_EQ(out, "1.1") << order;
   }
 }
 
-TEST(NumberFormat, RejectsBadInputAndFormatsWithoutTouchingOutput) {
+TEST(NumberFormat, RejectsBadInputWithoutTouchingOutput) {
   for (const char* bad : {"", "-", ".", "-.", "1.2.3", "+1", " 1", "1 ", "1e5", "--1", "1-", "0x10", "1,000"}) {
     std::string out = "untouched";
-    EXPECT_FALSE(FormatNumberLikeWindows(bad, Us(), &out)) << "'" << bad << "'";
+    EXPECT_FALSE(FormatNumberLikeWindows(bad, kUs, &out)) << "'" << bad << "'";
     EXPECT_EQ(out, "untouched");
   }
-  NumberFormat f = Us();
-  f.numDigits = 10;
-  std::string out;
-  EXPECT_FALSE(FormatNumberLikeWindows("1", f, &out));
-  f = Us();
-  f.negativeOrder = 5;
-  EXPECT_FALSE(FormatNumberLikeWindows("1", f, &out));
-  f = Us();
-  f.leadingZero = 2;
-  EXPECT_FALSE(FormatNumberLikeWindows("1", f, &out));
-  f = Us();
-  f.grouping = 33;
-  EXPECT_FALSE(FormatNumberLikeWindows("1", f, &out));
-  EXPECT_FALSE(FormatNumberLikeWindows("1", Us(), nullptr));
+  for (const NumberFormat& f : {NumberFormat{.numDigits = 10}, NumberFormat{.leadingZero = 2},
+                                NumberFormat{.grouping = 33}, NumberFormat{.negativeOrder = 5}}) {
+    std::string out = "untouched";
+    EXPECT_FALSE(FormatNumberLikeWindows("1", f, &out));
+    EXPECT_EQ(out, "untouched");
+  }
+  EXPECT_FALSE(FormatNumberLikeWindows("1", kUs, nullptr));
 }
 
 }  // namespace

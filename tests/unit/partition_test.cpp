@@ -101,40 +101,34 @@ TEST(DecodeEntry, DecodesEveryField) {
   EXPECT_EQ(r.sizeBytes, 0xFFFFFFFFull * 512);
 }
 
-TEST(DecodeEntry, HiddenRuleAndTypeChanges) {
+TEST(DecodeEntry, HiddenRuleTypeChangesAndEmptyEntries) {
   PartitionRecord r;
+  r.typeName = "before";
+  DecodeEntry(r, 0x07, true);  // an empty entry is left alone
+  EXPECT_EQ(r.type, 0);
+  EXPECT_EQ(r.active, 0);
+  EXPECT_EQ(r.typeName, "before");
+  EXPECT_EQ(r.rawEntry[mbr::kEntryType], 0);
+
   r.rawEntry[mbr::kEntryType] = 0x07;
   for (uint32_t type : {0x11u, 0x14u, 0x16u, 0x17u, 0x1Bu, 0x1Cu, 0x1Du, 0x1Eu, 0x1Fu}) {
     DecodeEntry(r, type, false);
     EXPECT_EQ(r.hidden, 1) << std::hex << type;
     EXPECT_EQ(r.rawEntry[mbr::kEntryType], type);
+    EXPECT_TRUE(IsHiddenTypeByRule(type));
   }
   // The type table's hidden column plays no part here.
   DecodeEntry(r, 0x3D, false);
   EXPECT_EQ(r.hidden, 0);
   EXPECT_EQ(r.typeName, "Netware");
+  EXPECT_FALSE(IsHiddenTypeByRule(0x3D));
+  EXPECT_FALSE(IsHiddenTypeByRule(0x07));
   DecodeEntry(r, 0x0D, false);
   EXPECT_EQ(r.typeName, "UNKNWN");
   EXPECT_EQ(r.type, 0x0D);
-}
-
-TEST(DecodeEntry, EmptyEntryIsLeftAlone) {
-  PartitionRecord r;
-  r.typeName = "before";
-  DecodeEntry(r, 0x07, true);
-  EXPECT_EQ(r.type, 0);
-  EXPECT_EQ(r.active, 0);
-  EXPECT_EQ(r.typeName, "before");
-  EXPECT_EQ(r.rawEntry[mbr::kEntryType], 0);
-}
-
-TEST(PartitionTypes, ExtendedAndHiddenRules) {
   for (uint32_t t = 0; t < 256; ++t) {
     EXPECT_EQ(IsExtendedType(t), t == 0x05 || t == 0x0F || t == 0x15 || t == 0x1F) << t;
   }
-  EXPECT_TRUE(IsHiddenTypeByRule(0x1D));
-  EXPECT_FALSE(IsHiddenTypeByRule(0x3D));
-  EXPECT_FALSE(IsHiddenTypeByRule(0x07));
 }
 
 TEST_F(PartitionTableTest, PrimariesAreNumberedAcrossEmptySlots) {
@@ -159,13 +153,10 @@ TEST_F(PartitionTableTest, PrimariesAreNumberedAcrossEmptySlots) {
 }
 
 TEST_F(PartitionTableTest, TablesWithoutPartitions) {
-  Load();
-  EXPECT_EQ(table->Count(kKindAll), 0);  // 55 AA with four empty entries
-
+  EXPECT_EQ(Load().Count(kKindAll), 0);  // 55 AA with four empty entries
   PutSlot(Mbr(), 0, kNtfs, 63, 100);
   Mbr()[511] = 0;
-  Load();
-  EXPECT_EQ(table->Count(kKindAll), 0);  // no boot signature
+  EXPECT_EQ(Load().Count(kKindAll), 0);  // no boot signature
 
   drive->SetBootSignature();
   std::memcpy(disks->sector0, Mbr(), 512);
@@ -175,6 +166,21 @@ TEST_F(PartitionTableTest, TablesWithoutPartitions) {
   noMedium.Load();
   EXPECT_EQ(noMedium.Count(kKindAll), 0);
   EXPECT_TRUE(disks->tableLoaded);
+
+  // With the chain walk disabled only the primaries count.
+  PutSlot(Mbr(), 1, kExtended, 1000, 3000);
+  PutEbr(1000, kNtfs, 63, 100, 0);
+  disks->walkExtended = false;
+  PartitionTable& t = Load();
+  EXPECT_EQ(t.Count(kKindAll), 2);
+  // Numbers out of range, and kinds that do not exist.
+  EXPECT_EQ(t.Get(0, kKindPrimary), nullptr);
+  EXPECT_EQ(t.Get(3, kKindPrimary), nullptr);
+  EXPECT_EQ(t.Get(-1, kKindAll), nullptr);
+  EXPECT_EQ(t.Get(1, kKindLogical), nullptr);
+  EXPECT_EQ(t.Get(2, kKindExtended), nullptr);
+  EXPECT_EQ(t.Count(4), 0);
+  EXPECT_EQ(t.Get(1, 4), nullptr);
 }
 
 TEST_F(PartitionTableTest, LogicalsFollowTheirExtendedPrimary) {
@@ -191,13 +197,12 @@ TEST_F(PartitionTableTest, LogicalsFollowTheirExtendedPrimary) {
   EXPECT_EQ(t.Count(kKindLogical), 3);
   EXPECT_EQ(t.Count(kKindExtended), 1);
   EXPECT_EQ(t.Count(kKindAll), 6);
-  const int expectedSlots[] = {0, 1, -1, -1, -1, 2};
-  for (int i = 0; i < 6; ++i) {
-    const PartitionRecord& r = *t.records[static_cast<size_t>(i)];
+  const int expectedSlots[] = {0, 1, -1, -1, -1, 2};  // -1: a logical
+  for (size_t i = 0; i < 6; ++i) {
     if (expectedSlots[i] < 0) {
-      EXPECT_EQ(r.isPrimary, 0) << i;
+      EXPECT_EQ(t.records[i]->isPrimary, 0) << i;
     } else {
-      EXPECT_EQ(r.slot, expectedSlots[i]) << i;
+      EXPECT_EQ(t.records[i]->slot, expectedSlots[i]) << i;
     }
   }
   PartitionRecord* l2 = t.Get(2, kKindLogical);
@@ -264,13 +269,6 @@ TEST_F(PartitionTableTest, ChainsThatCannotBeReadEnd) {
   EXPECT_EQ(Load().Count(kKindLogical), 0);
 }
 
-TEST_F(PartitionTableTest, NoChainWalkWhenDisabled) {
-  PutSlot(Mbr(), 0, kExtended, 1000, 3000);
-  PutEbr(1000, kNtfs, 63, 100, 0);
-  disks->walkExtended = false;
-  EXPECT_EQ(Load().Count(kKindAll), 1);
-}
-
 TEST_F(PartitionTableTest, TwoExtendedPrimariesNumberTheirLogicalsInOneSequence) {
   PutSlot(Mbr(), 0, kExtended, 1000, 1000);
   PutSlot(Mbr(), 1, 0x05, 3000, 1000);
@@ -314,18 +312,6 @@ TEST_F(PartitionTableTest, ChainOnAVirtualDiskCountsFromItsSectorZero) {
   ASSERT_EQ(t.Count(kKindLogical), 1);
   EXPECT_EQ(t.Get(1, kKindLogical)->ebrLba, 1000u);
   EXPECT_EQ(t.Get(1, kKindLogical)->startLba, 1063u);
-}
-
-TEST_F(PartitionTableTest, GetRejectsNumbersOutOfRange) {
-  PutSlot(Mbr(), 0, kNtfs, 63, 100);
-  PartitionTable& t = Load();
-  EXPECT_EQ(t.Get(0, kKindPrimary), nullptr);
-  EXPECT_EQ(t.Get(2, kKindPrimary), nullptr);
-  EXPECT_EQ(t.Get(-1, kKindAll), nullptr);
-  EXPECT_EQ(t.Get(1, kKindLogical), nullptr);
-  EXPECT_EQ(t.Get(1, kKindExtended), nullptr);
-  EXPECT_EQ(t.Count(4), 0);
-  EXPECT_EQ(t.Get(1, 4), nullptr);
 }
 
 TEST_F(PartitionTableTest, SortByStartIsAPlainSelectionSort) {

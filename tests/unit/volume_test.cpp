@@ -58,17 +58,15 @@ TEST(DetectFileSystem, RecognisesEachSignatureInOrder) {
   std::string name;
   EXPECT_EQ(DetectFileSystem(both, &name), kFsNtfs);
   EXPECT_EQ(name, "NTFS");
-}
 
-TEST(DetectFileSystem, OtherVolumesLeaveTheNameAlone) {
+  // Other volumes leave the name alone; FAT12 is not listed as a file system.
   uint8_t sectors[kVolumeProbeBytes] = {};
-  PutText(sectors + 54, "FAT12   ");  // FAT12 is not listed as a file system
+  PutText(sectors + 54, "FAT12   ");
   PutText(sectors + 1032, "H+");
-  std::string name = "keep";
+  name = "keep";
   EXPECT_EQ(DetectFileSystem(sectors, &name), kFsNone);
   EXPECT_EQ(name, "keep");
   EXPECT_EQ(DetectFileSystem(sectors, nullptr), kFsNone);
-
   // A shorter buffer is never read past its end: the HFS signature at 1032
   // lies outside 1,030 bytes.
   PutText(sectors + 1032, "HFSJ");
@@ -521,13 +519,7 @@ TEST_F(LoadedDiskTest, LabelsAndVolumeIdsOfEachPartition) {
   uint8_t* fat32 = PutFatBoot(4096, kFsFat32, 1, 32, 2, 8);
   StoreLe32(fat32 + vbr::kFat32Serial, 0x0BADF00D);
   PutDirEntry(4096 + 48, 0, "WORK       ", 0x08);
-  uint8_t* ntfs = drive->Sector(6144);
-  PutText(ntfs + 3, "NTFS    ");
-  StoreLe16(ntfs + 11, 512);
-  ntfs[13] = 8;
-  StoreLe64(ntfs + 48, 4);
-  StoreLe32(ntfs + 64, 0xF6);
-  StoreLe64(ntfs + vbr::kNtfsSerial, 0x1122334455667788ULL);
+  StoreLe64(PutNtfsBoot(6144) + vbr::kNtfsSerial, 0x1122334455667788ULL);
   PutRecord(6144 * 512 + 4 * 4096 + 3 * 1024, {ResidentAttr(0x60, Utf16(u"System"))});
   // Partition 4 is typed FAT32 but holds no boot sector.
   Load();
@@ -557,6 +549,14 @@ TEST_F(LoadedDiskTest, LabelsAndVolumeIdsOfEachPartition) {
 // Runs a formatting tool on a fresh image file and returns the image's
 // bytes; empty when the tool is missing or fails.
 std::vector<uint8_t> MakeImage(const std::string& tool, const std::string& options, uint64_t bytes) {
+#ifdef _WIN32
+  // The formatting tools are Linux programs; a Windows build (under Wine)
+  // cannot run them through the shell.
+  (void)tool;
+  (void)options;
+  (void)bytes;
+  return {};
+#endif
   if (!std::filesystem::exists(tool)) return {};
   const std::filesystem::path path =
       std::filesystem::temp_directory_path() / ("diskhold_volume_test_" + std::to_string(std::rand()) + ".img");

@@ -236,26 +236,21 @@ TEST_F(Win32Machine, CreateWriteReadSeekAndSize) {
   EXPECT_FALSE(file->Seek(std::numeric_limits<uint64_t>::max()));
   EXPECT_EQ(machine_->LastError(), static_cast<uint32_t>(ERROR_INVALID_PARAMETER));
   EXPECT_FALSE(file->Seek(uint64_t{1} << 63));
-}
 
-TEST_F(Win32Machine, ReadWriteExistingKeepsContentAndEmptyFileHasSizeZero) {
-  const std::string path = PathOf("rw.bin");
-  WriteAll(*machine_->Open(path, OpenMode::CreateAlways), "abcdef");
-  auto file = machine_->Open(path, OpenMode::ReadWriteExisting);
-  ASSERT_NE(file, nullptr);
-  ASSERT_TRUE(file->Seek(2));
-  WriteAll(*file, "XY");
-  ASSERT_TRUE(file->Seek(0));
-  char buffer[8] = {};
-  uint32_t done = 0;
-  ASSERT_TRUE(file->Read(buffer, 6, &done));
-  EXPECT_EQ(std::string(buffer, done), "abXYef");
+  // ReadWriteExisting keeps what is there.
+  auto rw = machine_->Open(path, OpenMode::ReadWriteExisting);
+  ASSERT_NE(rw, nullptr);
+  ASSERT_TRUE(rw->Seek(2));
+  WriteAll(*rw, "XY");
+  ASSERT_TRUE(rw->Seek(0));
+  ASSERT_TRUE(rw->Read(buffer, sizeof buffer, &done));
+  EXPECT_EQ(std::string(buffer, done), "01XY456789");
 
   const std::string emptyPath = PathOf("empty.bin");
   ASSERT_NE(machine_->Open(emptyPath, OpenMode::CreateAlways), nullptr);
   auto empty = machine_->Open(emptyPath, OpenMode::ReadExisting);
   ASSERT_NE(empty, nullptr);
-  uint64_t size = 99;
+  size = 99;
   ASSERT_TRUE(empty->Size(&size));
   EXPECT_EQ(size, 0u);
 }
@@ -334,7 +329,7 @@ class Win32Registry : public Win32Machine {
   }
 };
 
-TEST_F(Win32Registry, TextValues) {
+TEST_F(Win32Registry, TextAndBinaryValues) {
   std::string text;
   ASSERT_TRUE(machine_->RegQueryString(kKey, "text", &text));
   EXPECT_EQ(text, "IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0");
@@ -343,15 +338,12 @@ TEST_F(Win32Registry, TextValues) {
   // Longer than the program's 4,096-byte buffer: not read at all.
   EXPECT_FALSE(machine_->RegQueryString(kKey, "large", &text));
   EXPECT_EQ(machine_->LastError(), static_cast<uint32_t>(ERROR_MORE_DATA));
-  // A number is not a text.
-  EXPECT_FALSE(machine_->RegQueryString(kKey, "Count", &text));
+  EXPECT_FALSE(machine_->RegQueryString(kKey, "Count", &text));  // a number is not a text
   EXPECT_FALSE(machine_->RegQueryString(kKey, "missing", &text));
   EXPECT_EQ(machine_->LastError(), static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
   EXPECT_FALSE(machine_->RegQueryString("SOFTWARE\\DiskholdNoSuchKey", "text", &text));
   EXPECT_EQ(machine_->LastError(), static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
-}
 
-TEST_F(Win32Registry, BinaryValues) {
   std::vector<uint8_t> data;
   ASSERT_TRUE(machine_->RegQueryBinary(kKey, "record", &data));
   EXPECT_EQ(data, (std::vector<uint8_t>{0x78, 0x56, 0x34, 0x12, 0, 0, 0x10, 0, 0, 0, 0, 0}));
