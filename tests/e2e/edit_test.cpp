@@ -20,25 +20,12 @@
 
 namespace {
 
+using e2e::ExpectGolden;
+using e2e::Has;
+using e2e::ResultOf;
 using Bytes = std::vector<uint8_t>;
 using e2e::Entry;
 using Args = std::vector<std::string>;
-
-void ExpectGolden(const std::string& name, const std::string& actual) {
-  const std::string here = __FILE__;
-  const std::string path = here.substr(0, here.rfind('/') + 1) + "golden/" + name;
-  const std::string expected = e2e::ReadFileText(path);
-  ASSERT_FALSE(expected.empty()) << "missing golden file " << path;
-  EXPECT_EQ(expected, actual) << "output differs from " << name;
-}
-
-// The whole value from the "/result" line, which is the last line.
-int ResultOf(const e2e::Result& r) {
-  const size_t at = r.out.rfind("Result:");
-  return at == std::string::npos ? -99999 : std::atoi(r.out.c_str() + at + 7);
-}
-
-bool Has(const e2e::Result& r, const std::string& text) { return r.out.find(text) != std::string::npos; }
 
 // A sector 0 with boot code that is not all zeros, so that a write which
 // rebuilt it from anything but the stored image would show.

@@ -14,19 +14,14 @@
 
 namespace {
 
+using e2e::ExpectGolden;
+using e2e::Has;
+using e2e::ResultOf;
 using e2e::Machine;
 using e2e::Result;
 
 constexpr uint64_t kDiskSectors = 131072;  // 64 MiB
 const char* const kDiskGuid = "11223344-5566-7788-99AA-BBCCDDEEFF00";
-
-void ExpectGolden(const std::string& name, const std::string& actual) {
-  const std::string here = __FILE__;
-  const std::string path = here.substr(0, here.find_last_of("/\\") + 1) + "golden/" + name;
-  const std::string expected = e2e::ReadFileText(path);
-  ASSERT_FALSE(expected.empty()) << "missing golden file " << path;
-  EXPECT_EQ(actual, expected) << name;
-}
 
 std::string Sh(const std::string& command) {
   int status = 0;

@@ -1,5 +1,7 @@
 #include "harness.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -215,6 +217,22 @@ Result RunProgram(const std::string& program, const std::vector<std::string>& ar
 std::string DiskholdPath() {
   const char* env = std::getenv("DISKHOLD_EXE_OVERRIDE");
   return env ? env : DISKHOLD_EXE;
+}
+
+void ExpectGolden(const std::string& name, const std::string& actual) {
+  const std::string here = __FILE__;
+  const std::string path = here.substr(0, here.find_last_of("/\\") + 1) + "golden/" + name;
+  const std::string expected = ReadFileText(path);
+  ASSERT_FALSE(expected.empty()) << "missing golden file " << path;
+  if (actual == expected) return;
+  const std::string saved = ::testing::TempDir() + name + ".actual";
+  WriteFileText(saved, actual);
+  EXPECT_EQ(expected, actual) << name << "; output saved in " << saved;
+}
+
+int ResultOf(const Result& r) {
+  const size_t at = r.out.rfind("Result:");
+  return at == std::string::npos ? -99999 : std::atoi(r.out.c_str() + at + 7);
 }
 
 std::string ReadFileText(const std::string& path) {

@@ -78,6 +78,12 @@ Result RunProgram(const std::string& program, const std::vector<std::string>& ar
                   const std::string& machineFile, const std::string& workDir);
 
 std::string DiskholdPath();
+// Compares output with the file tests/e2e/golden/<name>; on a difference the
+// actual output is saved beside the test's temporary files.
+void ExpectGolden(const std::string& name, const std::string& actual);
+// The whole value printed by "/result" (the last " Result:" line).
+int ResultOf(const Result& r);
+inline bool Has(const Result& r, const std::string& text) { return r.out.find(text) != std::string::npos; }
 std::string ReadFileText(const std::string& path);
 void WriteFileText(const std::string& path, const std::string& text);
 // Whether a program is on PATH (for tests that use outside tools).

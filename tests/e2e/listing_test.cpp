@@ -16,24 +16,14 @@
 
 namespace {
 
+using e2e::ExpectGolden;
+using e2e::Has;
+using e2e::ResultOf;
 using e2e::Entry;
 using e2e::Image;
 using e2e::Machine;
 using e2e::Mbr;
 using e2e::Result;
-
-// Compares with a golden file; on a difference the actual output is left
-// beside the test's temporary files.
-void ExpectGolden(const std::string& name, const std::string& actual) {
-  const std::string here = __FILE__;
-  const std::string path = here.substr(0, here.find_last_of("/\\") + 1) + "golden/" + name;
-  const std::string expected = e2e::ReadFileText(path);
-  ASSERT_FALSE(expected.empty()) << "missing golden file " << path;
-  if (actual == expected) return;
-  const std::string saved = ::testing::TempDir() + name + ".actual";
-  e2e::WriteFileText(saved, actual);
-  EXPECT_EQ(expected, actual) << name << "; output saved in " << saved;
-}
 
 // An EBR: the logical partition's entry and the link to the next EBR.
 std::vector<uint8_t> Ebr(const std::vector<uint8_t>& logical, const std::vector<uint8_t>& link) {

@@ -13,27 +13,14 @@
 
 namespace {
 
+using e2e::ExpectGolden;
+using e2e::Has;
+using e2e::ResultOf;
 using Bytes = std::vector<uint8_t>;
 using Args = std::vector<std::string>;
 using e2e::Entry;
 
 constexpr uint64_t kDiskSectors = 16384;
-
-void ExpectGolden(const std::string& name, const std::string& actual) {
-  const std::string here = __FILE__;
-  const std::string path = here.substr(0, here.rfind('/') + 1) + "golden/" + name;
-  const std::string expected = e2e::ReadFileText(path);
-  ASSERT_FALSE(expected.empty()) << "missing golden file " << path;
-  EXPECT_EQ(expected, actual) << "output differs from " << name;
-}
-
-// The whole value of the "/result" line, which ends the output.
-int ResultOf(const e2e::Result& r) {
-  const size_t at = r.out.rfind("Result:");
-  return at == std::string::npos ? -99999 : std::atoi(r.out.c_str() + at + 7);
-}
-
-bool Has(const e2e::Result& r, const std::string& text) { return r.out.find(text) != std::string::npos; }
 
 // Sectors `first`.. of the test disks: the sector's number in the first
 // eight bytes, a pattern of that number after it.
