@@ -237,7 +237,9 @@ TEST_F(Win32Machine, CreateWriteReadSeekAndSize) {
   EXPECT_EQ(machine_->LastError(), static_cast<uint32_t>(ERROR_INVALID_PARAMETER));
   EXPECT_FALSE(file->Seek(uint64_t{1} << 63));
 
-  // ReadWriteExisting keeps what is there.
+  // ReadWriteExisting keeps what is there.  The read-only handle shares
+  // only reading, so it is closed first.
+  file.reset();
   auto rw = machine_->Open(path, OpenMode::ReadWriteExisting);
   ASSERT_NE(rw, nullptr);
   ASSERT_TRUE(rw->Seek(2));
