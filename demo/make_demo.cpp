@@ -111,6 +111,23 @@ Sector FatBoot(bool fat32, uint32_t hidden, uint32_t sectors, const char* label,
   return s;
 }
 
+// A root directory sector whose first entry is the volume label, as FAT
+// keeps it (the boot sector's copy is not the one that counts).
+Sector LabelEntry(const char* label) {
+  Sector s = Blank();
+  char padded[12];
+  std::snprintf(padded, sizeof padded, "%-11.11s", label);
+  std::memcpy(&s[0], padded, 11);
+  s[11] = 0x08;
+  return s;
+}
+
+// First sector of the root directory of the boot sectors FatBoot writes:
+// FAT32 reserves 32 sectors and two FATs of 1,024; FAT16 reserves 4 and two
+// FATs of 256.
+constexpr uint32_t kFat32RootOffset = 32 + 2 * 1024;
+constexpr uint32_t kFat16RootOffset = 4 + 2 * 256;
+
 class ImageFile {
  public:
   ImageFile(const std::filesystem::path& path, uint64_t sectors) : path_(path) {
@@ -154,6 +171,7 @@ int main(int argc, char** argv) {
   d0.Write(0, mbr);
   d0.Write(ntfsStart, NtfsBoot(ntfsStart, ntfsCount));
   d0.Write(fatStart, FatBoot(true, fatStart, fatCount, "DATA", 0x1234ABCD));
+  d0.Write(fatStart + kFat32RootOffset, LabelEntry("DATA"));
   // Three logical partitions of 1 GiB less the EBR track each.
   const uint32_t logicalSpan = 2097152;
   const uint8_t logicalTypes[3] = {0x07, 0x0B, 0x82};
@@ -165,7 +183,10 @@ int main(int argc, char** argv) {
     Signature(e);
     d0.Write(ebr, e);
     if (logicalTypes[i] == 0x07) d0.Write(ebr + 2048, NtfsBoot(ebr + 2048, logicalSpan - 2048));
-    if (logicalTypes[i] == 0x0B) d0.Write(ebr + 2048, FatBoot(true, ebr + 2048, logicalSpan - 2048, "BACKUP", 0x0BADF00D));
+    if (logicalTypes[i] == 0x0B) {
+      d0.Write(ebr + 2048, FatBoot(true, ebr + 2048, logicalSpan - 2048, "BACKUP", 0x0BADF00D));
+      d0.Write(ebr + 2048 + kFat32RootOffset, LabelEntry("BACKUP"));
+    }
   }
 
   // Disk 1: a 256 MiB removable stick with one FAT16 partition.
@@ -178,6 +199,7 @@ int main(int argc, char** argv) {
   Signature(stick);
   d1.Write(0, stick);
   d1.Write(63, FatBoot(false, 63, 524225, "STICK", 0xCAFE0001));
+  d1.Write(63 + kFat16RootOffset, LabelEntry("STICK"));
 
   // Disk 2: empty.
   ImageFile d2(dir / "disk2.img", 4194304);
