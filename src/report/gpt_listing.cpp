@@ -10,11 +10,9 @@
 
 #include "app/frame.h"
 #include "disk/disk_set.h"
-#include "disk/identify.h"
 #include "gpt/gpt_format.h"
 #include "gpt/gpt_table.h"
 #include "mbr/partition.h"
-#include "platform/platform.h"
 #include "report/format.h"
 #include "report/listing.h"
 #include "report/text_fields.h"
@@ -28,10 +26,6 @@ std::string RightField(const std::string& text, int width) {
   std::string cut = CText(text).substr(0, static_cast<size_t>(width));
   return FillTo(cut, width) + cut;
 }
-
-std::string V() { return FrameText(Frame().vLine); }
-
-void EmitInner(const std::string& text) { Emit(V() + text + V() + "\n"); }
 
 // The size shown for a byte count beyond what a signed 64-bit size holds
 // (a hostile entry): the largest one.
@@ -68,14 +62,9 @@ void PrintGptDetails(DiskSet& disks) {
   EmitInner("   Partitions:  " + std::to_string(count) + Blanks(16) + "GUID:  " + guid + Blanks(1));
 
   // The media and description lines are those of the MBR block.
-  const std::string bus = CText(GetDiskBus(disks, disks.currentDisk));
-  const bool removable = disks.mediaType == platform::kMediaRemovable;
-  EmitInner(std::string("   Media Type:  ") + (removable ? "Removable" + Blanks(7) : "Fixed" + Blanks(11)) +
-            " Interface:       " + bus + FillTo(bus, 27));
-  const std::string description = CText(GetDiskDescription(disks, disks.currentDisk));
-  EmitInner("   Description: " + description + FillTo(description, 61));
+  PrintMediaAndDescription(disks);
 
-  Emit(FrameText(frame.teeLeft) + FrameFill(frame.hLine, kFrameWidth) + FrameText(frame.teeRight) + "\n");
+  EmitBorder(frame.teeLeft, frame.hLine, frame.teeRight);
   EmitInner("Pos    GPT Type         FSType   LBA Start   Size Reqd R/O Hide  DL Vol Label");
 
   // Runs under the columns; Hide is followed by two blanks, as the heading

@@ -45,15 +45,6 @@ std::string Hex2(uint32_t value) {
   return buffer;
 }
 
-std::string V() { return FrameText(Frame().vLine); }
-
-// A line "V text V" followed by a line end.
-void EmitInner(const std::string& text) { Emit(V() + text + V() + "\n"); }
-
-void EmitBorder(uint32_t left, uint32_t fill, uint32_t right) {
-  Emit(FrameText(left) + FrameFill(fill, kFrameWidth) + FrameText(right) + "\n");
-}
-
 void EmitFreeSpaceRow(uint64_t start, uint64_t sectors) {
   // The size wraps like the program's 64-bit product for absurd counts; the
   // columns show the low 32 bits of start and count, as the MBR holds them.
@@ -192,13 +183,7 @@ void PrintMbrDiskDetails(DiskSet& disks) {
   EmitInner("   Partitions:  " + std::to_string(primaries.size()) + Blanks(16) + "Partition Order: " + order +
             FillTo(order, 27));
 
-  // The bus and the description share one buffer of the DiskSet.
-  const std::string bus = CText(GetDiskBus(disks, disks.currentDisk));
-  const bool removable = disks.mediaType == platform::kMediaRemovable;
-  EmitInner(std::string("   Media Type:  ") + (removable ? "Removable" + Blanks(7) : "Fixed" + Blanks(11)) +
-            " Interface:       " + bus + FillTo(bus, 27));
-  const std::string description = CText(GetDiskDescription(disks, disks.currentDisk));
-  EmitInner("   Description: " + description + FillTo(description, 61));
+  PrintMediaAndDescription(disks);
 
   EmitBorder(frame.teeLeft, frame.hLine, frame.teeRight);
   EmitInner("Pos Idx Type/Name Size Boot Hide  Start Sector  Total Sectors  DL Vol Label  ");
@@ -210,6 +195,16 @@ void PrintMbrDiskDetails(DiskSet& disks) {
     underline += FrameFill(frame.hLine, runs[i]);
   }
   Emit(underline + FrameText(frame.teeRight) + "\n");
+}
+
+void PrintMediaAndDescription(DiskSet& disks) {
+  // The bus and the description share one buffer of the DiskSet.
+  const std::string bus = CText(GetDiskBus(disks, disks.currentDisk));
+  const bool removable = disks.mediaType == platform::kMediaRemovable;
+  EmitInner(std::string("   Media Type:  ") + (removable ? "Removable" + Blanks(7) : "Fixed" + Blanks(11)) +
+            " Interface:       " + bus + FillTo(bus, 27));
+  const std::string description = CText(GetDiskDescription(disks, disks.currentDisk));
+  EmitInner("   Description: " + description + FillTo(description, 61));
 }
 
 void PrintPartitionRow(const PartitionRecord& record, int position, int form) {

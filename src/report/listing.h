@@ -9,9 +9,6 @@ namespace dh {
 class DiskSet;
 struct PartitionRecord;
 
-// Width of every framed line between its two border characters.
-constexpr int kFrameWidth = 77;
-
 // Row forms of PrintPartitionRow.
 constexpr int kRowFramed = 0;      // a row of the framed listing
 constexpr int kRowBackupFile = 1;  // the unframed row of a backup file's display
@@ -24,6 +21,10 @@ void ListDisks(DiskSet& disks);
 
 // The details block and the column header of the current MBR disk.
 void PrintMbrDiskDetails(DiskSet& disks);
+
+// The media type, interface and description lines of the current disk,
+// shared by the MBR and GPT detail blocks.
+void PrintMediaAndDescription(DiskSet& disks);
 
 // One partition row; `position` is the row's place in the disk's list
 // (logical rows at 10 and beyond use a narrower number column).  A framed

@@ -1,11 +1,17 @@
-// Small text helpers of the framed reports: fills, fixed-width fields and
-// raw output of already formatted lines.
+// Small text helpers of the framed reports: fills, fixed-width fields, the
+// frame's lines and raw output of already formatted lines.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
+#include "app/frame.h"
+
 namespace dh {
+
+// Width of every framed line between its two border characters.
+constexpr int kFrameWidth = 77;
 
 inline void Emit(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
@@ -24,6 +30,17 @@ inline std::string FillTo(const std::string& text, int width) { return Blanks(wi
 inline std::string Field(const std::string& text, int width) {
   std::string cut = CText(text).substr(0, static_cast<size_t>(width));
   return cut + FillTo(cut, width);
+}
+
+// A line "V text V" followed by a line end.
+inline void EmitInner(const std::string& text) {
+  const std::string v = FrameText(Frame().vLine);
+  Emit(v + text + v + "\n");
+}
+
+// A frame line: a left character, kFrameWidth fill characters, a right one.
+inline void EmitBorder(uint32_t left, uint32_t fill, uint32_t right) {
+  Emit(FrameText(left) + FrameFill(fill, kFrameWidth) + FrameText(right) + "\n");
 }
 
 }  // namespace dh
