@@ -1,5 +1,7 @@
 #include "app/run_state.h"
 
+#include "app/grammar.h"
+
 namespace dh {
 
 namespace {
@@ -13,6 +15,7 @@ RunState& State() { return g_state; }
 void ResetRun() {
   g_options = RunOptions();
   g_state = RunState();
+  Arguments().Clear();
 }
 
 void AssignValueText(std::string& field, const std::string& text) {

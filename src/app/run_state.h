@@ -120,8 +120,8 @@ struct RunState {
 // The run's records; one of each per process.
 RunOptions& Options();
 RunState& State();
-// Back to the values at program start (used by tests that run several
-// invocations in one process).
+// Back to the values at program start, argument list included (used by
+// tests that run several invocations in one process).
 void ResetRun();
 
 // Stores a code as the run's result unless one is already pending.

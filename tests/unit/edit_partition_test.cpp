@@ -34,7 +34,6 @@ class PartitionEditTest : public ::testing::Test {
  protected:
   PartitionEditTest() : host_(&machine_) {
     ResetRun();
-    Arguments().Clear();
   }
 
   // Drive 0 with a sector 0 whose boot code is a pattern, the given entries

@@ -32,12 +32,8 @@ const std::string& DiskFile() { return Options().diskFileName; }
 
 class GrammarTest : public ::testing::Test {
  protected:
-  void SetUp() override { Fresh(); }
-  void TearDown() override { Fresh(); }
-  static void Fresh() {
-    ResetRun();
-    Arguments().Clear();
-  }
+  void SetUp() override { ResetRun(); }
+  void TearDown() override { ResetRun(); }
 
   // As the program does with its command line: list first, then parse.
   void Parse(const std::vector<std::string>& args) {
@@ -47,7 +43,7 @@ class GrammarTest : public ::testing::Test {
 
   // Parses one argument on a fresh run.
   void ParseOnly(const std::string& arg) {
-    Fresh();
+    ResetRun();
     Parse({arg});
   }
 
@@ -155,7 +151,7 @@ TEST_F(GrammarTest, SingleArgumentsSetTheirFields) {
   ParseOnly("/te");
   EXPECT_EQ(Frame().hLine, 0x2Du);
   EXPECT_EQ(Frame().topLeft, 0x20u);
-  Fresh();
+  ResetRun();
   EXPECT_EQ(ParseRepairKind(), -1);
 }
 
@@ -171,7 +167,7 @@ TEST_F(GrammarTest, RefusedArgumentsAreInvalidSwitches) {
   }
   // An unknown area word of save= and restore= replaces a pending code...
   for (const char* arg : {"/save=boot", "/restore=range"}) {
-    Fresh();
+    ResetRun();
     State().resultCode = kNotElevated;
     Parse({arg});
     EXPECT_EQ(State().resultCode, kInvalidSwitch) << arg;
@@ -179,7 +175,7 @@ TEST_F(GrammarTest, RefusedArgumentsAreInvalidSwitches) {
     EXPECT_EQ(State().badArgument, arg);
   }
   // ...but a pending code stays when the value is missing.
-  Fresh();
+  ResetRun();
   State().resultCode = kNotElevated;
   Parse({"/save="});
   EXPECT_EQ(State().resultCode, kNotElevated);
@@ -193,7 +189,7 @@ TEST_F(GrammarTest, InvalidParametersAndTheFirstCode) {
   EXPECT_EQ(Options().command, kCmdWipe);
   ExpectInvalidParameter("/wipe=foo");
   // The first code stays, and with it the argument its message names.
-  Fresh();
+  ResetRun();
   Parse({"/wipe=vbr", "/status=x", "/bogus"});
   EXPECT_EQ(State().badArgument, "/wipe=vbr");
   EXPECT_EQ(State().resultCode, kInvalidParameter);
@@ -206,7 +202,7 @@ TEST_F(GrammarTest, ArgumentsReadTogether) {
   EXPECT_EQ(Options().command, kCmdList);
   ExpectAccepted("flags");
 
-  Fresh();
+  ResetRun();
   Parse({"/source=12", "/target=-3", "/msg=3", "/shutdown=2", "/status=254", "/range=10-20", "/size=100",
          "/signature=Read", "/volumeid=Read"});
   EXPECT_EQ(Options().rangeFirst, 12);
@@ -223,7 +219,7 @@ TEST_F(GrammarTest, ArgumentsReadTogether) {
   for (const std::vector<std::string>& line :
        {std::vector<std::string>{"/type=7", "/create=1"}, std::vector<std::string>{"/create=1", "/type=xyz"},
         std::vector<std::string>{"/type=7", "-CREATE"}}) {
-    Fresh();
+    ResetRun();
     Parse(line);
     EXPECT_EQ(Options().command, kCmdCreate) << line[0];
     EXPECT_EQ(Options().typeValue, -2) << line[0];
@@ -275,7 +271,7 @@ TEST_F(GrammarTest, HugeArgumentsAreCutOrSaturatedNeverOverflowed) {
   ParseOnly(longValue);
   EXPECT_EQ(Options().valueText2.size(), kValueTextSize - 1);
 
-  Fresh();
+  ResetRun();
   for (const std::string& a : {longValue, name + "=x", name}) Arguments().Add(a);
   const auto& e = Arguments().entries;
   ASSERT_EQ(e.size(), 3u);
@@ -344,14 +340,14 @@ TEST_F(OptionFileTest, TokensActLikeArguments) {
   EXPECT_TRUE(Options().silent);
   EXPECT_EQ(State().resultCode, kSuccess);
 
-  Fresh();
+  ResetRun();
   EXPECT_TRUE(ReadWith("/list /bogus\n"));
   EXPECT_TRUE(State().usageError);
   EXPECT_EQ(State().badArgument, "/bogus");
 
   // Tokens join the list one by one, so /create later in the file is not
   // yet known when /type= is parsed.
-  Fresh();
+  ResetRun();
   EXPECT_TRUE(ReadWith("/type=7 /create=1 /type=9\n"));
   EXPECT_EQ(Options().command, kCmdCreate);
   EXPECT_EQ(Options().typeValue, 7);

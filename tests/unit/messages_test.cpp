@@ -17,12 +17,8 @@ namespace {
 
 class MessagesTest : public ::testing::Test {
  protected:
-  void SetUp() override { Fresh(); }
-  void TearDown() override { Fresh(); }
-  static void Fresh() {
-    ResetRun();
-    Arguments().Clear();
-  }
+  void SetUp() override { ResetRun(); }
+  void TearDown() override { ResetRun(); }
 
   static std::string Report(int32_t currentDisk = 0) {
     ::testing::internal::CaptureStdout();
@@ -47,7 +43,7 @@ class MessagesTest : public ::testing::Test {
   };
   static void Check(const std::vector<Case>& cases) {
     for (size_t i = 0; i < cases.size(); ++i) {
-      Fresh();
+      ResetRun();
       EXPECT_EQ(cases[i].run(), cases[i].expected) << "case " << i;
     }
   }

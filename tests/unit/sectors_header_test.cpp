@@ -88,7 +88,6 @@ class BackupHeaderDiskTest : public ::testing::Test {
  protected:
   BackupHeaderDiskTest() : host_(&machine_) {
     ResetRun();
-    Arguments().Clear();
   }
 
   test::FakeMachine machine_;

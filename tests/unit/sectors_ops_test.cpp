@@ -35,7 +35,6 @@ class SectorOpsTest : public ::testing::Test {
  protected:
   SectorOpsTest() : host_(&machine_) {
     ResetRun();
-    Arguments().Clear();
   }
 
   // Drive 0 full of a pattern, with one primary partition so that it loads
