@@ -34,6 +34,14 @@ PartitionRecord* Primary(DiskSet& disks, int32_t n) {
   return disks.partitions ? disks.partitions->Get(n, kKindPrimary) : nullptr;
 }
 
+// The n-th primary for an edit of one partition; a number that names none
+// records 512.
+PartitionRecord* SelectedPrimary(DiskSet& disks, int32_t n) {
+  PartitionRecord* record = Primary(disks, n);
+  if (!record) disks.RecordError(kInvalidPartitionSelected);
+  return record;
+}
+
 // Every write sorts the records by start, which renumbers the primaries.
 // Loops over all primaries therefore walk the records as they stood before
 // the first write: each partition is edited exactly once, whatever order
@@ -135,11 +143,8 @@ ResultCode WriteSector0Image(DiskSet& disks) {
 }
 
 ResultCode SetPartitionHidden(DiskSet& disks, int32_t n, bool hide) {
-  PartitionRecord* record = Primary(disks, n);
-  if (!record) {
-    disks.RecordError(kInvalidPartitionSelected);
-    return disks.firstError;
-  }
+  PartitionRecord* record = SelectedPrimary(disks, n);
+  if (!record) return disks.firstError;
   return HideRecord(disks, *record, hide);
 }
 
@@ -151,11 +156,8 @@ ResultCode SetAllPartitionsHidden(DiskSet& disks, bool hide) {
 }
 
 ResultCode SetPartitionActive(DiskSet& disks, int32_t n, bool activate) {
-  PartitionRecord* record = Primary(disks, n);
-  if (!record) {
-    disks.RecordError(kInvalidPartitionSelected);
-    return disks.firstError;
-  }
+  PartitionRecord* record = SelectedPrimary(disks, n);
+  if (!record) return disks.firstError;
   return ActivateRecord(disks, *record, activate);
 }
 
@@ -165,11 +167,8 @@ ResultCode DeactivateAllPartitions(DiskSet& disks) {
 }
 
 ResultCode ChangePartitionType(DiskSet& disks, int32_t n, uint8_t type) {
-  PartitionRecord* record = Primary(disks, n);
-  if (!record) {
-    disks.RecordError(kInvalidPartitionSelected);
-    return disks.firstError;
-  }
+  PartitionRecord* record = SelectedPrimary(disks, n);
+  if (!record) return disks.firstError;
   // Any byte is stored, 00 and EE included: the user names the type.
   StoreType(*record, type);
   WritePartitionTable(disks, false);
