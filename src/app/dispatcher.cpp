@@ -12,7 +12,6 @@
 #include "app/run_state.h"
 #include "disk/disk_set.h"
 #include "edit/edit_commands.h"
-#include "gpt/gpt_table.h"
 #include "mbr/partition.h"
 #include "mbr/volume.h"
 #include "report/listing.h"
@@ -26,11 +25,6 @@ namespace {
 // error stream and change nothing.
 void NotAvailable(const char* name) {
   std::fprintf(stderr, "diskhold: %s is not available in this build; nothing was changed\n", name);
-}
-
-int32_t PartitionCheckCount(DiskSet& disks) {
-  if (disks.isGpt) return disks.gpt ? disks.gpt->EntryCount() : 0;
-  return PartitionCount(disks, kKindAll);
 }
 
 bool AcceptsAnyPartition(int32_t command) {
@@ -201,7 +195,8 @@ void DispatchCommand(DiskSet& disks) {
       if (o.partNumber == kAllPartitions) {
         if (!AcceptsAllPartitions(o.command)) SetResultIfNone(kInvalidPartition);
       } else {
-        int32_t count = PartitionCheckCount(disks);
+        // On a GPT disk this counts its entries.
+        int32_t count = PartitionCount(disks, kKindAll);
         bool inRange = o.partNumber >= 1 && o.partNumber <= count;
         if (!inRange && !AcceptsAnyPartition(o.command)) SetResultIfNone(kInvalidPartition);
       }

@@ -12,7 +12,6 @@
 #include "app/run_state.h"
 #include "app/shutdown.h"
 #include "disk/disk_set.h"
-#include "gpt/gpt_table.h"
 #include "mbr/partition.h"
 #include "platform/platform.h"
 
@@ -87,8 +86,7 @@ int32_t ExitValue(DiskSet* disks) {
       return disks->diskCount;
     case kCmdPartCount:
       if (!disks) return s.resultCode;
-      if (disks->isGpt) return disks->gpt ? disks->gpt->EntryCount() : 0;
-      return PartitionCount(*disks, kKindPrimary);
+      return PartitionCount(*disks, kKindPrimary);  // GPT entries on a GPT disk
     default:
       return s.resultCode;
   }

@@ -104,9 +104,9 @@ void DiskSet::LoadDisk(bool readSector0) {
     partitions = std::move(table);
     partitions->Load();
     activeIndex = -1;
-    for (int32_t n = 1; n <= PartitionCount(*this, kKindAll); ++n) {
-      PartitionRecord* r = GetPartition(*this, n, kKindAll);
-      if (r && r->active) activeIndex = n;
+    const std::vector<PartitionRecord*> all = Partitions(*this, kKindAll);
+    for (size_t i = 0; i < all.size(); ++i) {
+      if (all[i]->active) activeIndex = static_cast<int32_t>(i + 1);
     }
   }
   if (!skipVolumeInfo) LoadVolumeInfo();
@@ -157,10 +157,7 @@ void DiskSet::LoadSector0() {
 }
 
 void DiskSet::LoadVolumeInfo() {
-  int32_t count = PartitionCount(*this, kKindAll);
-  for (int32_t n = 1; n <= count; ++n) {
-    PartitionRecord* r = GetPartition(*this, n, kKindAll);
-    if (!r) continue;
+  for (PartitionRecord* r : Partitions(*this, kKindAll)) {
     if (isVirtual) {
       r->volumeLabel = "<Virtual>";
     } else {
@@ -185,10 +182,10 @@ bool LocateVolume(int32_t mode, const std::string& text, bool ignoreErrors) {
   bool haveSystemDrive = mode == 1 && platform::Host().GetEnv("systemdrive", &systemDrive) && !systemDrive.empty();
   for (int32_t d = 0; d < scan.diskCount && !found; ++d) {
     scan.SelectDisk(d);
-    int32_t count = PartitionCount(scan, kKindPrimary);
-    for (int32_t n = 1; n <= count && !found; ++n) {
-      PartitionRecord* r = GetPartition(scan, n, kKindPrimary);
-      if (!r) continue;
+    const std::vector<PartitionRecord*> primaries = Partitions(scan, kKindPrimary);
+    for (size_t i = 0; i < primaries.size() && !found; ++i) {
+      const PartitionRecord* r = primaries[i];
+      const int32_t n = static_cast<int32_t>(i + 1);
       bool match = false;
       switch (mode) {
         case 1:

@@ -47,12 +47,7 @@ PartitionRecord* SelectedPrimary(DiskSet& disks, int32_t n) {
 // the first write: each partition is edited exactly once, whatever order
 // the slots had.
 std::vector<PartitionRecord*> PrimarySnapshot(DiskSet& disks) {
-  std::vector<PartitionRecord*> out;
-  int32_t count = PrimaryCount(disks);
-  for (int32_t i = 1; i <= count; ++i) {
-    if (PartitionRecord* r = Primary(disks, i)) out.push_back(r);
-  }
-  return out;
+  return disks.partitions ? disks.partitions->Records(kKindPrimary) : std::vector<PartitionRecord*>();
 }
 
 void StoreType(PartitionRecord& record, uint32_t type) {

@@ -3,6 +3,7 @@
 // in-memory sort by start sector.
 #include "mbr/partition.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "disk/device.h"
@@ -221,6 +222,16 @@ PartitionRecord* PartitionTable::Get(int32_t n, int32_t kind) {
   return nullptr;
 }
 
+std::vector<PartitionRecord*> PartitionTable::Records(int32_t kind) {
+  std::vector<PartitionRecord*> out;
+  const size_t count = static_cast<size_t>(std::max<int32_t>(Count(kind), 0));
+  for (auto& record : records) {
+    if (out.size() >= count) break;
+    if (MatchesKind(*record, kind)) out.push_back(record.get());
+  }
+  return out;
+}
+
 void PartitionTable::SortByStart() {
   sorted = 1;
   // A plain selection sort, comparing position i with every later one and
@@ -275,6 +286,17 @@ PartitionRecord* GetPartition(DiskSet& disks, int32_t n, int32_t kind) {
   if (disks.isGpt) return disks.gpt ? disks.gpt->Entry(n) : nullptr;
   if (!disks.partitions) return nullptr;
   return disks.partitions->Get(n, kind);
+}
+
+std::vector<PartitionRecord*> Partitions(DiskSet& disks, int32_t kind) {
+  std::vector<PartitionRecord*> out;
+  if (disks.isGpt) {
+    if (!disks.gpt) return out;
+    for (int32_t n = 1; n <= disks.gpt->EntryCount(); ++n) out.push_back(disks.gpt->Entry(n));
+    return out;
+  }
+  if (kind < kKindPrimary || kind > kKindAll || !disks.partitions) return out;
+  return disks.partitions->Records(kind);
 }
 
 }  // namespace dh

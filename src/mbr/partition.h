@@ -103,6 +103,9 @@ class PartitionTable {
   void ReadExtendedChain(uint64_t extendedStart);
   int32_t Count(int32_t kind) const;
   PartitionRecord* Get(int32_t n, int32_t kind);
+  // The records Get(1..Count(kind), kind) returns, in that order, collected
+  // in one pass (Get walks the table from its start each time).
+  std::vector<PartitionRecord*> Records(int32_t kind);
   void SortByStart();
 
   int32_t sorted = 0;
@@ -133,5 +136,7 @@ bool QueryDriveLayout(DeviceHandle& device, DriveLayoutResult* out);
 // Count and lookup for the current disk, MBR or GPT.
 int32_t PartitionCount(DiskSet& disks, int32_t kind);
 PartitionRecord* GetPartition(DiskSet& disks, int32_t n, int32_t kind);
+// The records GetPartition(1..PartitionCount(kind), kind) returns, in order.
+std::vector<PartitionRecord*> Partitions(DiskSet& disks, int32_t kind);
 
 }  // namespace dh

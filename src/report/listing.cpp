@@ -53,27 +53,13 @@ void EmitFreeSpaceRow(uint64_t start, uint64_t sectors) {
             FormatGroupedCount(static_cast<uint32_t>(sectors), 15) + "               ");
 }
 
-// The records that the table's lookups by kind reach, in table order: the
-// first Count(kind) primaries or logical partitions.  Collected once so that
-// long extended chains list in linear time.
-std::vector<const PartitionRecord*> RecordsOfKind(const PartitionTable* table, int32_t kind) {
-  std::vector<const PartitionRecord*> out;
-  if (table == nullptr) return out;
-  const int32_t count = table->Count(kind);
-  const bool wantPrimary = kind == kKindPrimary;
-  for (const auto& record : table->records) {
-    if (static_cast<int32_t>(out.size()) >= count) break;
-    if (record && (record->isPrimary != 0) == wantPrimary) out.push_back(record.get());
-  }
-  return out;
-}
-
 bool IsExtendedListType(int32_t type) { return type == 0x05 || type == 0x0F || type == 0x15 || type == 0x1F; }
 
 void PrintMbrRows(DiskSet& disks) {
   const RunOptions& options = Options();
-  const std::vector<const PartitionRecord*> primaries = RecordsOfKind(disks.partitions.get(), kKindPrimary);
-  const std::vector<const PartitionRecord*> logicals = RecordsOfKind(disks.partitions.get(), kKindLogical);
+  // Collected once, so that long extended chains list in linear time.
+  const std::vector<PartitionRecord*> primaries = Partitions(disks, kKindPrimary);
+  const std::vector<PartitionRecord*> logicals = Partitions(disks, kKindLogical);
   const size_t count = primaries.size();
   for (size_t i = 0; i < count; ++i) {
     const PartitionRecord& record = *primaries[i];
@@ -177,7 +163,7 @@ void PrintMbrDiskDetails(DiskSet& disks) {
             Hex2(disks.savedSignature[3]) + Hex2(disks.savedSignature[2]) + Hex2(disks.savedSignature[1]) +
             Hex2(disks.savedSignature[0]) + Blanks(17));
 
-  const std::vector<const PartitionRecord*> primaries = RecordsOfKind(disks.partitions.get(), kKindPrimary);
+  const std::vector<PartitionRecord*> primaries = Partitions(disks, kKindPrimary);
   std::string order;
   for (const PartitionRecord* record : primaries) order += std::to_string(record->slot + 1) + " ";
   EmitInner("   Partitions:  " + std::to_string(primaries.size()) + Blanks(16) + "Partition Order: " + order +
