@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/text.h"
+
 namespace dh {
 
 // Widths of the ArgumentList fields, in characters.  Longer arguments are
@@ -74,16 +76,5 @@ int32_t ParseRepairKind();
 // token as an argument.  Reports whether at least one token was read.
 bool ReadOptionFile(const std::string& programPath);
 
-// Number readings of values: optional blanks and sign, then the leading
-// digits; no digits give 0.  Results beyond the type's range saturate.
-int64_t ReadDecimal64(std::string_view text);
-int32_t ReadDecimal(std::string_view text);
-// The leading hexadecimal digits (after optional blanks, sign and "0x"),
-// saturating like ReadDecimal.  False, and *value untouched, when there is
-// no hexadecimal digit at all.
-bool ReadHexadecimal(std::string_view text, int32_t* value);
-
-// ASCII comparison ignoring letter case (no locale: arguments are bytes).
-bool EqualsIgnoreCase(std::string_view a, std::string_view b);
 
 }  // namespace dh

@@ -11,13 +11,12 @@
 #include "app/messages.h"
 #include "app/run_state.h"
 #include "app/shutdown.h"
+#include "base/version.h"
 #include "disk/disk_set.h"
 #include "mbr/partition.h"
 #include "platform/platform.h"
 
 namespace dh {
-
-const char* const kMakerNotice = "Partition table and boot record utility - (c) 2026 The Diskhold developers";
 
 namespace {
 
@@ -121,7 +120,7 @@ int32_t RunDiskhold(int argc, char** argv) {
   }
 
   if (!o.silent) {
-    std::printf("\n%s for %s\n", " Diskhold - Version 3.0.83", "Windows");
+    std::printf("\n%s for %s\n", kProgramTitle, kPlatformName);
     std::printf("  %s\n", kMakerNotice);
   }
 

@@ -5,9 +5,6 @@
 
 namespace dh {
 
-// The maker's notice printed under the banner.
-extern const char* const kMakerNotice;
-
 // Runs the program with main's arguments on the current Host() machine and
 // returns the exit value.
 int32_t RunDiskhold(int argc, char** argv);

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "app/result_codes.h"
+#include "base/result_codes.h"
 
 namespace dh {
 

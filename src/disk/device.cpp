@@ -6,7 +6,7 @@
 #include <cstdio>
 
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 
 namespace dh {
 

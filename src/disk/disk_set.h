@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "app/result_codes.h"
+#include "base/result_codes.h"
 #include "disk/device.h"
 #include "mbr/partition.h"
 

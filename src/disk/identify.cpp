@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "platform/platform.h"
 #include "vdisk/vmdk.h"
 

@@ -10,7 +10,7 @@
 #include "app/grammar.h"
 #include "app/run_state.h"
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "edit/partition_edit.h"
 #include "edit/partition_sort.h"
 #include "mbr/partition.h"
@@ -37,7 +37,7 @@ PartitionRecord* Primary(DiskSet& disks, int32_t n) {
   return disks.partitions ? disks.partitions->Get(n, kKindPrimary) : nullptr;
 }
 
-bool StartsWithDigit(const std::string& text) { return !text.empty() && text[0] >= '0' && text[0] <= '9'; }
+
 
 // Whether [start, start + size) shares a sector with a primary partition.
 bool OverlapsPartition(DiskSet& disks, uint64_t start, uint64_t size) {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "gpt/gpt_table.h"
 #include "mbr/partition.h"
 

@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-#include "app/result_codes.h"
+#include "base/result_codes.h"
 
 namespace dh {
 

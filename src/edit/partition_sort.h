@@ -2,7 +2,7 @@
 // the disk, and the sort command that rewrites the primary entries so.
 #pragma once
 
-#include "app/result_codes.h"
+#include "base/result_codes.h"
 
 namespace dh {
 

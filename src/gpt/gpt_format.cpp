@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "disk/le.h"
+#include "base/le.h"
 
 namespace dh {
 

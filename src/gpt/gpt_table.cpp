@@ -15,7 +15,7 @@
 
 #include "disk/device.h"
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "gpt/gpt_types.h"
 #include "mbr/volume.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "app/result_codes.h"
+#include "base/result_codes.h"
 #include "gpt/gpt_format.h"
 #include "mbr/partition.h"
 

@@ -8,7 +8,7 @@
 
 #include "disk/device.h"
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "gpt/gpt_table.h"
 #include "mbr/type_table.h"
 #include "platform/platform.h"

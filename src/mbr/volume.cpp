@@ -8,7 +8,7 @@
 
 #include "disk/device.h"
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "platform/platform.h"
 
 namespace dh {

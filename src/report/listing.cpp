@@ -16,7 +16,7 @@
 #include "app/run_state.h"
 #include "disk/disk_set.h"
 #include "disk/identify.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "gpt/gpt_table.h"
 #include "mbr/partition.h"
 #include "platform/platform.h"

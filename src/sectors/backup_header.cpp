@@ -6,7 +6,7 @@
 #include "disk/device.h"
 #include "disk/disk_set.h"
 #include "disk/identify.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "mbr/partition.h"
 #include "platform/platform.h"
 #include "sectors/sector_io.h"

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <vector>
 
-#include "app/program.h"
+#include "base/version.h"
 #include "disk/device.h"
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "platform/platform.h"
 #include "sectors/backup_header.h"
 #include "sectors/sector_io.h"
@@ -35,7 +35,7 @@ class SaveProgress {
     platform::Machine& host = Host();
     host.ClearScreen();
     host.SetCursorPosition(1, 2);
-    std::printf("\n%s for %s        %s\n", " Diskhold - Version 3.0.83", "Windows", "  Mar 15, 2011");
+    std::printf("\n%s for %s        %s\n", kProgramTitle, kPlatformName, kReleaseDate);
     std::printf("  %s\n", kMakerNotice);
     host.SetCursorPosition(2, kProgressRow);
     std::printf("%s", kSavingText);

@@ -11,7 +11,7 @@
 #include "app/run_state.h"
 #include "disk/device.h"
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "gpt/gpt_table.h"
 #include "mbr/partition.h"
 #include "mbr/volume.h"
@@ -31,9 +31,6 @@ constexpr uint64_t kHiddenSector = 9;
 // Heading texts put the file name on a line of its own from this length on.
 constexpr size_t kShortFileName = 31;
 
-bool StartsWithDigit(const std::string& text) {
-  return !text.empty() && std::isdigit(static_cast<unsigned char>(text[0])) != 0;
-}
 
 // The value of the last "/keyword=value" argument: the one the parser kept.
 // The value fields of RunOptions are shared by many keywords, so a later

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "app/result_codes.h"
-#include "disk/le.h"
+#include "base/result_codes.h"
+#include "base/le.h"
 
 namespace dh {
 

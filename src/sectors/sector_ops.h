@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "app/result_codes.h"
+#include "base/result_codes.h"
 
 namespace dh {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "app/result_codes.h"
+#include "base/result_codes.h"
 
 namespace dh {
 

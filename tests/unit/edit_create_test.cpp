@@ -10,7 +10,7 @@
 #include "app/grammar.h"
 #include "app/run_state.h"
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "edit/edit_commands.h"
 #include "edit/partition_create.h"
 #include "fake_machine.h"

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "disk/le.h"
+#include "base/le.h"
 #include "gpt_test_image.h"
 
 namespace dh {

@@ -9,7 +9,7 @@
 #include <tuple>
 
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "fake_machine.h"
 #include "gpt_test_image.h"
 #include "mbr/partition.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "disk/le.h"
+#include "base/le.h"
 #include "fake_machine.h"
 
 namespace dh::test {

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "fake_machine.h"
 #include "gpt/gpt_table.h"
 

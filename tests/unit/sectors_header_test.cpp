@@ -10,7 +10,7 @@
 #include "app/grammar.h"
 #include "app/run_state.h"
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "fake_machine.h"
 #include "gpt_test_image.h"
 #include "mbr/partition.h"

@@ -13,7 +13,7 @@
 #include "app/grammar.h"
 #include "app/run_state.h"
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "fake_machine.h"
 #include "sectors/backup_header.h"
 #include "sectors/save_restore.h"

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "disk/disk_set.h"
-#include "disk/le.h"
+#include "base/le.h"
 #include "fake_machine.h"
 
 namespace dh {

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "disk/le.h"
+#include "base/le.h"
 #include "platform/common/number_format.h"
 #include "platform/common/system_messages.h"
 #include "platform/sim/sim_drive.h"
