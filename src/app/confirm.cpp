@@ -4,7 +4,9 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "app/command_table.h"
 #include "app/run_state.h"
+#include "base/sink.h"
 #include "disk/disk_set.h"
 #include "platform/platform.h"
 
@@ -15,17 +17,6 @@ namespace {
 // The question lives in a 128-character text; a longer one (a long type=
 // value) is cut rather than overflowing.
 constexpr size_t kQuestionSize = 128;
-
-std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
-std::string Format(const char* format, ...) {
-  char buffer[kValueTextSize + 256];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(buffer, sizeof buffer, format, args);
-  va_end(args);
-  return buffer;
-}
 
 const char* const kPage1[] = {
     "List        Lists disk and partition details",
@@ -70,83 +61,35 @@ const char* const kPage2[] = {
 
 }  // namespace
 
-std::string ConfirmActionText(const DiskSet& disks) {
-  const RunOptions& o = Options();
-  const int disk = disks.currentDisk;
-  const int part = o.partNumber;
-  const bool activate = o.command == kCmdActive;
-  const bool hide = o.command == kCmdHide;
-  switch (o.command) {
-    case kCmdRepair:
-      if (o.rangeFirst == 1 || o.rangeFirst == 2) {
-        return Format("create a Windows %s MBR on disk %d", o.rangeFirst == 1 ? "XP" : "Win7", disk);
-      }
-      return "";
-    case kCmdRestore:
-      switch (o.areaKind) {
-        case kAreaGpt: return "restore the GPT";
-        case kAreaTrack0: return "restore track 0";
-        case kAreaMbr: return "restore the MBR";
-        default: return "restore the specified sector";
-      }
-    case kCmdWipe:
-      switch (o.areaKind) {
-        case kAreaMbr: return "wipe the MBR";
-        case kAreaTrack0: return "wipe the track 0";
-        case kAreaDisk: return "wipe the entire disk";
-        case kAreaGpt: return "wipe the GPT Table";
-        case kAreaRange: return "wipe the specified range";
-        default: return "";
-      }
-    case kCmdSort:
-      return Format("sort the MBR entries on disk %d", disk);
-    case kCmdActive:
-    case kCmdInactive:
-      if (disks.isVirtual) return Format("set the virtual disk partition %d %sctive", part, activate ? "a" : "ina");
-      if (part < 0) return Format("%sctivate all partitions on disk %d", activate ? "A" : "Dea", disk);
-      return Format("%sctivate partition %d on disk %d", activate ? "A" : "Dea", part, disk);
-    case kCmdHide:
-    case kCmdUnhide:
-      if (disks.isVirtual) return Format("%side virtual disk partition %d", hide ? "h" : "unh", part);
-      if (part < 0) return Format("%side all partitions on disk %d", hide ? "H" : "Unh", disk);
-      return Format("%side partition %d on disk %d", hide ? "H" : "Unh", part, disk);
-    case kCmdDelete:
-      if (part < 0) return Format("delete all partitions on disk %d", disk);
-      return Format("delete partition %d on disk %d", part, disk);
-    case kCmdType:
-      return Format("change the type of disk %d:Part %d to %s", disk, part, o.valueText.c_str());
-    case kCmdCopy:
-      return "copy the selected sectors";
-    case kCmdStatusWrite:
-      return "write a new status flag";
-    default:
-      return "";
-  }
+std::string ConfirmActionText(const RunOptions& options, const DiskSet& disks) {
+  const CommandSpec* spec = FindCommand(options.command);
+  if (spec == nullptr || spec->question == nullptr) return "";
+  return spec->question(options, disks);
 }
 
-bool ConfirmCommand(const DiskSet& disks) {
-  std::string action = ConfirmActionText(disks);
+bool ConfirmCommand(const RunOptions& options, const DiskSet& disks, Sink& out) {
+  std::string action = ConfirmActionText(options, disks);
   if (action.empty()) return true;
   std::string question = "Preparing to " + action + ", are you sure? (Y/N): ";
   if (question.size() > kQuestionSize - 1) question.resize(kQuestionSize - 1);
-  std::printf("\n %s", question.c_str());
+  out.Write("\n " + question);
   std::fflush(stdout);
   int key = platform::Host().ReadKey();
   // At the end of input there is no key to echo; it answers no.
-  if (key >= 0) std::printf("%c", key);
+  if (key >= 0) out.Printf("%c", key);
   bool yes = key >= 0 && std::tolower(key) == 'y';
-  std::printf("\n\n");
+  out.Write("\n\n");
   return yes;
 }
 
-void PrintUsage() {
-  std::printf(" \n Usage: Diskhold %ccommand[=x or #] [/filename=y] [/sector=z]", '/');
-  for (const char* line : kPage1) std::printf("\n %c%s", '/', line);
-  std::printf("\n\nPress any key for remaining options...");
+void PrintUsage(Sink& out) {
+  out.Printf(" \n Usage: Diskhold %ccommand[=x or #] [/filename=y] [/sector=z]", '/');
+  for (const char* line : kPage1) out.Printf("\n %c%s", '/', line);
+  out.Write("\n\nPress any key for remaining options...");
   std::fflush(stdout);
   platform::Host().ReadKey();
-  for (const char* line : kPage2) std::printf("\n %c%s", '/', line);
-  std::printf("\n \nAll funtions return 0 on success, > 0 on error\n");
+  for (const char* line : kPage2) out.Printf("\n %c%s", '/', line);
+  out.Write("\n \nAll funtions return 0 on success, > 0 on error\n");
 }
 
 }  // namespace dh

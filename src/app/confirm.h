@@ -4,16 +4,19 @@
 
 #include <string>
 
+#include "app/run_state.h"
+
 namespace dh {
 
 class DiskSet;
+class Sink;
 
-// The action text of the question for the current command; empty when the
-// command asks nothing.
-std::string ConfirmActionText(const DiskSet& disks);
+// The action text of the question for the current command (from its row);
+// empty when the command asks nothing.
+std::string ConfirmActionText(const RunOptions& options, const DiskSet& disks);
 // Asks the question; true to go on.  Commands without a question go on at
 // once without reading a key.
-bool ConfirmCommand(const DiskSet& disks);
-void PrintUsage();
+bool ConfirmCommand(const RunOptions& options, const DiskSet& disks, Sink& out);
+void PrintUsage(Sink& out);
 
 }  // namespace dh

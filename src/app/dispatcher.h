@@ -1,11 +1,11 @@
 // Runs the one command of a run: defaults, disk selection, the partition
-// checks, confirmation, then the command's operation.
+// checks, confirmation, then the handler of the command's row.
 #pragma once
 
 namespace dh {
 
-class DiskSet;
+struct CommandContext;
 
-void DispatchCommand(DiskSet& disks);
+void DispatchCommand(CommandContext& context);
 
 }  // namespace dh

@@ -1,9 +1,11 @@
 #include "app/grammar.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <initializer_list>
 
-#include "app/frame.h"
+#include "app/command_table.h"
 #include "app/run_state.h"
 
 namespace dh {
@@ -16,25 +18,6 @@ bool IsPrefixChar(char c) { return c == '/' || c == '-'; }
 // Separators of option-file tokens: blanks, tabs and line ends.
 bool IsTokenSeparator(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-// The message of a code names the argument that caused it, so badArgument
-// follows the first-error rule together with resultCode: with several bad
-// arguments the first one is reported.
-void InvalidSwitch(const std::string& argument) {
-  State().usageError = true;
-  if (State().resultCode == kSuccess) {
-    State().resultCode = kInvalidSwitch;
-    State().badArgument = argument;
-  }
-}
-
-// An invalid parameter does not stop the parsing as a usage error does; the
-// pending code alone keeps the command from running.
-void InvalidParameter(const std::string& argument) {
-  if (State().resultCode == kSuccess) {
-    State().resultCode = kInvalidParameter;
-    State().badArgument = argument;
-  }
-}
 
 enum class MatchResult { None, Matched, EmptyValue };
 
@@ -70,29 +53,6 @@ MatchResult Match(MatchMode mode, std::string_view keyword, std::string_view arg
     }
   }
   return MatchResult::None;
-}
-
-struct AreaWord {
-  const char* word;
-  int32_t area;
-};
-
-bool AreaFromWord(std::string_view value, std::initializer_list<AreaWord> words, int32_t* area) {
-  for (const AreaWord& w : words) {
-    if (EqualsIgnoreCase(value, w.word)) {
-      *area = w.area;
-      return true;
-    }
-  }
-  return false;
-}
-
-// save= and restore= store 105 over a pending code: an unknown area word
-// must never be mistaken for some other failure.
-void InvalidArea(const std::string& argument) {
-  State().usageError = true;
-  State().badArgument = argument;
-  State().resultCode = kInvalidSwitch;
 }
 
 void ApplyDisk(const std::string&, const std::string& value) {
@@ -154,65 +114,6 @@ void ApplyVol(const std::string& argument, const std::string& value) {
   }
 }
 
-void ApplySave(const std::string& argument, const std::string& value) {
-  Options().command = kCmdSave;
-  if (!AreaFromWord(value,
-                    {{"track0", kAreaTrack0},
-                     {"mbr", kAreaMbr},
-                     {"gpt", kAreaGpt},
-                     {"disk", kAreaDisk},
-                     {"vbr", kAreaVbr},
-                     {"range", kAreaRange}},
-                    &Options().areaKind)) {
-    InvalidArea(argument);
-  }
-}
-
-void ApplyRestore(const std::string& argument, const std::string& value) {
-  Options().command = kCmdRestore;
-  if (AreaFromWord(
-          value,
-          {{"track0", kAreaTrack0}, {"mbr", kAreaMbr}, {"gpt", kAreaGpt}, {"disk", kAreaDisk}, {"vbr", kAreaVbr}},
-          &Options().areaKind)) {
-    return;
-  }
-  if (StartsWithDigit(value)) {
-    Options().areaKind = kAreaRange;
-  } else {
-    InvalidArea(argument);
-  }
-}
-
-void ApplyWipe(const std::string& argument, const std::string& value) {
-  Options().command = kCmdWipe;
-  if (!AreaFromWord(
-          value,
-          {{"track0", kAreaTrack0}, {"mbr", kAreaMbr}, {"gpt", kAreaGpt}, {"disk", kAreaDisk}, {"range", kAreaRange}},
-          &Options().areaKind)) {
-    InvalidParameter(argument);
-  }
-}
-
-void ApplyType(const std::string& argument, const std::string& value) {
-  // Partition creation reads "/type" itself; the type command is not meant.
-  if (FindArgument("/create")) return;
-  RunOptions& o = Options();
-  o.command = kCmdType;
-  if (!value.empty() && value.back() == 'd') {
-    o.typeValue = ReadDecimal(value);
-  } else if (!ReadHexadecimal(value, &o.typeValue)) {
-    // Without a single hexadecimal digit there is no type byte to store;
-    // typeValue keeps -2 and the pending 117 keeps the type change from
-    // running, naming the argument.
-    InvalidParameter(argument);
-  }
-}
-
-void ApplyStatusWrite(const std::string& argument, const std::string& value) {
-  Options().command = kCmdStatusWrite;
-  if (!StartsWithDigit(value)) InvalidParameter(argument);
-}
-
 // Keywords whose whole effect is one field set to one value.
 template <auto Field, auto Value>
 void Set(const std::string&, const std::string&) {
@@ -226,85 +127,69 @@ void Accept(const std::string&, const std::string&) {}
 using ApplyFn = void (*)(const std::string& argument, const std::string& value);
 
 struct Keyword {
+  int order;  // its place among all keywords, commands included
   const char* keyword;
   MatchMode mode;
   std::string RunOptions::*destination;  // value mode: the text field that takes the value
-  ApplyFn apply;
+  ApplyFn apply;                          // null: selects `command`
+  int32_t command;
 };
 
-// Tried in this order; the first match wins, which is what makes /s mean
-// sort and /c mean compare.
-const Keyword kKeywords[] = {
-    {"list", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdList>},
-    {"tablist", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdTabList>},
-    {"freespace", MatchMode::Fixed, nullptr, Set<&RunOptions::showFreeSpace, true>},
-    {"extended", MatchMode::Fixed, nullptr, Set<&RunOptions::showLogical, true>},
-    {"logical", MatchMode::Fixed, nullptr, Set<&RunOptions::showLogical, true>},
-    {"disk=", MatchMode::Fixed, nullptr, ApplyDisk},
-    {"part=", MatchMode::Fixed, nullptr, ApplyPart},
-    {"option=", MatchMode::Fixed, nullptr, ApplyOption},
-    {"sector=", MatchMode::Fixed, nullptr, ApplySector},
-    {"vol=", MatchMode::Fixed, nullptr, ApplyVol},
-    {"Filename=", MatchMode::Fixed, nullptr,
-     [](const std::string&, const std::string& value) { AssignValueText(Options().valueText2, value); }},
-    {"repair=", MatchMode::Value, &RunOptions::valueText,
-     [](const std::string&, const std::string&) {
-       Options().command = kCmdRepair;
-       Options().rangeFirst = ParseRepairKind();
-     }},
-    {"FlashMBR", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdFlashMbr>},
-    {"save=", MatchMode::Value, &RunOptions::valueText, ApplySave},
-    {"restore=", MatchMode::Value, &RunOptions::valueText, ApplyRestore},
-    {"show=", MatchMode::Value, &RunOptions::valueText, Set<&RunOptions::command, kCmdShow>},
-    {"FILE", MatchMode::Abbreviation, nullptr, Accept},
-    {"wipe=", MatchMode::Value, &RunOptions::valueText, ApplyWipe},
-    {"range=", MatchMode::Value, &RunOptions::valueText, Accept},
-    {"sort", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdSort>},
-    {"issorted", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdIsSorted>},
-    {"result", MatchMode::Abbreviation, nullptr, Set<&RunOptions::showResult, true>},
-    {"hide", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdHide>},
-    {"unhide", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdUnhide>},
-    {"active", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdActive>},
-    {"inactive", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdInactive>},
-    {"type=", MatchMode::Value, &RunOptions::valueText, ApplyType},
-    {"del", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdDelete>},
-    {"compare", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdCompare>},
-    {"copy", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdCopy>},
-    {"source=", MatchMode::Value, &RunOptions::valueText,
-     [](const std::string&, const std::string& value) { Options().rangeFirst = ReadDecimal64(value); }},
-    {"target=", MatchMode::Value, &RunOptions::valueText2,
-     [](const std::string&, const std::string& value) { Options().rangeLast = ReadDecimal64(value); }},
-    {"status", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdStatus>},
-    {"status=", MatchMode::Value, &RunOptions::valueText, ApplyStatusWrite},
-    {"create=", MatchMode::Value, &RunOptions::valueText, Set<&RunOptions::command, kCmdCreate>},
-    {"format", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdFormat>},
-    {"signature=", MatchMode::Value, &RunOptions::valueText, Set<&RunOptions::command, kCmdSignature>},
-    {"volumeid=", MatchMode::Value, &RunOptions::valueText, Set<&RunOptions::command, kCmdVolumeId>},
-    {"value=", MatchMode::Value, &RunOptions::valueText2, Accept},
-    {"align=", MatchMode::Value, &RunOptions::valueText2, Accept},
-    {"start=", MatchMode::Value, &RunOptions::valueText2, Accept},
-    {"size=", MatchMode::Value, &RunOptions::valueText2, Accept},
-    {"bootmenu", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdBootMenu>},
-    {"info", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdInfo>},
-    {"writeini", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdWriteIni>},
-    {"ignore", MatchMode::Abbreviation, nullptr, Set<&RunOptions::ignoreErrors, true>},
-    {"msg=", MatchMode::Value, &RunOptions::valueText3,
-     [](const std::string&, const std::string& value) { Options().messageNumber = ReadDecimal(value); }},
-    {"confirm", MatchMode::Abbreviation, nullptr, Set<&RunOptions::confirmed, true>},
-    {"debug", MatchMode::Abbreviation, nullptr, Accept},
-    {"text", MatchMode::Abbreviation, nullptr, [](const std::string&, const std::string&) { SelectFrameChars(3); }},
-    {"isfixed", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdIsFixed>},
-    {"diskcount", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdDiskCount>},
-    {"partcount", MatchMode::Abbreviation, nullptr, Set<&RunOptions::command, kCmdPartCount>},
-    {"silent", MatchMode::Abbreviation, nullptr, Set<&RunOptions::silent, true>},
-    {"nohdr", MatchMode::Abbreviation, nullptr, Set<&RunOptions::noHeader, true>},
-    {"asciimap", MatchMode::Abbreviation, nullptr, Set<&RunOptions::asciiMap, true>},
-    {"shutdown=", MatchMode::Value, &RunOptions::valueText3,
-     [](const std::string&, const std::string& value) { Options().shutdownMode = ReadDecimal(value); }},
-    {"?", MatchMode::Abbreviation, nullptr, Set<&RunOptions::helpRequested, true>},
+// The keywords that select no command; the commands' own keywords come
+// from the command table.  Each carries its place in the one order in
+// which keywords are tried.
+const Keyword kOptionKeywords[] = {
+    {3, "freespace", MatchMode::Fixed, nullptr, Set<&RunOptions::showFreeSpace, true>, 0},
+    {4, "extended", MatchMode::Fixed, nullptr, Set<&RunOptions::showLogical, true>, 0},
+    {5, "logical", MatchMode::Fixed, nullptr, Set<&RunOptions::showLogical, true>, 0},
+    {6, "disk=", MatchMode::Fixed, nullptr, ApplyDisk, 0},
+    {7, "part=", MatchMode::Fixed, nullptr, ApplyPart, 0},
+    {8, "option=", MatchMode::Fixed, nullptr, ApplyOption, 0},
+    {9, "sector=", MatchMode::Fixed, nullptr, ApplySector, 0},
+    {10, "vol=", MatchMode::Fixed, nullptr, ApplyVol, 0},
+    {11, "Filename=", MatchMode::Fixed, nullptr,
+     [](const std::string&, const std::string& value) { AssignValueText(Options().valueText2, value); }, 0},
+    {17, "FILE", MatchMode::Abbreviation, nullptr, Accept, 0},
+    {19, "range=", MatchMode::Value, &RunOptions::valueText, Accept, 0},
+    {22, "result", MatchMode::Abbreviation, nullptr, Set<&RunOptions::showResult, true>, 0},
+    {31, "source=", MatchMode::Value, &RunOptions::valueText,
+     [](const std::string&, const std::string& value) { Options().rangeFirst = ReadDecimal64(value); }, 0},
+    {32, "target=", MatchMode::Value, &RunOptions::valueText2,
+     [](const std::string&, const std::string& value) { Options().rangeLast = ReadDecimal64(value); }, 0},
+    {39, "value=", MatchMode::Value, &RunOptions::valueText2, Accept, 0},
+    {40, "align=", MatchMode::Value, &RunOptions::valueText2, Accept, 0},
+    {41, "start=", MatchMode::Value, &RunOptions::valueText2, Accept, 0},
+    {42, "size=", MatchMode::Value, &RunOptions::valueText2, Accept, 0},
+    {46, "ignore", MatchMode::Abbreviation, nullptr, Set<&RunOptions::ignoreErrors, true>, 0},
+    {47, "msg=", MatchMode::Value, &RunOptions::valueText3,
+     [](const std::string&, const std::string& value) { Options().messageNumber = ReadDecimal(value); }, 0},
+    {48, "confirm", MatchMode::Abbreviation, nullptr, Set<&RunOptions::confirmed, true>, 0},
+    {49, "debug", MatchMode::Abbreviation, nullptr, Accept, 0},
+    {50, "text", MatchMode::Abbreviation, nullptr, Set<&RunOptions::textFrame, true>, 0},
+    {54, "silent", MatchMode::Abbreviation, nullptr, Set<&RunOptions::silent, true>, 0},
+    {55, "nohdr", MatchMode::Abbreviation, nullptr, Set<&RunOptions::noHeader, true>, 0},
+    {56, "asciimap", MatchMode::Abbreviation, nullptr, Set<&RunOptions::asciiMap, true>, 0},
+    {57, "shutdown=", MatchMode::Value, &RunOptions::valueText3,
+     [](const std::string&, const std::string& value) { Options().shutdownMode = ReadDecimal(value); }, 0},
+    {58, "?", MatchMode::Abbreviation, nullptr, Set<&RunOptions::helpRequested, true>, 0},
 };
 
-static_assert(sizeof(kKeywords) / sizeof(kKeywords[0]) == 58, "the keyword table has 58 entries");
+// Every keyword in the order they are tried: the option keywords and the
+// commands' keywords merged by their places.
+const std::vector<Keyword>& AllKeywords() {
+  static const std::vector<Keyword> all = [] {
+    std::vector<Keyword> list(std::begin(kOptionKeywords), std::end(kOptionKeywords));
+    size_t count = 0;
+    const CommandSpec* rows = CommandRows(&count);
+    for (size_t i = 0; i < count; ++i) {
+      const CommandSpec& c = rows[i];
+      list.push_back({c.keywordOrder, c.keyword, c.mode, c.valueField, c.parse, c.id});
+    }
+    std::stable_sort(list.begin(), list.end(), [](const Keyword& a, const Keyword& b) { return a.order < b.order; });
+    return list;
+  }();
+  return all;
+}
 
 // The value of create= is never used, so "/create" alone (nothing after the
 // name) is accepted as the creation command instead of being refused for its
@@ -315,6 +200,44 @@ bool IsBareCreate(const std::string& argument) {
 }
 
 }  // namespace
+
+// The message of a code names the argument that caused it, so badArgument
+// follows the first-error rule together with resultCode: with several bad
+// arguments the first one is reported.
+void InvalidSwitch(const std::string& argument) {
+  State().usageError = true;
+  if (State().resultCode == kSuccess) {
+    State().resultCode = kInvalidSwitch;
+    State().badArgument = argument;
+  }
+}
+
+// An invalid parameter does not stop the parsing as a usage error does; the
+// pending code alone keeps the command from running.
+void InvalidParameter(const std::string& argument) {
+  if (State().resultCode == kSuccess) {
+    State().resultCode = kInvalidParameter;
+    State().badArgument = argument;
+  }
+}
+
+// save= and restore= store 105 over a pending code: an unknown area word
+// must never be mistaken for some other failure.
+void InvalidArea(const std::string& argument) {
+  State().usageError = true;
+  State().badArgument = argument;
+  State().resultCode = kInvalidSwitch;
+}
+
+bool AreaFromWord(std::string_view value, std::initializer_list<AreaWord> words, int32_t* area) {
+  for (const AreaWord& w : words) {
+    if (EqualsIgnoreCase(value, w.word)) {
+      *area = w.area;
+      return true;
+    }
+  }
+  return false;
+}
 
 // ---- ArgumentList ---------------------------------------------------------
 
@@ -381,7 +304,7 @@ bool MatchKeyword(MatchMode mode, std::string_view keyword, const std::string& a
 }
 
 void ParseArgument(const std::string& argument) {
-  for (const Keyword& k : kKeywords) {
+  for (const Keyword& k : AllKeywords()) {
     std::string value;
     MatchResult result = Match(k.mode, k.keyword, argument, &value);
     if (result == MatchResult::None) continue;
@@ -392,7 +315,11 @@ void ParseArgument(const std::string& argument) {
       InvalidSwitch(argument);
       return;
     }
-    k.apply(argument, value);
+    if (k.apply != nullptr) {
+      k.apply(argument, value);
+    } else {
+      Options().command = k.command;
+    }
     return;
   }
   InvalidSwitch(argument);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -67,6 +68,24 @@ bool MatchKeyword(MatchMode mode, std::string_view keyword, const std::string& a
 // Applies the first keyword of the table that matches the argument to
 // Options(); an argument that matches none is an invalid switch (105).
 void ParseArgument(const std::string& argument);
+
+// What a bad argument leaves in the run state.  An invalid switch (105) is a
+// usage error; the first bad argument is the one reported.
+void InvalidSwitch(const std::string& argument);
+// An invalid parameter (117) does not stop the parsing; the pending code
+// alone keeps the command from running.
+void InvalidParameter(const std::string& argument);
+// An area word save= or restore= does not know: 105 over any pending code.
+void InvalidArea(const std::string& argument);
+
+// The area words of save=, restore=, wipe= and option=.
+struct AreaWord {
+  const char* word;
+  int32_t area;
+};
+// Sets *area from the first word `value` equals (ignoring case); false
+// when it equals none.
+bool AreaFromWord(std::string_view value, std::initializer_list<AreaWord> words, int32_t* area);
 
 // The repair kind named by Options().valueText: -1 empty, 1 XP, 2 Win7,
 // 3 PartitionTable (or pt); anything else its decimal number.

@@ -2,8 +2,10 @@
 
 #include <cstdio>
 
+#include "app/command_table.h"
 #include "app/grammar.h"
 #include "app/run_state.h"
+#include "base/sink.h"
 #include "platform/platform.h"
 
 namespace dh {
@@ -138,17 +140,6 @@ const CodeText kCodeTexts[] = {
     {572, "Unable to add partition, the four partition limit has been reached."},
 };
 
-const char* AreaName(int32_t areaKind) {
-  switch (areaKind) {
-    case kAreaVbr: return "volume boot record";
-    case kAreaGpt: return "GPT";
-    case kAreaDisk: return "disk";
-    case kAreaTrack0: return "track 0";
-    case kAreaMbr: return "MBR";
-    default: return "specified sector range";
-  }
-}
-
 void WriteText(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
 // A failure line with its "%d" (the code) and "%s" (the argument) filled in.
@@ -182,40 +173,9 @@ void PrintSuccessLine(const char* text) {
 void PrintSuccess() {
   const RunOptions& o = Options();
   const RunState& s = State();
-  switch (o.command) {
-    case kCmdSave:
-      std::printf(" The %s was successfully saved to %s\n", AreaName(o.areaKind), o.valueText2.c_str());
-      return;
-    case kCmdRestore:
-      std::printf(" The %s was successfully restored from %s\n", AreaName(o.areaKind), o.valueText2.c_str());
-      return;
-    case kCmdCompare: std::fputs(" The specified items compared successfully\n", stdout); return;
-    case kCmdIsSorted: std::printf(" Partition entries are %ssorted \n", s.sortedFlag != 0 ? "" : "not "); return;
-    case kCmdStatus: std::printf(" Status read successfully as %d  \n", static_cast<int>(s.statusByte)); return;
-    case kStepSignatureRead: {
-      const uint8_t* b = s.signatureBytes;
-      if (o.silent) {
-        std::printf("%-2.2X%-2.2X%-2.2X%-2.2X", unsigned{b[0]}, unsigned{b[1]}, unsigned{b[2]}, unsigned{b[3]});
-      } else {
-        std::printf(" Disk %d signature: 0x%-2.2X%-2.2X%-2.2X%-2.2X  \n", static_cast<int>(o.diskNumber),
-                    unsigned{b[0]}, unsigned{b[1]}, unsigned{b[2]}, unsigned{b[3]});
-      }
-      return;
-    }
-    case kStepVolumeIdRead:
-      if (o.silent) {
-        WriteText(s.volumeIdText);
-      } else {
-        std::printf(" Disk %d Part %d VolumeID: %s  \n", static_cast<int>(o.diskNumber), static_cast<int>(o.partNumber),
-                    s.volumeIdText.c_str());
-      }
-      return;
-    case kCmdList:
-    case kCmdShow: return;
-    default:
-      if (const char* text = SuccessText(s.completedStep)) PrintSuccessLine(text);
-      return;
-  }
+  const CommandSpec* spec = FindCommand(o.command);
+  if (spec != nullptr && spec->printSuccess != nullptr && spec->printSuccess(o, s, StdOut())) return;
+  if (const char* text = SuccessText(s.completedStep)) PrintSuccessLine(text);
 }
 
 void PrintFailure(int32_t currentDisk) {
@@ -280,33 +240,13 @@ std::string ResultCodeText(ResultCode code, int32_t currentDisk) {
 }
 
 const char* SuccessText(int32_t step) {
-  const RunOptions& o = Options();
-  switch (step) {
-    case kCmdRepair:
-      return o.sectorNumber == 0 ? "MBR successfully repaired" : "Specified sectors successfully restored";
-    case kCmdWipe:
-      if (EqualsIgnoreCase(o.valueText, "mbr")) return "MBR successfully cleared";
-      if (EqualsIgnoreCase(o.valueText, "track0")) return "Track 0 successfully cleared";
-      if (EqualsIgnoreCase(o.valueText, "disk")) return "Disk successfully cleared";
-      return "Specified sectors successfully cleared";
-    case kCmdSort: return "Partition entries successfully sorted";
-    case kCmdActive: return "Partition successfully set as bootable";
-    case kCmdHide: return "Partition(s) successfully hidden";
-    case kCmdInactive: return "Partition successfully set inactive";
-    case kCmdUnhide: return "Partition(s) successfully unhidden";
-    case kCmdDelete: return "Partition successfully deleted";
-    case kStepDeleteAll: return "All Partitions successfully deleted";
-    case kCmdType: return "Partition type successfully changed";
-    case kCmdCopy: return "Sector was successfully copied";
-    case kCmdWriteIni: return "MBR information was successfully written to %s";
-    case kCmdBootMenu: return "\n Partition %s successfully set to active";
-    case kCmdStatusWrite: return "Status written successfully";
-    case kCmdCreate: return "Partition created successfully";
-    case kStepSignatureWrite: return "Disk signature was successfully updated";
-    case kStepSignatureGenerate: return "Disk signature was successfully generated";
-    case kStepSignatureZero: return "Disk signature was successfully Zeroed out";
-    default: return nullptr;
+  size_t count = 0;
+  const CommandSpec* rows = CommandRows(&count);
+  for (size_t i = 0; i < count; ++i) {
+    if (rows[i].successText == nullptr) continue;
+    if (const char* text = rows[i].successText(step, Options())) return text;
   }
+  return nullptr;
 }
 
 void PrintFinalReport(int32_t currentDisk) {

@@ -4,17 +4,21 @@
 #include <memory>
 #include <string>
 
-#include "app/dispatcher.h"
+#include "app/command_table.h"
 #include "app/confirm.h"
-#include "app/frame.h"
+#include "app/dispatcher.h"
 #include "app/grammar.h"
 #include "app/messages.h"
 #include "app/run_state.h"
 #include "app/shutdown.h"
+#include "base/frame.h"
+#include "base/sink.h"
 #include "base/version.h"
 #include "disk/disk_set.h"
+#include "gpt/gpt_table.h"
 #include "mbr/partition.h"
 #include "platform/platform.h"
+#include "vdisk/vmdk.h"
 
 namespace dh {
 
@@ -31,7 +35,7 @@ void CheckElevation() {
   if (host.QueryElevation(&elevated) && !elevated) SetResultIfNone(kNotElevated);
 }
 
-void ResolveSelectors(bool ignoreErrors) {
+void ResolveSelectors(const DiskDrivers& drivers, bool ignoreErrors) {
   RunOptions& o = Options();
   RunState& s = State();
   int32_t mode = 0;
@@ -60,35 +64,29 @@ void ResolveSelectors(bool ignoreErrors) {
     default:
       break;
   }
-  // The system selector reads the "systemdrive" variable itself; an unset
-  // variable finds nothing.
-  if (mode != 0 && !LocateVolume(mode, text, ignoreErrors)) SetResultIfNone(notFound);
+  // An unset "systemdrive" variable finds nothing.
+  if (mode == 1 && !platform::Host().GetEnv("systemdrive", &text)) text.clear();
+  if (mode != 0) {
+    const LocatedVolume found = LocateVolume(drivers, mode, text, ignoreErrors);
+    if (found.found) {
+      s.locatedDisk = found.disk;
+      s.locatedPart = found.part;
+    } else {
+      SetResultIfNone(notFound);
+    }
+  }
   if (s.locatedDisk >= 0 && s.locatedPart > 0) {
     o.diskNumber = s.locatedDisk;
     o.partNumber = s.locatedPart;
   }
 }
 
-int32_t ExitValue(DiskSet* disks) {
+int32_t ExitValue(const DiskSet* disks) {
   const RunOptions& o = Options();
   const RunState& s = State();
-  switch (o.command) {
-    case kCmdStatus:
-      return s.resultCode == kSuccess ? s.statusByte : -s.resultCode;
-    case kCmdIsSorted:
-      return s.sortedFlag == 0 ? 1 : 0;
-    case kCmdIsFixed:
-      if (!disks) return s.resultCode;
-      return disks->mediaType == platform::kMediaRemovable ? 1 : 0;
-    case kCmdDiskCount:
-      if (!disks) return s.resultCode;
-      return disks->diskCount;
-    case kCmdPartCount:
-      if (!disks) return s.resultCode;
-      return PartitionCount(*disks, kKindPrimary);  // GPT entries on a GPT disk
-    default:
-      return s.resultCode;
-  }
+  const CommandSpec* spec = FindCommand(o.command);
+  if (spec != nullptr && spec->exitValue != nullptr) return spec->exitValue(o, s, disks);
+  return s.resultCode;
 }
 
 }  // namespace
@@ -97,12 +95,15 @@ int32_t RunDiskhold(int argc, char** argv) {
   RunOptions& o = Options();
   RunState& s = State();
   platform::Machine& host = platform::Host();
+  // The formats the disk set loads tables and virtual disks with.
+  DiskDrivers drivers;
+  drivers.loadMbr = LoadMbrTable;
+  drivers.loadGpt = LoadGptTable;
+  drivers.openVirtual = OpenVmdk;
 
   CheckElevation();
 
-  uint32_t codePage = host.ConsoleOutputCodePage();
-  SetFrameCodePage(codePage);
-  SelectFrameChars(FrameSetForCodePage(codePage));
+  const uint32_t codePage = host.ConsoleOutputCodePage();
 
   bool run = false;
   if (argc <= 1) {
@@ -119,6 +120,9 @@ int32_t RunDiskhold(int argc, char** argv) {
     run = !s.usageError && o.command != kCmdNone && !o.helpRequested;
   }
 
+  // The frame set follows the console, unless `text` asked for plain text.
+  const FrameChars frame = SelectFrameChars(o.textFrame ? 3 : FrameSetForCodePage(codePage), codePage);
+
   if (!o.silent) {
     std::printf("\n%s for %s\n", kProgramTitle, kPlatformName);
     std::printf("  %s\n", kMakerNotice);
@@ -129,17 +133,18 @@ int32_t RunDiskhold(int argc, char** argv) {
     if (s.usageError) {
       PrintFinalReport(-1);
     } else if (o.shutdownMode == 0) {
-      PrintUsage();
+      PrintUsage(StdOut());
     }
   } else {
-    disks = std::make_unique<DiskSet>(o.ignoreErrors);
+    disks = std::make_unique<DiskSet>(drivers, o.ignoreErrors);
     if (disks->firstError != kSuccess) {
       SetResultIfNone(disks->firstError);
     } else {
       s.completedStep = 0;
     }
-    ResolveSelectors(o.ignoreErrors);
-    DispatchCommand(*disks);
+    ResolveSelectors(drivers, o.ignoreErrors);
+    CommandContext context{o, s, *disks, StdOut(), frame, codePage};
+    DispatchCommand(context);
     if (o.command == kCmdBootMenu && s.resultCode == kSuccess) {
       std::fprintf(stderr, "diskhold: bootmenu is not available in this build; nothing was changed\n");
     }

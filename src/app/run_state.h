@@ -102,6 +102,8 @@ struct RunOptions {
   int32_t messageNumber = 0;
   int32_t shutdownMode = 0;
   bool helpRequested = false;
+  // `text`: the plain-text frame set whatever the console.
+  bool textFrame = false;
 };
 
 struct RunState {

@@ -1,19 +1,21 @@
 // Raw access to drives and files: the DeviceHandle through which every
-// sector transfer of the program goes.
+// sector transfer of the program goes.  It is the sector device of a drive,
+// of an image file, and of any file the platform layer can open.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <string>
 
+#include "disk/sector_device.h"
 #include "platform/platform.h"
 
 namespace dh {
 
-class DeviceHandle {
+class DeviceHandle : public SectorDevice {
  public:
   DeviceHandle() = default;
-  ~DeviceHandle() { Close(); }
+  ~DeviceHandle() override { Close(); }
   DeviceHandle(const DeviceHandle&) = delete;
   DeviceHandle& operator=(const DeviceHandle&) = delete;
   DeviceHandle(DeviceHandle&&) = default;
@@ -25,20 +27,20 @@ class DeviceHandle {
   bool Open(const std::string& path, platform::OpenMode mode);
   // Opens an existing file read-only.
   bool OpenRead(const std::string& path) { return Open(path, platform::OpenMode::ReadExisting); }
+  // Takes a file opened elsewhere (a virtual disk's layout, say).
+  void Attach(std::unique_ptr<platform::File> file, const std::string& name);
   void Close() { file_.reset(); }
 
-  // Positions at lba * 512 and reads `bytes` bytes: one positioning and one
-  // transfer; a short read that is not empty succeeds.
+  // Reads `bytes` bytes at lba x 512; records nothing.  A read that ends
+  // early but delivered something succeeds.
   bool ReadAt(uint64_t lba, void* buffer, uint32_t bytes);
   bool ReadSectors(void* buffer, uint64_t lba, uint32_t count);
-  // Positions at lba * 512 and writes, then flushes.  The whole count must
-  // be written.
-  bool WriteAt(uint64_t lba, const void* buffer, uint32_t bytes);
-  // Reads at the current position (bulk copies position once, then stream).
-  bool Seek(uint64_t byteOffset);
-  bool ReadNext(void* buffer, uint32_t bytes);
-  bool WriteNext(const void* buffer, uint32_t bytes);
-  bool Flush();
+
+  // The sector device: transfers at byte offsets of the file.
+  bool ReadSome(uint64_t offset, void* buffer, uint32_t bytes, uint32_t* done) override;
+  bool WriteSome(uint64_t offset, const void* buffer, uint32_t bytes, uint32_t* done) override;
+  bool Flush() override;
+  bool SizeBytes(uint64_t* bytes) override;
 
   platform::File* file() { return file_.get(); }
 

@@ -1,5 +1,5 @@
 // The disk set: finds the drives, selects and loads one disk at a time
-// (geometry, sector 0, kind, partition model, volume information), and
+// (geometry, sector 0, kind, partition table, volume information), and
 // resolves the symbolic partition selectors.
 #include "disk/disk_set.h"
 
@@ -7,48 +7,51 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/grammar.h"
-#include "app/run_state.h"
+#include "base/le.h"
+#include "base/text.h"
 #include "disk/identify.h"
-#include "gpt/gpt_table.h"
-#include "mbr/partition.h"
-#include "mbr/volume.h"
+#include "disk/volume.h"
 #include "platform/platform.h"
-#include "vdisk/vmdk.h"
 
 namespace dh {
 
 namespace {
 
-// Cleared by every selection; while set, selecting the current index
-// loads it all the same.
-bool g_firstSelection = true;
-
-bool IsDriveLetterType(int32_t type) {
-  switch (type) {
-    case 0x01: case 0x04: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0D: case 0x0E:
-      return true;
-    default:
-      return false;
-  }
+std::string PhysicalDrivePath(int32_t number) {
+  char path[64];
+  std::snprintf(path, sizeof path, "\\\\.\\PhysicalDrive%d", static_cast<int>(number));
+  return path;
 }
 
 }  // namespace
 
-DiskSet::DiskSet(bool ignore) : ignoreErrors(ignore) {
+std::string DriveLetterText(const PartitionRecord& record, bool virtualDisk) {
+  if (virtualDisk) return "NA";
+  if (static_cast<unsigned char>(record.driveLetter) > ' ') return std::string(1, record.driveLetter) + ":";
+  return "  ";
+}
+
+DiskSet::DiskSet(const DiskDrivers& drivers, bool ignore) : ignoreErrors(ignore), drivers_(drivers) {
   CountDisks(*this);
   if (diskCount > 0) SelectDisk(0);
 }
 
 DiskSet::~DiskSet() {
-  partitions.reset();
-  if (savedDevice) {
-    device = std::move(*savedDevice);
-    savedDevice.reset();
-  }
+  table.reset();
   virtualDisk.reset();
   device.Close();
-  gpt.reset();
+}
+
+SectorDevice& DiskSet::Device() {
+  if (isVirtual && virtualDisk) return virtualDisk->device;
+  return device;
+}
+
+uint64_t DiskSet::SectorsOnDisk(uint64_t lba, uint64_t count) const {
+  if (totalSectors == 0) return count;
+  if (lba >= totalSectors) return 0;
+  const uint64_t room = totalSectors - lba;
+  return count < room ? count : room;
 }
 
 void DiskSet::SelectDisk(int32_t index) {
@@ -56,21 +59,16 @@ void DiskSet::SelectDisk(int32_t index) {
     RecordError(kInvalidDisk);
     return;
   }
-  if (index == currentDisk && !g_firstSelection) return;
+  if (index == currentDisk && !firstSelection_) return;
   currentDisk = index;
-  if (isVirtual && savedDevice) {
-    device = std::move(*savedDevice);  // the physical handle comes back
-    savedDevice.reset();
-  }
+  // The virtual disk stays allocated; the physical drive is current again.
+  isVirtual = false;
   device.Close();
   deviceName.clear();
-  char path[64];
-  std::snprintf(path, sizeof path, "\\\\.\\PhysicalDrive%d", static_cast<int>(diskTable[index]));
-  devicePath = path;
+  devicePath = PhysicalDrivePath(diskTable[index]);
   if (!OpenDisk(device, diskTable[index])) RecordError(kDiskAccessFailed);
-  isVirtual = false;
   LoadDisk(true);
-  g_firstSelection = false;
+  firstSelection_ = false;
 }
 
 void DiskSet::OpenVirtualDisk(const std::string& path) {
@@ -80,8 +78,15 @@ void DiskSet::OpenVirtualDisk(const std::string& path) {
   }
   isVirtual = true;
   deviceName = path;
-  ResultCode rc = OpenVmdk(*this, path);
-  if (rc != kSuccess) RecordError(rc);
+  virtualDisk = drivers_.openVirtual ? drivers_.openVirtual(path) : nullptr;
+  device.Close();
+  if (virtualDisk && virtualDisk->opened && virtualDisk->errorCode == kSuccess) {
+    LoadDisk(true);
+    return;
+  }
+  // Nothing is loaded: the table of the disk before stays, but no device
+  // reads for it any more.
+  RecordError(virtualDisk ? virtualDisk->errorCode : kVmdkNotVmware);
 }
 
 void DiskSet::LoadDisk(bool readSector0) {
@@ -89,32 +94,34 @@ void DiskSet::LoadDisk(bool readSector0) {
   bootSignatureValid = true;
   isGpt = false;
   if (readSector0) LoadSector0();
-  partitions.reset();
+  table.reset();
   std::memset(savedSignature, 0, sizeof savedSignature);
   if (bootSignatureValid) std::memcpy(savedSignature, sector0 + mbr::kDiskSignatureOffset, 4);
 
   if (sector0[mbr::kSlot0TypeOffset] == mbr::kGptProtectiveType) {
     diskKindText = "GPT";
-    gpt = LoadGpt(*this);
     isGpt = true;
+    if (drivers_.loadGpt) table = drivers_.loadGpt(*this);
     tableLoaded = true;
-    activeIndex = -1;
-  } else {
-    auto table = std::make_unique<PartitionTable>(this);
-    partitions = std::move(table);
-    partitions->Load();
-    activeIndex = -1;
-    const std::vector<PartitionRecord*> all = Partitions(*this, kKindAll);
-    for (size_t i = 0; i < all.size(); ++i) {
-      if (all[i]->active) activeIndex = static_cast<int32_t>(i + 1);
-    }
+  } else if (drivers_.loadMbr) {
+    table = drivers_.loadMbr(*this);
+  }
+  activeIndex = -1;
+  const std::vector<PartitionRecord*> all = Partitions(*this, kKindAll);
+  for (size_t i = 0; i < all.size(); ++i) {
+    if (all[i]->active) activeIndex = static_cast<int32_t>(i + 1);
   }
   if (!skipVolumeInfo) LoadVolumeInfo();
 }
 
 void DiskSet::LoadSector0() {
   if (isVirtual) {
-    LoadVirtualGeometry(*this);
+    const VirtualDisk& v = *virtualDisk;
+    cylinders = static_cast<uint32_t>(v.cylinders);
+    heads = static_cast<uint32_t>(v.heads);
+    sectorsPerTrack = static_cast<uint32_t>(v.sectorsPerTrack);
+    totalSectors = v.totalSectors;
+    totalBytes = v.sizeBytes;
   } else if (QueryGeometry(*this)) {
     mediumPresent = false;
     mediaType = platform::kMediaRemovable;
@@ -123,7 +130,11 @@ void DiskSet::LoadSector0() {
   bootSectorLba = 0;
   superFloppy = 0;
   if (isVirtual) {
-    LoadVirtualSector0(*this);
+    // A virtual disk's sector 0 without 55 AA counts as empty.
+    uint8_t image[kSectorSize] = {};
+    if (ReadFull(Device(), 0, image, kSectorSize) == kSectorSize && image[510] == 0x55 && image[511] == 0xAA) {
+      std::memcpy(sector0, image, kSectorSize);
+    }
   } else {
     ReadSector(*this, 0, sector0);
     if (mediaType == platform::kMediaRemovable) {
@@ -157,7 +168,8 @@ void DiskSet::LoadSector0() {
 }
 
 void DiskSet::LoadVolumeInfo() {
-  for (PartitionRecord* r : Partitions(*this, kKindAll)) {
+  if (!table) return;
+  for (PartitionRecord* r : table->Records(kKindAll)) {
     if (isVirtual) {
       r->volumeLabel = "<Virtual>";
     } else {
@@ -165,7 +177,7 @@ void DiskSet::LoadVolumeInfo() {
     }
     r->driveLetter = ' ';
     r->volumeName.clear();
-    if (IsDriveLetterType(r->type)) {
+    if (table->MayHaveDriveLetter(*r)) {
       DriveLetterMatch found;
       if (FindDriveLetter(*this, r->startLba, &found)) {
         r->driveLetter = found.letter;
@@ -175,25 +187,127 @@ void DiskSet::LoadVolumeInfo() {
   }
 }
 
-bool LocateVolume(int32_t mode, const std::string& text, bool ignoreErrors) {
-  DiskSet scan(ignoreErrors);
-  bool found = false;
-  std::string systemDrive;
-  bool haveSystemDrive = mode == 1 && platform::Host().GetEnv("systemdrive", &systemDrive) && !systemDrive.empty();
-  for (int32_t d = 0; d < scan.diskCount && !found; ++d) {
+ResultCode DiskSet::DeletePartition(int32_t n) {
+  if (!table) return kInvalidPartition;
+  const ResultCode rc = table->Delete(n);
+  if (table->RebuildsFromSector0()) LoadDisk(false);
+  return rc;
+}
+
+ResultCode DiskSet::DeleteAllPartitions() {
+  if (!table) return kSuccess;
+  const ResultCode rc = table->DeleteAll();
+  if (table->RebuildsFromSector0()) LoadDisk(false);
+  return rc;
+}
+
+ResultCode CountDisks(DiskSet& disks) {
+  disks.diskCount = 0;
+  for (int32_t n = 0; n < kMaxDisks; ++n) {
+    DeviceHandle probe;
+    if (probe.Open(PhysicalDrivePath(n), platform::OpenMode::ProbeRead)) {
+      disks.diskTable[disks.diskCount++] = n;
+    }
+  }
+  if (disks.diskCount == 0) {
+    disks.RecordError(kNoDisks);
+    return kNoDisks;
+  }
+  return disks.firstError;
+}
+
+bool OpenDisk(DeviceHandle& handle, int32_t driveNumber) {
+  return handle.Open(PhysicalDrivePath(driveNumber), platform::OpenMode::DiskReadWrite);
+}
+
+bool QueryGeometry(DiskSet& disks) {
+  disks.totalBytes = 0;
+  disks.totalSectors = 0;
+  platform::File* file = disks.device.file();
+  if (!file) return true;
+  bool failed = true;
+  platform::DiskGeometry g;
+  if (file->GetDriveGeometry(&g)) {
+    disks.mediaType = g.mediaType;
+    disks.heads = g.tracksPerCylinder;
+    disks.sectorsPerTrack = g.sectorsPerTrack;
+    disks.cylinders = static_cast<uint32_t>(g.cylinders);
+    uint64_t perCylinder = static_cast<uint64_t>(g.tracksPerCylinder) * g.sectorsPerTrack;
+    disks.totalSectors = static_cast<uint64_t>(g.cylinders) * perCylinder;
+    disks.totalBytes = disks.totalSectors * kSectorSize;
+    failed = false;
+    if (disks.mediaType == platform::kMediaRemovable) {
+      uint64_t start = 0, length = 0;
+      if (file->GetPartitionInfo(&start, &length)) {
+        disks.totalBytes = start + length;
+        disks.totalSectors = disks.totalBytes / kSectorSize;
+      }
+    }
+  }
+  platform::DiskGeometry gx;
+  uint64_t diskSize = 0;
+  if (file->GetDriveGeometryEx(&gx, &diskSize)) {
+    disks.totalBytes = diskSize;
+    disks.totalSectors = diskSize / kSectorSize;
+  }
+  return failed;
+}
+
+ResultCode ReadSector(DiskSet& disks, uint64_t lba, uint8_t* buffer) {
+  bool failed = false;
+  ResultCode rc = kReadFailed;
+  if (lba <= UINT64_MAX / kSectorSize &&
+      ReadFull(disks.Device(), lba * kSectorSize, buffer, kSectorSize, &failed) != 0 && !failed) {
+    rc = kSuccess;
+  }
+  disks.RecordError(rc);
+  return rc;
+}
+
+ResultCode WriteSectors(DiskSet& disks, uint64_t lba, const uint8_t* buffer, uint32_t count) {
+  ResultCode rc = kWriteFailed;
+  // Sectors beyond the end would fail on a drive and grow an image file.
+  if (count <= UINT32_MAX / kSectorSize && disks.SectorsOnDisk(lba, count) == count &&
+      lba <= UINT64_MAX / kSectorSize) {
+    SectorDevice& device = disks.Device();
+    // Written data reaches the medium before the write counts as done.
+    if (WriteFull(device, lba * kSectorSize, buffer, count * kSectorSize) && device.Flush()) rc = kSuccess;
+  }
+  disks.RecordError(rc);
+  return rc;
+}
+
+int32_t PartitionCount(const DiskSet& disks, int32_t kind) {
+  const TableDriver* table = disks.Table();
+  return table ? table->Count(kind) : 0;
+}
+
+PartitionRecord* GetPartition(DiskSet& disks, int32_t n, int32_t kind) {
+  TableDriver* table = disks.Table();
+  return table ? table->Get(n, kind) : nullptr;
+}
+
+std::vector<PartitionRecord*> Partitions(DiskSet& disks, int32_t kind) {
+  TableDriver* table = disks.Table();
+  return table ? table->Records(kind) : std::vector<PartitionRecord*>();
+}
+
+LocatedVolume LocateVolume(const DiskDrivers& drivers, int32_t mode, const std::string& text, bool ignoreErrors) {
+  DiskSet scan(drivers, ignoreErrors);
+  LocatedVolume result;
+  for (int32_t d = 0; d < scan.diskCount && !result.found; ++d) {
     scan.SelectDisk(d);
     const std::vector<PartitionRecord*> primaries = Partitions(scan, kKindPrimary);
-    for (size_t i = 0; i < primaries.size() && !found; ++i) {
+    for (size_t i = 0; i < primaries.size() && !result.found; ++i) {
       const PartitionRecord* r = primaries[i];
-      const int32_t n = static_cast<int32_t>(i + 1);
       bool match = false;
       switch (mode) {
         case 1:
-          match = haveSystemDrive && r->driveLetter == systemDrive[0];
+          match = !text.empty() && r->driveLetter == text[0];
           break;
         case 2:
-          // The boot indicator lives in the MBR; GPT entries have none.
-          match = !scan.isGpt && r->rawEntry[mbr::kEntryBoot] == mbr::kActiveFlag;
+          // The boot indicator lives in the MBR entry; GPT records have none.
+          match = r->rawEntry[mbr::kEntryBoot] == mbr::kActiveFlag;
           break;
         case 3:
           match = r->type == 0x12 || r->type == 0xDE;
@@ -209,13 +323,13 @@ bool LocateVolume(int32_t mode, const std::string& text, bool ignoreErrors) {
           break;
       }
       if (match) {
-        State().locatedDisk = d;
-        State().locatedPart = n;
-        found = true;
+        result.found = true;
+        result.disk = d;
+        result.part = static_cast<int32_t>(i + 1);
       }
     }
   }
-  return found;
+  return result;
 }
 
 }  // namespace dh

@@ -1,5 +1,10 @@
 // The disks of one run: the disk table, the first disk error, and the one
-// loaded disk with its geometry, sector 0, kind and partition model.
+// loaded disk with its geometry, sector 0, kind and partition table.
+//
+// Every sector of the current disk goes through ReadSector and WriteSectors
+// (or the current device itself), addressed by the disk's own LBAs: the
+// device of a virtual disk maps them into its files, so nothing above adds
+// an offset of its own.
 #pragma once
 
 #include <cstdint>
@@ -9,20 +14,30 @@
 
 #include "base/result_codes.h"
 #include "disk/device.h"
-#include "mbr/partition.h"
+#include "disk/mbr_layout.h"
+#include "disk/partition_record.h"
+#include "disk/table_driver.h"
+#include "disk/virtual_disk.h"
 
 namespace dh {
 
-class GptTable;
-class VmdkDisk;
-
 constexpr int32_t kMaxDisks = 100;
+
+class DiskSet;
+
+// How the disk set builds the table of a loaded disk and opens virtual disk
+// files: the formats live above the disk layer and are handed in.
+struct DiskDrivers {
+  std::unique_ptr<TableDriver> (*loadMbr)(DiskSet& disks) = nullptr;
+  std::unique_ptr<TableDriver> (*loadGpt)(DiskSet& disks) = nullptr;
+  VirtualDiskOpener openVirtual = nullptr;
+};
 
 class DiskSet {
  public:
   // Counts the drives and loads disk 0 when there is one.  `ignoreErrors`
   // is the run's flag, copied.
-  explicit DiskSet(bool ignoreErrors);
+  DiskSet(const DiskDrivers& drivers, bool ignoreErrors);
   ~DiskSet();
   DiskSet(const DiskSet&) = delete;
   DiskSet& operator=(const DiskSet&) = delete;
@@ -38,19 +53,35 @@ class DiskSet {
     if (code != kSuccess && firstError == kSuccess && !ignoreErrors) firstError = code;
   }
 
+  // The device of the current disk: the physical drive or the virtual disk.
+  SectorDevice& Device();
+  // The physical drive's handle (ioctls); null while a virtual disk is current.
+  DeviceHandle* PhysicalDevice() { return isVirtual ? nullptr : &device; }
+
+  // How many of `count` sectors from `lba` lie on the current disk; all of
+  // them when the disk's size is unknown.
+  uint64_t SectorsOnDisk(uint64_t lba, uint64_t count) const;
+
+  // The loaded table (null before the first load).
+  TableDriver* Table() { return table.get(); }
+  const TableDriver* Table() const { return table.get(); }
+  // Deletes the n-th deletable partition, or all, through the table and
+  // rebuilds the model when the table asks for it.  The table's own code.
+  ResultCode DeletePartition(int32_t n);
+  ResultCode DeleteAllPartitions();
+
+  const DiskDrivers& drivers() const { return drivers_; }
+
   // Run-level fields.
   int32_t currentDisk = -1;
   std::string deviceName;
   int32_t diskCount = 0;
   int32_t diskTable[kMaxDisks] = {};
   std::string devicePath;
-  DeviceHandle device;
-  std::unique_ptr<DeviceHandle> savedDevice;
+  DeviceHandle device;  // the physical drive
   bool ignoreErrors = false;
   ResultCode firstError = kSuccess;
-  std::unique_ptr<GptTable> gpt;
-  std::unique_ptr<VmdkDisk> virtualDisk;
-  std::string messageBuffer;
+  std::unique_ptr<VirtualDisk> virtualDisk;
   std::string diskDescription;
 
   // The loaded disk (DiskRecord).
@@ -64,6 +95,8 @@ class DiskSet {
   bool walkExtended = true;
   bool skipVolumeInfo = false;
   int32_t activeIndex = -1;
+  // Where sector 0 lies on the device: always 0, since every device maps
+  // the disk's own sectors.
   uint64_t bootSectorLba = 0;
   uint8_t sector0[512] = {};
   uint32_t cylinders = 0;
@@ -72,20 +105,43 @@ class DiskSet {
   int32_t mediaType = 0;
   uint64_t totalSectors = 0;
   uint64_t totalBytes = 0;
-  std::unique_ptr<PartitionTable> partitions;
+  std::unique_ptr<TableDriver> table;
   uint8_t savedSignature[4] = {};
+
+ private:
+  DiskDrivers drivers_;
+  // Cleared by the first selection; while set, selecting the current index
+  // loads it all the same.
+  bool firstSelection_ = true;
 };
 
-// Sector operations of the current disk (they record their failures).
+// Sector operations (they record their failures).
 ResultCode CountDisks(DiskSet& disks);
 bool OpenDisk(DeviceHandle& handle, int32_t driveNumber);
 bool QueryGeometry(DiskSet& disks);
+// One sector of the current disk; 0 or 506.
 ResultCode ReadSector(DiskSet& disks, uint64_t lba, uint8_t* buffer);
+// `count` sectors of the current disk, flushed before success; 0 or 505.  A
+// write that does not fit on the disk fails without being tried.
 ResultCode WriteSectors(DiskSet& disks, uint64_t lba, const uint8_t* buffer, uint32_t count);
 
+// Count and lookup for the current disk, MBR or GPT.
+int32_t PartitionCount(const DiskSet& disks, int32_t kind);
+PartitionRecord* GetPartition(DiskSet& disks, int32_t n, int32_t kind);
+// The records GetPartition(1..PartitionCount(kind), kind) returns, in order.
+std::vector<PartitionRecord*> Partitions(DiskSet& disks, int32_t kind);
+
+// What LocateVolume found.
+struct LocatedVolume {
+  bool found = false;
+  int32_t disk = -1;
+  int32_t part = -1;
+};
+
 // Finds the partition a symbolic selector names by scanning every disk with
-// a temporary DiskSet.  Modes: 1 system, 2 boot, 3 utility, 4 volume label,
-// 5 drive letter.  On success sets State().locatedDisk and locatedPart.
-bool LocateVolume(int32_t mode, const std::string& text, bool ignoreErrors);
+// a temporary DiskSet.  Modes: 1 system (`text` is the "systemdrive"
+// value; empty finds nothing), 2 boot, 3 utility, 4 volume label, 5 drive
+// letter.
+LocatedVolume LocateVolume(const DiskDrivers& drivers, int32_t mode, const std::string& text, bool ignoreErrors);
 
 }  // namespace dh

@@ -7,10 +7,9 @@
 #include <numeric>
 #include <string>
 
-#include "app/grammar.h"
-#include "app/run_state.h"
-#include "disk/disk_set.h"
 #include "base/le.h"
+#include "base/text.h"
+#include "disk/disk_set.h"
 #include "edit/partition_edit.h"
 #include "edit/partition_sort.h"
 #include "mbr/partition.h"
@@ -31,10 +30,14 @@ constexpr int64_t kMaxAlignUnits = 524288;
 // an entry.
 constexpr int64_t kMaxSizeUnits = static_cast<int64_t>(kMaxMbrSectors / 2);
 
-int32_t PrimaryCount(DiskSet& disks) { return disks.partitions ? disks.partitions->Count(kKindPrimary) : 0; }
+int32_t PrimaryCount(DiskSet& disks) {
+  PartitionTable* table = MbrTable(disks);
+  return table ? table->Count(kKindPrimary) : 0;
+}
 
 PartitionRecord* Primary(DiskSet& disks, int32_t n) {
-  return disks.partitions ? disks.partitions->Get(n, kKindPrimary) : nullptr;
+  PartitionTable* table = MbrTable(disks);
+  return table ? table->Get(n, kKindPrimary) : nullptr;
 }
 
 
@@ -170,8 +173,9 @@ void BuildNewEntry(uint8_t entry[16], uint32_t start, uint32_t size, uint8_t typ
 }
 
 ResultCode CreatePartition(DiskSet& disks, uint64_t start, uint64_t size, uint8_t type) {
+  PartitionTable* table = MbrTable(disks);
   if (!disks.bootSignatureValid && !disks.ignoreErrors) return kCreateNoMbr;
-  if (!disks.partitions) return kCreateNoMbr;
+  if (!table) return kCreateNoMbr;
   // The volume boot record of a superfloppy has no entries to add to.
   if (disks.superFloppy != 0) return kRemovableNoMbr;
   // A refusal, not a failure of the disk: it is reported even under
@@ -201,26 +205,25 @@ ResultCode CreatePartition(DiskSet& disks, uint64_t start, uint64_t size, uint8_
   record->slot = slot;
   record->primaryNumber = slot + 1;
   record->driveLetter = ' ';
-  disks.partitions->records.push_back(std::move(record));
-  ++disks.partitions->primaryCount;
+  table->records.push_back(std::move(record));
+  ++table->primaryCount;
 
   WritePartitionTable(disks, false);
   return disks.firstError;
 }
 
-ResultCode CreateFromArguments(DiskSet& disks) {
+ResultCode CreateFromRequest(DiskSet& disks, const CreateRequest& request) {
   // The MBR create has no place on a GPT disk: its entries are in the GPT.
-  if (disks.isGpt || !disks.partitions) return kNotGptDisk;
-  if (disks.superFloppy != 0) return kRemovableNoMbr;
+  if (ResultCode refusal = MbrEditRefusal(disks)) return refusal;
   if (PrimaryCount(disks) >= static_cast<int32_t>(mbr::kSlotCount)) return kTableFull;
-  if (!IsSorted(*disks.partitions)) return kMustBeSorted;
+  if (!IsSorted(*MbrTable(disks))) return kMustBeSorted;
 
   // Start.  An explicit start has no size yet; a free area brings its own.
   uint64_t start = 0;
   uint64_t size = 0;
   bool fromFreeSpace = false;
-  bool haveStart = FindArgument("/start");
-  std::string startText = haveStart ? CurrentArgumentValue() : std::string();
+  const bool haveStart = request.haveStart;
+  const std::string& startText = request.start;
   if (haveStart && StartsWithDigit(startText)) {
     start = static_cast<uint64_t>(ReadDecimal64(startText));
     // Sector 0 holds the partition table itself, and a start an entry
@@ -239,8 +242,8 @@ ResultCode CreateFromArguments(DiskSet& disks) {
 
   // Alignment.  The aligned start must still be a free sector: inside the
   // free area that was found, or, for an explicit start, not assigned.
-  if (FindArgument("/align")) {
-    std::string alignText = CurrentArgumentValue();
+  if (request.haveAlign) {
+    const std::string& alignText = request.align;
     if (!StartsWithDigit(alignText)) return kInvalidAlign;
     int64_t units = ReadDecimal64(alignText);
     if (units < 1 || units > kMaxAlignUnits || (units & (units - 1)) != 0) return kInvalidAlign;
@@ -256,8 +259,8 @@ ResultCode CreateFromArguments(DiskSet& disks) {
   }
 
   // Size.
-  bool haveSize = FindArgument("/size");
-  std::string sizeText = haveSize ? CurrentArgumentValue() : std::string();
+  const bool haveSize = request.haveSize;
+  const std::string& sizeText = request.size;
   if (haveSize && StartsWithDigit(sizeText)) {
     int64_t units = ReadDecimal64(sizeText);
     // A partition of no sectors is no partition.
@@ -284,21 +287,20 @@ ResultCode CreateFromArguments(DiskSet& disks) {
   // Type: decimal here.  0 would make the entry an empty slot and an entry
   // holds one byte, so anything outside 1..255 is refused.
   uint8_t type = kDefaultType;
-  if (FindArgument("/type")) {
-    std::string typeText = CurrentArgumentValue();
+  if (request.haveType) {
+    const std::string& typeText = request.type;
     int32_t value = ReadDecimal(typeText);
-    if (!StartsWithDigit(typeText) || value < 1 || value > 255) {
-      State().badArgument = CurrentArgumentText();
-      return kInvalidParameter;
-    }
+    if (!StartsWithDigit(typeText) || value < 1 || value > 255) return kInvalidParameter;
     type = static_cast<uint8_t>(value);
   }
 
   ResultCode result = CreatePartition(disks, start, size, type);
-  if (result == kSuccess && !disks.isVirtual) {
+  if (result == kSuccess) {
     // The system re-reads the layout so that the new partition shows up;
-    // the table is already on disk, so the answer does not matter.
-    if (platform::File* file = disks.device.file()) file->UpdateProperties();
+    // the table is already on disk, so the answer does not matter.  A
+    // virtual disk has no system view to refresh.
+    DeviceHandle* drive = disks.PhysicalDevice();
+    if (platform::File* file = drive ? drive->file() : nullptr) file->UpdateProperties();
   }
   return result;
 }

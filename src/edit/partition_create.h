@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "base/result_codes.h"
 
@@ -52,9 +53,23 @@ void BuildNewEntry(uint8_t entry[16], uint32_t start, uint32_t size, uint8_t typ
 // `ignore` is off; otherwise the DiskSet's first error.
 ResultCode CreatePartition(DiskSet& disks, uint64_t start, uint64_t size, uint8_t type);
 
-// The create= command: start, alignment, size and type from the arguments
-// "/start", "/align", "/size" and "/type", then CreatePartition, then the
-// request to the system to re-read the disk.  Returns the command's result.
-ResultCode CreateFromArguments(DiskSet& disks);
+// The values of "/start", "/align", "/size" and "/type" as typed; an absent
+// argument has `have...` false.
+struct CreateRequest {
+  bool haveStart = false;
+  std::string start;
+  bool haveAlign = false;
+  std::string align;
+  bool haveSize = false;
+  std::string size;
+  bool haveType = false;
+  std::string type;
+};
+
+// The create= command: start, alignment, size and type from the request,
+// then CreatePartition, then the request to the system to re-read the disk.
+// Returns the command's result; 117 for a /type outside 1..255 (the caller
+// names the argument).
+ResultCode CreateFromRequest(DiskSet& disks, const CreateRequest& request);
 
 }  // namespace dh

@@ -5,33 +5,20 @@
 #include <cstring>
 #include <vector>
 
-#include "disk/disk_set.h"
 #include "base/le.h"
-#include "gpt/gpt_table.h"
+#include "disk/disk_set.h"
 #include "mbr/partition.h"
+#include "mbr/type_table.h"
 
 namespace dh {
 
 namespace {
 
 constexpr uint8_t kHiddenBit = 0x10;
-constexpr size_t kTableBytes = mbr::kEntrySize * mbr::kSlotCount;
-
-// A superfloppy's sector 0 is the boot record of its one volume: bytes
-// 446..509 there are the volume's boot code, not partition entries, and the
-// partition the table shows comes from the system's drive layout.  Writing
-// entries into it would break the volume, so every MBR write refuses such a
-// disk (recorded like any other failure of the disk layer).
-bool RefuseSuperFloppy(DiskSet& disks) {
-  if (disks.superFloppy == 0) return false;
-  disks.RecordError(kRemovableNoMbr);
-  return true;
-}
-
-int32_t PrimaryCount(DiskSet& disks) { return disks.partitions ? disks.partitions->Count(kKindPrimary) : 0; }
 
 PartitionRecord* Primary(DiskSet& disks, int32_t n) {
-  return disks.partitions ? disks.partitions->Get(n, kKindPrimary) : nullptr;
+  PartitionTable* table = MbrTable(disks);
+  return table ? table->Get(n, kKindPrimary) : nullptr;
 }
 
 // The n-th primary for an edit of one partition; a number that names none
@@ -47,15 +34,14 @@ PartitionRecord* SelectedPrimary(DiskSet& disks, int32_t n) {
 // the first write: each partition is edited exactly once, whatever order
 // the slots had.
 std::vector<PartitionRecord*> PrimarySnapshot(DiskSet& disks) {
-  return disks.partitions ? disks.partitions->Records(kKindPrimary) : std::vector<PartitionRecord*>();
+  PartitionTable* table = MbrTable(disks);
+  return table ? table->Records(kKindPrimary) : std::vector<PartitionRecord*>();
 }
 
 void StoreType(PartitionRecord& record, uint32_t type) {
   record.type = static_cast<int32_t>(type & 0xFF);
   record.rawEntry[mbr::kEntryType] = static_cast<uint8_t>(type);
 }
-
-uint64_t Sector0Lba(const DiskSet& disks) { return disks.isVirtual ? disks.bootSectorLba : 0; }
 
 ResultCode HideRecord(DiskSet& disks, PartitionRecord& record, bool hide) {
   uint32_t type = static_cast<uint32_t>(record.type) & 0xFF;
@@ -92,49 +78,21 @@ ResultCode ActivateRecord(DiskSet& disks, PartitionRecord& record, bool activate
   return disks.firstError;
 }
 
-// The GPT writer keeps its own first error; a failure of the entry array
-// write must still become the command's result.  A disk-layer error comes
-// first, and under `ignore` failures report 0 as everywhere else.
-ResultCode GptOutcome(DiskSet& disks, ResultCode gptCode) {
+// A table writer (the GPT's) may keep its own first error; a failure of
+// its write must still become the command's result.  A disk-layer error
+// comes first, and under `ignore` failures report 0 as everywhere else.
+ResultCode DeleteOutcome(DiskSet& disks, ResultCode tableCode) {
   if (disks.firstError != kSuccess) return disks.firstError;
   if (disks.ignoreErrors) return kSuccess;
-  return gptCode;
+  return tableCode;
 }
 
 }  // namespace
 
-bool IsHideableType(uint32_t type) {
-  switch (type) {
-    case 0x01: case 0x04: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0D: case 0x0E: case 0x0F:
-      return true;
-    default:
-      return false;
-  }
-}
-
-ResultCode WritePartitionTable(DiskSet& disks, bool sortedLayout) {
-  if (RefuseSuperFloppy(disks)) return kRemovableNoMbr;
-  uint8_t buffer[kSectorSize];
-  std::memcpy(buffer, disks.sector0, sizeof buffer);
-  if (disks.partitions) disks.partitions->SortByStart();
-  std::memset(buffer + mbr::kEntryOffset, 0, kTableBytes);
-  int32_t count = PrimaryCount(disks);
-  for (int32_t i = 1; i <= count; ++i) {
-    PartitionRecord* record = Primary(disks, i);
-    if (!record) continue;
-    int32_t slot = sortedLayout ? i - 1 : record->slot;
-    // Loading and creation never give more than four primaries or a slot
-    // outside 0..3; a record that had one could not be placed anyway.
-    if (slot < 0 || slot >= static_cast<int32_t>(mbr::kSlotCount)) continue;
-    std::memcpy(buffer + mbr::kEntryOffset + mbr::kEntrySize * static_cast<size_t>(slot), record->rawEntry,
-                mbr::kEntrySize);
-  }
-  return WriteSectors(disks, Sector0Lba(disks), buffer, 1);
-}
-
-ResultCode WriteSector0Image(DiskSet& disks) {
-  if (RefuseSuperFloppy(disks)) return kRemovableNoMbr;
-  return WriteSectors(disks, Sector0Lba(disks), disks.sector0, 1);
+ResultCode MbrEditRefusal(DiskSet& disks) {
+  if (MbrTable(disks) == nullptr) return kNotGptDisk;
+  if (disks.superFloppy != 0) return kRemovableNoMbr;
+  return kSuccess;
 }
 
 ResultCode SetPartitionHidden(DiskSet& disks, int32_t n, bool hide) {
@@ -170,37 +128,8 @@ ResultCode ChangePartitionType(DiskSet& disks, int32_t n, uint8_t type) {
   return disks.firstError;
 }
 
-ResultCode DeletePartition(DiskSet& disks, int32_t n) {
-  if (disks.isGpt) return GptOutcome(disks, RemoveGptEntry(disks, n));
-  if (RefuseSuperFloppy(disks)) return disks.firstError;
-  PartitionRecord* record = Primary(disks, n);
-  if (!record || record->slot < 0 || record->slot >= static_cast<int32_t>(mbr::kSlotCount)) {
-    disks.RecordError(kInvalidPartitionSelected);
-    return disks.firstError;
-  }
-  // Only this slot is cleared; the other entries keep their slots.
-  std::memset(disks.sector0 + mbr::kEntryOffset + mbr::kEntrySize * static_cast<size_t>(record->slot), 0,
-              mbr::kEntrySize);
-  WriteSector0Image(disks);
-  // The model is rebuilt from the image, not read back: a logical chain
-  // whose extended entry went is no longer reached (its EBRs stay on disk).
-  disks.LoadDisk(false);
-  return disks.firstError;
-}
+ResultCode DeletePartition(DiskSet& disks, int32_t n) { return DeleteOutcome(disks, disks.DeletePartition(n)); }
 
-ResultCode DeleteAllPartitions(DiskSet& disks) {
-  // The GPT branch rewrites the entry array only; sector 0 and its
-  // protective entry stay, so there is no MBR model to rebuild.
-  if (disks.isGpt) return GptOutcome(disks, ClearGptEntries(disks));
-  if (RefuseSuperFloppy(disks)) return disks.firstError;
-  // A sector 0 without the 55 AA marker (blank, unreadable, or holding
-  // something else) has no partition entries to clear, and its bytes
-  // 446..509 may be anyone's data: nothing is written.
-  if (!disks.mediumPresent || !disks.bootSignatureValid) return disks.firstError;
-  std::memset(disks.sector0 + mbr::kEntryOffset, 0, kTableBytes);
-  WriteSector0Image(disks);
-  disks.LoadDisk(false);
-  return disks.firstError;
-}
+ResultCode DeleteAllPartitions(DiskSet& disks) { return DeleteOutcome(disks, disks.DeleteAllPartitions()); }
 
 }  // namespace dh

@@ -1,6 +1,6 @@
 // Edits of the primary MBR entries of the current disk: hide and unhide,
-// active and inactive, type changes and deletion, and the one routine that
-// rebuilds sector 0 from the primary records and writes it.
+// active and inactive, and type changes.  Each ends in the MBR's one
+// writer of sector 0 (WritePartitionTable).
 //
 // Every operation works on the DiskSet's current disk and returns the
 // DiskSet's first recorded error (0 on success; always 0 under `ignore`).
@@ -17,15 +17,11 @@ namespace dh {
 
 class DiskSet;
 
-// The nine types that hiding knows, and whether a type is one of them.
-bool IsHideableType(uint32_t type);
-
-// Rebuilds sector 0 from the primary records and writes it: in place (each
-// entry in its own slot) or sorted (packed into slots 0.. in start order).
-// Runs the table's SortByStart first.  0 or 505.
-ResultCode WritePartitionTable(DiskSet& disks, bool sortedLayout);
-// Writes the stored sector-0 image as it stands.
-ResultCode WriteSector0Image(DiskSet& disks);
+// Why the MBR edits cannot run on the current disk, or 0: 131 on a disk
+// without an MBR table (a GPT disk), 130 on a superfloppy, whose sector 0
+// is a volume boot record.  Refusals write nothing and are reported even
+// under `ignore`.
+ResultCode MbrEditRefusal(DiskSet& disks);
 
 ResultCode SetPartitionHidden(DiskSet& disks, int32_t n, bool hide);
 ResultCode SetAllPartitionsHidden(DiskSet& disks, bool hide);
@@ -34,9 +30,10 @@ ResultCode DeactivateAllPartitions(DiskSet& disks);
 // Stores the type byte in the n-th primary entry; CHS and LBA fields stay.
 ResultCode ChangePartitionType(DiskSet& disks, int32_t n, uint8_t type);
 
-// MBR: clears the n-th primary entry (or all four) in the stored image,
-// writes it and rebuilds the model from it.  GPT: removes the n-th entry
-// (or all of them) from the entry array.  The caller checks n.
+// `del`: the n-th partition the table deletes by number (MBR primaries,
+// GPT entries), or all of them.  The caller checks n.  The outcome is the
+// disk layer's first error, then the table's own code; under `ignore` a
+// failure reports 0.
 ResultCode DeletePartition(DiskSet& disks, int32_t n);
 ResultCode DeleteAllPartitions(DiskSet& disks);
 

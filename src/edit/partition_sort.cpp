@@ -33,7 +33,8 @@ bool IsSorted(PartitionTable& table) {
 }
 
 ResultCode SortPartitionEntries(DiskSet& disks) {
-  if (!disks.partitions || IsSorted(*disks.partitions)) return kAlreadySorted;
+  PartitionTable* table = MbrTable(disks);
+  if (!table || IsSorted(*table)) return kAlreadySorted;
   WritePartitionTable(disks, true);
   return disks.firstError;
 }

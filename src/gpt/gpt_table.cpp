@@ -13,11 +13,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "disk/device.h"
-#include "disk/disk_set.h"
 #include "base/le.h"
+#include "disk/backup_file.h"
+#include "disk/disk_set.h"
+#include "disk/volume.h"
 #include "gpt/gpt_types.h"
-#include "mbr/volume.h"
 
 namespace dh {
 
@@ -25,31 +25,15 @@ namespace {
 
 constexpr uint32_t kBootSectorBytes = 3 * kSectorSize;  // what file-system detection looks at
 
-// base + lba, false when the sum would leave the byte-addressable range.
-bool AddLba(uint64_t base, uint64_t lba, uint64_t* out) {
-  const uint64_t limit = UINT64_MAX / kSectorSize;
-  if (base > limit || lba > limit - base) return false;
-  *out = base + lba;
-  return true;
+// Reads all `bytes` bytes at `lba`: a short read leaves nothing half-known.
+bool ReadWhole(SectorDevice& device, uint64_t lba, uint8_t* buffer, uint32_t bytes) {
+  if (lba > UINT64_MAX / kSectorSize) return false;
+  bool failed = false;
+  return ReadFull(device, lba * kSectorSize, buffer, bytes, &failed) == bytes && !failed;
 }
 
-// Positions at `lba` and reads until all `bytes` have come: a short read
-// leaves nothing half-known.
-bool ReadWhole(DeviceHandle& device, uint64_t lba, uint8_t* buffer, uint32_t bytes) {
-  if (lba > UINT64_MAX / kSectorSize || !device.Seek(lba * kSectorSize)) return false;
-  uint32_t done = 0;
-  while (done < bytes) {
-    if (!device.ReadNext(buffer + done, bytes - done)) return false;
-    const uint32_t got = device.bytesTransferred;
-    if (got == 0 || got > bytes - done) return false;
-    done += got;
-  }
-  return true;
-}
-
-bool WriteWhole(DeviceHandle& device, uint64_t base, uint64_t lba, const uint8_t* buffer, uint32_t bytes) {
-  uint64_t at = 0;
-  return AddLba(base, lba, &at) && device.WriteAt(at, buffer, bytes);
+bool WriteWhole(SectorDevice& device, uint64_t lba, const uint8_t* buffer, uint32_t bytes) {
+  return lba <= UINT64_MAX / kSectorSize && WriteFull(device, lba * kSectorSize, buffer, bytes);
 }
 
 // The name field: UTF-16LE up to its first NUL, as 8-bit text ('?' for
@@ -74,9 +58,7 @@ bool IsUnusedEntry(const uint8_t* entry) {
 // primary header itself, does not count.
 void CheckBackup(DiskSet& disks, GptTable& table) {
   const uint64_t alternate = table.header.alternateLba;
-  uint64_t lba = 0;
-  table.backupValid = alternate > 1 && AddLba(table.baseLba, alternate, &lba) &&
-                      ReadWhole(disks.device, lba, table.backupHeader, kSectorSize) &&
+  table.backupValid = alternate > 1 && ReadWhole(disks.Device(), alternate, table.backupHeader, kSectorSize) &&
                       std::memcmp(table.backupHeader + gpt::kSignature, "EFI PART", gpt::kSignatureSize) == 0;
   if (!table.backupValid) table.RecordError(kGptBackupInvalid);
 }
@@ -113,9 +95,9 @@ void BuildRecord(DiskSet& disks, GptTable& table, uint32_t slot, const std::stri
   // stay zero, so a failed or short read finds nothing rather than bytes of
   // another partition; entries starting beyond the disk are not read.
   uint8_t sectors[kBootSectorBytes] = {};
-  uint64_t at = 0;
-  if ((disks.totalSectors == 0 || first < disks.totalSectors) && AddLba(table.baseLba, first, &at) &&
-      disks.device.ReadAt(at, sectors, kBootSectorBytes)) {
+  bool failed = false;
+  if ((disks.totalSectors == 0 || first < disks.totalSectors) && first <= UINT64_MAX / kSectorSize &&
+      ReadFull(disks.Device(), first * kSectorSize, sectors, kBootSectorBytes, &failed) != 0 && !failed) {
     record->type = DetectFileSystem(sectors, sizeof sectors, &details.fileSystemName);
   }
 
@@ -126,9 +108,8 @@ void BuildRecord(DiskSet& disks, GptTable& table, uint32_t slot, const std::stri
 void ReadEntries(DiskSet& disks, GptTable& table) {
   const uint32_t sectors = table.header.arraySectors;
   table.entryArray.assign(static_cast<size_t>(sectors) * kSectorSize, 0);
-  uint64_t lba = 0;
-  if (sectors != 0 && (!AddLba(table.baseLba, table.header.entryArrayLba, &lba) ||
-                       !ReadWhole(disks.device, lba, table.entryArray.data(), sectors * kSectorSize))) {
+  if (sectors != 0 && !ReadWhole(disks.Device(), table.header.entryArrayLba, table.entryArray.data(),
+                                 sectors * kSectorSize)) {
     table.entryArray.clear();
     table.RecordError(kGptFileRead);
     return;
@@ -189,18 +170,43 @@ void RenumberAfterWrite(GptTable& table, const std::vector<int32_t>& newSlot) {
   }
 }
 
-GptTable* TableOf(DiskSet& disks) { return disks.isGpt ? disks.gpt.get() : nullptr; }
-const GptTable* TableOf(const DiskSet& disks) { return disks.isGpt ? disks.gpt.get() : nullptr; }
+GptTable* TableOf(DiskSet& disks) { return GptOf(disks); }
+const GptTable* TableOf(const DiskSet& disks) { return GptOf(disks); }
 
 }  // namespace
 
-std::unique_ptr<GptTable> LoadGpt(DiskSet& disks) {
-  auto table = std::make_unique<GptTable>();
-  table->baseLba = disks.bootSectorLba;
+GptTable* GptOf(DiskSet& disks) { return dynamic_cast<GptTable*>(disks.Table()); }
+const GptTable* GptOf(const DiskSet& disks) { return dynamic_cast<const GptTable*>(disks.Table()); }
+
+std::vector<PartitionRecord*> GptTable::Records(int32_t) {
+  std::vector<PartitionRecord*> out;
+  out.reserve(entries.size());
+  for (auto& record : entries) out.push_back(record.get());
+  return out;
+}
+
+ResultCode GptTable::Delete(int32_t n) { return RemoveGptEntry(*owner_, n); }
+ResultCode GptTable::DeleteAll() { return ClearGptEntries(*owner_); }
+
+bool GptTable::MayHaveDriveLetter(const PartitionRecord& record) const {
+  switch (record.type) {
+    case 0x01: case 0x04: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0D: case 0x0E:
+      return true;
+    default:
+      return false;
+  }
+}
+
+const char* GptTable::BackupStatusText() const {
+  if (isVirtual) return "Virtual";
+  return backupValid ? "Valid" : "Invalid";
+}
+
+std::unique_ptr<TableDriver> LoadGptTable(DiskSet& disks) {
+  auto table = std::make_unique<GptTable>(&disks);
   table->isVirtual = disks.isVirtual;
 
-  uint64_t lba = 0;
-  if (!AddLba(table->baseLba, 1, &lba) || !ReadWhole(disks.device, lba, table->primaryHeader, kSectorSize) ||
+  if (!ReadWhole(disks.Device(), 1, table->primaryHeader, kSectorSize) ||
       ValidateGptHeader(table->primaryHeader, disks.totalSectors, &table->header) != kSuccess) {
     table->header = GptHeaderFacts{};
     table->RecordError(kGptInvalid);
@@ -258,12 +264,12 @@ ResultCode WriteGptEntries(DiskSet& disks) {
   // Primary array before its header, so that a header never describes an
   // array that is not there yet; the backup follows the same order.
   const uint32_t bytes = static_cast<uint32_t>(array.size());
-  DeviceHandle& device = disks.device;
-  bool ok = bytes == 0 || WriteWhole(device, table->baseLba, h.entryArrayLba, array.data(), bytes);
-  ok = ok && WriteWhole(device, table->baseLba, 1, primary, kSectorSize);
+  SectorDevice& device = disks.Device();
+  bool ok = bytes == 0 || WriteWhole(device, h.entryArrayLba, array.data(), bytes);
+  ok = ok && WriteWhole(device, 1, primary, kSectorSize);
   if (ok && writeBackup) {
-    ok = (bytes == 0 || WriteWhole(device, table->baseLba, backupArrayLba, array.data(), bytes)) &&
-         WriteWhole(device, table->baseLba, h.alternateLba, backup, kSectorSize);
+    ok = (bytes == 0 || WriteWhole(device, backupArrayLba, array.data(), bytes)) &&
+         WriteWhole(device, h.alternateLba, backup, kSectorSize);
   }
   ok = ok && device.Flush();
 
@@ -320,12 +326,14 @@ ResultCode RestoreGptImage(DiskSet& disks, const std::string& file) {
   if (!source.OpenRead(file)) return Fail(*table, kGptFileOpen);
   uint8_t header[kSectorSize];
   if (!ReadWhole(source, 0, header, kSectorSize)) return Fail(*table, kGptFileRead);
-  constexpr uint8_t kGptBackupKind = 3;
-  if (header[0] != 'D' || header[1] != 'D' || header[10] != kGptBackupKind) return Fail(*table, kGptBadBackupFile);
+  if (header[backup::kMagicOffset] != 'D' || header[backup::kMagicOffset + 1] != 'D' ||
+      header[backup::kKindOffset] != kBackupGpt) {
+    return Fail(*table, kGptBadBackupFile);
+  }
 
   // A GPT area is at most sector 0, the header and the largest array; a
   // count beyond that is not a GPT save, and would only size an allocation.
-  const uint32_t count = LoadLe32(header + 130);
+  const uint32_t count = LoadLe32(header + backup::kSectorCountOffset);
   if (count > gpt::kMaxAreaSectors) return Fail(*table, kGptBadBackupFile);
   std::vector<uint8_t> data(static_cast<size_t>(count) * kSectorSize);
   if (count != 0 && !ReadWhole(source, 1, data.data(), static_cast<uint32_t>(data.size()))) {
@@ -339,8 +347,7 @@ ResultCode RestoreGptImage(DiskSet& disks, const std::string& file) {
     return Fail(*table, kGptInvalid);
   }
   if (disks.totalSectors != 0 && count > disks.totalSectors) return Fail(*table, kGptSaveFailed);
-  if (!WriteWhole(disks.device, table->baseLba, 0, data.data(), static_cast<uint32_t>(data.size())) ||
-      !disks.device.Flush()) {
+  if (!WriteWhole(disks.Device(), 0, data.data(), static_cast<uint32_t>(data.size())) || !disks.Device().Flush()) {
     return Fail(*table, kGptSaveFailed);
   }
   return kSuccess;
@@ -355,12 +362,12 @@ uint64_t GptSaveSectorCount(const DiskSet& disks) {
   if (!GptHeaderValid(disks)) return 0;
   // Whole sectors: with a count that is not a multiple of 4 the last,
   // partly used sector of the array is saved too.
-  return uint64_t{2} + disks.gpt->header.arraySectors;
+  return uint64_t{2} + GptOf(disks)->header.arraySectors;
 }
 
 uint64_t GptWipeLastSector(const DiskSet& disks) {
   if (!GptHeaderValid(disks)) return 0;
-  const GptTable& table = *disks.gpt;
+  const GptTable& table = *GptOf(disks);
   // The wipe ends before the first partition even when the header claims
   // more, so that a damaged header cannot make it run into data.
   uint64_t limit = disks.totalSectors != 0 ? disks.totalSectors : UINT64_MAX;

@@ -10,8 +10,9 @@
 #include <vector>
 
 #include "base/result_codes.h"
+#include "disk/partition_record.h"
+#include "disk/table_driver.h"
 #include "gpt/gpt_format.h"
-#include "mbr/partition.h"
 
 namespace dh {
 
@@ -29,8 +30,10 @@ struct GptEntryDetails {
   bool attributeHidden = false;
 };
 
-class GptTable {
+class GptTable : public TableDriver {
  public:
+  explicit GptTable(DiskSet* owner) : owner_(owner) {}
+
   // Number of entries of known types, and the n-th of them (1-based).
   int32_t EntryCount() const { return static_cast<int32_t>(entries.size()); }
   PartitionRecord* Entry(int32_t n) {
@@ -42,6 +45,20 @@ class GptTable {
     if (n < 1 || n > static_cast<int32_t>(details.size())) return nullptr;
     return &details[static_cast<size_t>(n - 1)];
   }
+
+  // The table driver: one kind of partition, the entries.
+  int32_t Count(int32_t) const override { return EntryCount(); }
+  PartitionRecord* Get(int32_t n, int32_t) override { return Entry(n); }
+  std::vector<PartitionRecord*> Records(int32_t kind) override;
+  int32_t DeletableCount() const override { return EntryCount(); }
+  ResultCode Delete(int32_t n) override;
+  ResultCode DeleteAll() override;
+  bool RebuildsFromSector0() const override { return false; }
+  // The drive-letter rule of the MBR types, applied to the detected file
+  // system number that a GPT record holds as its type.
+  bool MayHaveDriveLetter(const PartitionRecord& record) const override;
+  // "Virtual" on a virtual disk, "Valid" or "Invalid" by the backup header.
+  const char* BackupStatusText() const;
 
   // The table's first error; later errors do not replace it.
   void RecordError(ResultCode code) {
@@ -61,22 +78,27 @@ class GptTable {
   bool headerValid = false;
   GptHeaderFacts header;
   bool backupValid = false;
-  // Where the disk's sector 0 lies on its device; every GPT LBA is relative
-  // to it (0 for a physical drive).
-  uint64_t baseLba = 0;
   bool isVirtual = false;
   // The whole sectors of the entry array as read, entries of every type
   // included, and which of its slots have been removed since.
   bool arrayLoaded = false;
   std::vector<uint8_t> entryArray;
   std::vector<uint8_t> slotRemoved;
+
+  DiskSet* owner() const { return owner_; }
+
+ private:
+  DiskSet* owner_;
 };
 
-// Builds the GPT of the current disk of `disks` (its device, bootSectorLba,
-// isVirtual and totalSectors).  Always yields a table; failures are in its
+// Builds the GPT of the current disk of `disks` (its device, isVirtual and
+// totalSectors); the disk set's loader.  Always yields a table; failures are in its
 // firstError: 200 for a header that is unreadable or fails the checks, 201
 // for a missing backup header, 203 for an unreadable entry array.
-std::unique_ptr<GptTable> LoadGpt(DiskSet& disks);
+std::unique_ptr<TableDriver> LoadGptTable(DiskSet& disks);
+// The GPT table of the current disk; null on a disk without one.
+GptTable* GptOf(DiskSet& disks);
+const GptTable* GptOf(const DiskSet& disks);
 
 // Writes the entry array of `disks.gpt` back: the array as read with the
 // removed entries taken out and the rest closed up in their order, the

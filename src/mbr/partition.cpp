@@ -6,10 +6,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/le.h"
 #include "disk/device.h"
 #include "disk/disk_set.h"
-#include "base/le.h"
-#include "gpt/gpt_table.h"
 #include "mbr/type_table.h"
 #include "platform/platform.h"
 
@@ -55,17 +54,6 @@ bool MatchesKind(const PartitionRecord& record, int32_t kind) {
 
 }  // namespace
 
-bool IsExtendedType(uint32_t type) { return type == 0x05 || type == 0x0F || type == 0x15 || type == 0x1F; }
-
-bool IsHiddenTypeByRule(uint32_t type) {
-  switch (type) {
-    case 0x11: case 0x14: case 0x16: case 0x17: case 0x1B: case 0x1C: case 0x1D: case 0x1E: case 0x1F:
-      return true;
-    default:
-      return false;
-  }
-}
-
 void DecodeEntry(PartitionRecord& record, uint32_t type, bool active) {
   const uint8_t* e = record.rawEntry;
   if (e[mbr::kEntryType] == 0) return;
@@ -103,7 +91,8 @@ void PartitionTable::Load() {
     // A volume without partition table: the system's drive layout describes
     // the one partition.
     DriveLayoutResult layout;
-    if (!QueryDriveLayout(disk.device, &layout)) return;
+    DeviceHandle* drive = disk.PhysicalDevice();
+    if (drive == nullptr || !QueryDriveLayout(*drive, &layout)) return;
     auto record = std::make_unique<PartitionRecord>();
     record->type = static_cast<int32_t>(layout.type);
     const PartitionTypeInfo* row = LookupPartitionType(layout.type);
@@ -152,12 +141,10 @@ void PartitionTable::ReadExtendedChain(uint64_t extendedStart) {
   int32_t added = 0;
   for (int32_t links = 0; links < kMaxExtendedLinks; ++links) {
     if (!visitedEbrs_.insert(ebrLba).second) return;
-    // EBR LBAs count from the disk's sector 0, which on a virtual disk file
-    // lies at bootSectorLba of the data file.
-    uint64_t deviceLba = disk.bootSectorLba + ebrLba;
-    if (deviceLba < ebrLba) return;
     uint8_t ebr[kSectorSize] = {};
-    if (!disk.device.ReadAt(deviceLba, ebr, kSectorSize)) return;
+    if (ebrLba > UINT64_MAX / kSectorSize) return;
+    bool failed = false;
+    if (ReadFull(disk.Device(), ebrLba * kSectorSize, ebr, kSectorSize, &failed) == 0 || failed) return;
 
     const uint8_t* entry = ebr + mbr::kEntryOffset;
     uint8_t type = entry[mbr::kEntryType];
@@ -276,27 +263,87 @@ bool QueryDriveLayout(DeviceHandle& device, DriveLayoutResult* out) {
   return false;
 }
 
-int32_t PartitionCount(DiskSet& disks, int32_t kind) {
-  if (disks.isGpt) return disks.gpt ? disks.gpt->EntryCount() : 0;
-  if (kind < kKindPrimary || kind > kKindAll || !disks.partitions) return 0;
-  return disks.partitions->Count(kind);
+bool PartitionTable::MayHaveDriveLetter(const PartitionRecord& record) const {
+  return IsDriveLetterType(static_cast<uint32_t>(record.type));
 }
 
-PartitionRecord* GetPartition(DiskSet& disks, int32_t n, int32_t kind) {
-  if (disks.isGpt) return disks.gpt ? disks.gpt->Entry(n) : nullptr;
-  if (!disks.partitions) return nullptr;
-  return disks.partitions->Get(n, kind);
+namespace {
+
+constexpr size_t kTableBytes = mbr::kEntrySize * mbr::kSlotCount;
+
+// A superfloppy's sector 0 is the boot record of its one volume: bytes
+// 446..509 there are the volume's boot code, not partition entries, and the
+// partition the table shows comes from the system's drive layout.  Writing
+// entries into it would break the volume, so every MBR write refuses such a
+// disk (recorded like any other failure of the disk layer).
+bool RefuseSuperFloppy(DiskSet& disks) {
+  if (disks.superFloppy == 0) return false;
+  disks.RecordError(kRemovableNoMbr);
+  return true;
 }
 
-std::vector<PartitionRecord*> Partitions(DiskSet& disks, int32_t kind) {
-  std::vector<PartitionRecord*> out;
-  if (disks.isGpt) {
-    if (!disks.gpt) return out;
-    for (int32_t n = 1; n <= disks.gpt->EntryCount(); ++n) out.push_back(disks.gpt->Entry(n));
-    return out;
+}  // namespace
+
+ResultCode PartitionTable::Delete(int32_t n) {
+  DiskSet& disks = *owner_;
+  if (RefuseSuperFloppy(disks)) return disks.firstError;
+  PartitionRecord* record = Get(n, kKindPrimary);
+  if (!record || record->slot < 0 || record->slot >= static_cast<int32_t>(mbr::kSlotCount)) {
+    disks.RecordError(kInvalidPartitionSelected);
+    return disks.firstError;
   }
-  if (kind < kKindPrimary || kind > kKindAll || !disks.partitions) return out;
-  return disks.partitions->Records(kind);
+  // Only this slot is cleared; the other entries keep their slots.  The
+  // model is then rebuilt from the image, not read back: a logical chain
+  // whose extended entry went is no longer reached (its EBRs stay on disk).
+  std::memset(disks.sector0 + mbr::kEntryOffset + mbr::kEntrySize * static_cast<size_t>(record->slot), 0,
+              mbr::kEntrySize);
+  WriteSector0Image(disks);
+  return disks.firstError;
+}
+
+ResultCode PartitionTable::DeleteAll() {
+  DiskSet& disks = *owner_;
+  if (RefuseSuperFloppy(disks)) return disks.firstError;
+  // A sector 0 without the 55 AA marker (blank, unreadable, or holding
+  // something else) has no partition entries to clear, and its bytes
+  // 446..509 may be anyone's data: nothing is written.
+  if (!disks.mediumPresent || !disks.bootSignatureValid) return disks.firstError;
+  std::memset(disks.sector0 + mbr::kEntryOffset, 0, kTableBytes);
+  WriteSector0Image(disks);
+  return disks.firstError;
+}
+
+std::unique_ptr<TableDriver> LoadMbrTable(DiskSet& disks) {
+  auto table = std::make_unique<PartitionTable>(&disks);
+  table->Load();
+  return table;
+}
+
+PartitionTable* MbrTable(DiskSet& disks) { return dynamic_cast<PartitionTable*>(disks.Table()); }
+
+ResultCode WritePartitionTable(DiskSet& disks, bool sortedLayout) {
+  if (RefuseSuperFloppy(disks)) return kRemovableNoMbr;
+  PartitionTable* table = MbrTable(disks);
+  uint8_t buffer[kSectorSize];
+  std::memcpy(buffer, disks.sector0, sizeof buffer);
+  if (table) table->SortByStart();
+  std::memset(buffer + mbr::kEntryOffset, 0, kTableBytes);
+  const std::vector<PartitionRecord*> primaries =
+      table ? table->Records(kKindPrimary) : std::vector<PartitionRecord*>();
+  for (size_t i = 0; i < primaries.size(); ++i) {
+    const int32_t slot = sortedLayout ? static_cast<int32_t>(i) : primaries[i]->slot;
+    // Loading and creation never give more than four primaries or a slot
+    // outside 0..3; a record that had one could not be placed anyway.
+    if (slot < 0 || slot >= static_cast<int32_t>(mbr::kSlotCount)) continue;
+    std::memcpy(buffer + mbr::kEntryOffset + mbr::kEntrySize * static_cast<size_t>(slot), primaries[i]->rawEntry,
+                mbr::kEntrySize);
+  }
+  return WriteSectors(disks, 0, buffer, 1);
+}
+
+ResultCode WriteSector0Image(DiskSet& disks) {
+  if (RefuseSuperFloppy(disks)) return kRemovableNoMbr;
+  return WriteSectors(disks, 0, disks.sector0, 1);
 }
 
 }  // namespace dh

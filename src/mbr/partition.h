@@ -9,79 +9,16 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/result_codes.h"
+#include "disk/mbr_layout.h"
+#include "disk/partition_record.h"
+#include "disk/table_driver.h"
+
 namespace dh {
 
 class DiskSet;
 class DeviceHandle;
 
-// On-disk MBR / EBR layout.
-namespace mbr {
-constexpr size_t kDiskSignatureOffset = 440;
-constexpr size_t kEntryOffset = 446;  // slot 0; slot i at 446 + 16 * i
-constexpr size_t kEntrySize = 16;
-constexpr size_t kSlotCount = 4;
-constexpr size_t kBootSignatureOffset = 510;
-constexpr size_t kSlot0TypeOffset = 450;
-constexpr size_t kEbrLinkOffset = 462;
-// Fields of a 16-byte entry.
-constexpr size_t kEntryBoot = 0;
-constexpr size_t kEntryStartHead = 1;
-constexpr size_t kEntryStartSector = 2;
-constexpr size_t kEntryStartCylinder = 3;
-constexpr size_t kEntryType = 4;
-constexpr size_t kEntryEndHead = 5;
-constexpr size_t kEntryEndSector = 6;
-constexpr size_t kEntryEndCylinder = 7;
-constexpr size_t kEntryFirstSector = 8;
-constexpr size_t kEntrySectorCount = 12;
-constexpr uint8_t kActiveFlag = 0x80;
-constexpr uint8_t kGptProtectiveType = 0xEE;
-}  // namespace mbr
-
-bool IsExtendedType(uint32_t type);
-// The hidden rule used when decoding an entry.
-bool IsHiddenTypeByRule(uint32_t type);
-
-enum PartitionKind : int32_t {
-  kKindPrimary = 0,
-  kKindLogical = 1,
-  kKindExtended = 2,
-  kKindAll = 3,
-};
-
-struct PartitionRecord {
-  uint64_t startLba = 0;
-  uint64_t sectorCount = 0;
-  uint64_t sizeBytes = 0;
-  int32_t type = 0;
-  std::string volumeName;   // at most 49 characters
-  std::string volumeLabel;  // at most 127 characters
-  char driveLetter = 0;
-  int32_t isPrimary = 0;
-  int32_t active = 0;
-  int32_t hidden = 0;
-  int32_t slot = 0;
-  std::string typeName;  // at most 7 characters
-  uint32_t startCylinder = 0;
-  uint32_t startHead = 0;
-  uint32_t startSector = 0;
-  uint32_t endCylinder = 0;
-  uint32_t endHead = 0;
-  uint32_t endSector = 0;
-  int32_t primaryNumber = 0;
-  int32_t logicalNumber = 0;
-  uint8_t rawEntry[16] = {};
-  uint64_t ebrLba = 0;
-  uint8_t ebrImage[512] = {};
-
-  // Fields of records made from GPT entries.
-  uint8_t gptTypeGuid[16] = {};
-  uint8_t gptUniqueGuid[16] = {};
-  uint64_t gptAttributes = 0;
-  std::string gptName;      // UTF-16 name converted to 8-bit text
-  std::string gptTypeName;  // name from the GPT type table
-  int32_t gptEntryIndex = -1;  // position in the on-disk entry array
-};
 
 // Limit on the records an extended chain may add: the walk also stops at a
 // link that was already visited, so this only bounds hostile but loop-free
@@ -91,7 +28,7 @@ constexpr int32_t kMaxLogicalPartitions = 16384;
 // add no record, so the record limit alone would not bound the reads.
 constexpr int32_t kMaxExtendedLinks = 65536;
 
-class PartitionTable {
+class PartitionTable : public TableDriver {
  public:
   explicit PartitionTable(DiskSet* owner) : owner_(owner) {}
 
@@ -101,12 +38,21 @@ class PartitionTable {
   // at a zero link, a failed read, an EBR this table has already read, or
   // the limits above.
   void ReadExtendedChain(uint64_t extendedStart);
-  int32_t Count(int32_t kind) const;
-  PartitionRecord* Get(int32_t n, int32_t kind);
+  int32_t Count(int32_t kind) const override;
+  PartitionRecord* Get(int32_t n, int32_t kind) override;
   // The records Get(1..Count(kind), kind) returns, in that order, collected
   // in one pass (Get walks the table from its start each time).
-  std::vector<PartitionRecord*> Records(int32_t kind);
+  std::vector<PartitionRecord*> Records(int32_t kind) override;
   void SortByStart();
+
+  // The primary entries are what `del` addresses.  Deleting clears the
+  // entry (or all four) in the sector-0 image and writes the image; the
+  // disk set then rebuilds the model from it.
+  int32_t DeletableCount() const override { return primaryCount; }
+  ResultCode Delete(int32_t n) override;
+  ResultCode DeleteAll() override;
+  bool RebuildsFromSector0() const override { return true; }
+  bool MayHaveDriveLetter(const PartitionRecord& record) const override;
 
   int32_t sorted = 0;
   std::vector<std::unique_ptr<PartitionRecord>> records;
@@ -133,10 +79,19 @@ struct DriveLayoutResult {
 };
 bool QueryDriveLayout(DeviceHandle& device, DriveLayoutResult* out);
 
-// Count and lookup for the current disk, MBR or GPT.
-int32_t PartitionCount(DiskSet& disks, int32_t kind);
-PartitionRecord* GetPartition(DiskSet& disks, int32_t n, int32_t kind);
-// The records GetPartition(1..PartitionCount(kind), kind) returns, in order.
-std::vector<PartitionRecord*> Partitions(DiskSet& disks, int32_t kind);
+// Builds the MBR table of the current disk from its sector-0 image (the
+// disk set's loader).
+std::unique_ptr<TableDriver> LoadMbrTable(DiskSet& disks);
+// The MBR table of the current disk; null on a GPT disk (or before a load).
+PartitionTable* MbrTable(DiskSet& disks);
+
+// Rebuilds sector 0 from the primary records and writes it: in place (each
+// entry in its own slot) or sorted (packed into slots 0.. in start order).
+// Runs the table's SortByStart first.  Bytes 0..445 and 510..511 go back
+// exactly as they stand in the stored image.  The one writer of sector 0:
+// 0, 505, or 130 for a superfloppy, whose sector 0 is a volume boot record.
+ResultCode WritePartitionTable(DiskSet& disks, bool sortedLayout);
+// Writes the stored sector-0 image as it stands.
+ResultCode WriteSector0Image(DiskSet& disks);
 
 }  // namespace dh

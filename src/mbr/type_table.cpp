@@ -131,4 +131,33 @@ std::string PartitionTypeName(uint32_t type) {
   return row ? row->shortName : "UNKNWN";
 }
 
+bool IsExtendedType(uint32_t type) { return type == 0x05 || type == 0x0F || type == 0x15 || type == 0x1F; }
+
+bool IsHiddenTypeByRule(uint32_t type) {
+  switch (type) {
+    case 0x11: case 0x14: case 0x16: case 0x17: case 0x1B: case 0x1C: case 0x1D: case 0x1E: case 0x1F:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool IsHideableType(uint32_t type) {
+  switch (type) {
+    case 0x01: case 0x04: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0D: case 0x0E: case 0x0F:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool IsDriveLetterType(uint32_t type) {
+  switch (type) {
+    case 0x01: case 0x04: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0D: case 0x0E:
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace dh

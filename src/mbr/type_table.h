@@ -17,4 +17,15 @@ const PartitionTypeInfo* LookupPartitionType(uint32_t type);
 // The short name, "UNKNWN" when the type is not in the table.
 std::string PartitionTypeName(uint32_t type);
 
+// The rules by type byte that the model and the edits share.
+// Extended: 05, 0F, 15, 1F start a chain of logical partitions.
+bool IsExtendedType(uint32_t type);
+// Hidden as decoding an entry sees it: 11, 14, 16, 17, 1B, 1C, 1D, 1E, 1F
+// (not the table's hidden column, which serves drive-layout records).
+bool IsHiddenTypeByRule(uint32_t type);
+// The nine visible types that hiding knows (hiding sets bit 0x10).
+bool IsHideableType(uint32_t type);
+// The types whose volumes the system gives drive letters.
+bool IsDriveLetterType(uint32_t type);
+
 }  // namespace dh

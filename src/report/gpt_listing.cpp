@@ -8,11 +8,9 @@
 #include <cstdio>
 #include <string>
 
-#include "app/frame.h"
 #include "disk/disk_set.h"
 #include "gpt/gpt_format.h"
 #include "gpt/gpt_table.h"
-#include "mbr/partition.h"
 #include "report/format.h"
 #include "report/listing.h"
 #include "report/text_fields.h"
@@ -33,12 +31,12 @@ int64_t SizeArgument(uint64_t bytes) { return bytes > INT64_MAX ? INT64_MAX : st
 
 }  // namespace
 
-void PrintGptDetails(DiskSet& disks) {
-  const FrameChars& frame = Frame();
-  const GptTable* table = disks.gpt.get();
+void PrintGptDetails(DiskSet& disks, const GptTable& gpt, FramedWriter& out) {
+  const FrameChars& frame = out.frame();
+  const GptTable* table = &gpt;
   // A header that could not be read, or failed its checks, holds nothing to
   // show: revision 0.0 and a zero GUID stand in for it.
-  const bool valid = table != nullptr && table->headerValid;
+  const bool valid = table->headerValid;
   static const uint8_t kZeroGuid[gpt::kGuidSize] = {};
 
   const std::string size = FormatSizeText(SizeArgument(disks.totalBytes));
@@ -46,58 +44,46 @@ void PrintGptDetails(DiskSet& disks) {
       valid ? std::to_string(table->primaryHeader[gpt::kRevisionMajor]) + "." +
                   std::to_string(table->primaryHeader[gpt::kRevisionMinor])
             : "0.0";
-  EmitInner("   Size:        " + size + FillTo(size, 17) + "GPT Revision:    " + revision + Blanks(24));
+  out.Inner("   Size:        " + size + FillTo(size, 17) + "GPT Revision:    " + revision + Blanks(24));
 
   const std::string sectors = std::to_string(static_cast<int64_t>(disks.totalSectors));
-  std::string backup = "Invalid";
-  if (disks.isVirtual) {
-    backup = "Virtual";
-  } else if (table != nullptr && table->backupValid) {
-    backup = "Valid";
-  }
-  EmitInner("   Sectors:     " + sectors + FillTo(sectors, 13) + "    Backup GPT:      " + backup + FillTo(backup, 27));
+  const std::string backup = table->BackupStatusText();
+  out.Inner("   Sectors:     " + sectors + FillTo(sectors, 13) + "    Backup GPT:      " + backup + FillTo(backup, 27));
 
-  const int32_t count = table != nullptr ? table->EntryCount() : 0;
+  const int32_t count = table->EntryCount();
   const std::string guid = FormatGuidText(valid ? table->primaryHeader + gpt::kDiskGuid : kZeroGuid);
-  EmitInner("   Partitions:  " + std::to_string(count) + Blanks(16) + "GUID:  " + guid + Blanks(1));
+  out.Inner("   Partitions:  " + std::to_string(count) + Blanks(16) + "GUID:  " + guid + Blanks(1));
 
   // The media and description lines are those of the MBR block.
-  PrintMediaAndDescription(disks);
+  PrintMediaAndDescription(disks, out);
 
-  EmitBorder(frame.teeLeft, frame.hLine, frame.teeRight);
-  EmitInner("Pos    GPT Type         FSType   LBA Start   Size Reqd R/O Hide  DL Vol Label");
+  out.Border(frame.teeLeft, frame.hLine, frame.teeRight);
+  out.Inner("Pos    GPT Type         FSType   LBA Start   Size Reqd R/O Hide  DL Vol Label");
 
   // Runs under the columns; Hide is followed by two blanks, as the heading
   // has them before DL.
-  auto run = [&](int length) { return FrameFill(frame.hLine, length); };
-  Emit(FrameText(frame.teeLeft) + run(3) + " " + run(19) + " " + run(6) + " " + run(13) + " " + run(4) + " " +
-       run(4) + " " + run(3) + " " + run(4) + "  " + run(2) + " " + run(9) + FrameText(frame.teeRight) + "\n");
+  auto run = [&](int length) { return frame.Fill(frame.hLine, length); };
+  out.Emit(frame.Text(frame.teeLeft) + run(3) + " " + run(19) + " " + run(6) + " " + run(13) + " " + run(4) + " " +
+       run(4) + " " + run(3) + " " + run(4) + "  " + run(2) + " " + run(9) + frame.Text(frame.teeRight) + "\n");
 }
 
-void PrintGptRows(DiskSet& disks) {
-  GptTable* table = disks.gpt.get();
-  if (table == nullptr) return;
-  for (int32_t k = 1; k <= table->EntryCount(); ++k) {
-    const PartitionRecord* record = table->Entry(k);
-    if (record != nullptr) PrintGptRow(disks, *record, table->Details(k), k);
+void PrintGptRows(const DiskSet& disks, const GptTable& table, FramedWriter& out) {
+  for (int32_t k = 1; k <= table.EntryCount(); ++k) {
+    const PartitionRecord* record = table.entries[static_cast<size_t>(k - 1)].get();
+    if (record != nullptr) PrintGptRow(disks, *record, table.Details(k), k, out);
   }
 }
 
-void PrintGptRow(const DiskSet& disks, const PartitionRecord& record, const GptEntryDetails* details,
-                 int position) {
+void PrintGptRow(const DiskSet& disks, const PartitionRecord& record, const GptEntryDetails* details, int position,
+                 FramedWriter& out) {
   static const GptEntryDetails kNoDetails;
   const GptEntryDetails& d = details != nullptr ? *details : kNoDetails;
 
-  std::string letter = "  ";
-  if (disks.isVirtual) {
-    letter = "NA";
-  } else if (static_cast<unsigned char>(record.driveLetter) > ' ') {
-    letter = std::string(1, record.driveLetter) + ":";
-  }
+  const std::string letter = DriveLetterText(record, disks.isVirtual);
   const std::string number = std::to_string(position);
   const std::string start = std::to_string(record.startLba);
   const std::string size = FormatSizeCompact(SizeArgument(record.sizeBytes));
-  EmitInner(FillTo(number, 2) + number + "  " + Field(d.longTypeName.empty() ? record.gptTypeName : d.longTypeName, 19) + "  " +
+  out.Inner(FillTo(number, 2) + number + "  " + Field(d.longTypeName.empty() ? record.gptTypeName : d.longTypeName, 19) + "  " +
             Field(d.fileSystemName, 5) + " " + FillTo(start, 13) + start + " " + RightField(size, 4) + " " +
             (d.required ? "Yes " : " No ") + " " + (d.readOnly ? "Yes" : "No ") + " " +
             (d.attributeHidden ? "Yes " : " No ") + "  " + letter + " " + Field(record.volumeLabel, 9));

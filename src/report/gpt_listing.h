@@ -6,17 +6,19 @@
 namespace dh {
 
 class DiskSet;
+class FramedWriter;
+class GptTable;
 struct PartitionRecord;
 struct GptEntryDetails;
 
 // The details block, the separator, the column header and its underline of
 // the current GPT disk.
-void PrintGptDetails(DiskSet& disks);
+void PrintGptDetails(DiskSet& disks, const GptTable& table, FramedWriter& out);
 // One row per entry of the current GPT disk, in table order.
-void PrintGptRows(DiskSet& disks);
+void PrintGptRows(const DiskSet& disks, const GptTable& table, FramedWriter& out);
 // One entry row; `position` is the entry's 1-based place among the entries.
 // `details` may be null (the row then shows no type, file system or flags).
-void PrintGptRow(const DiskSet& disks, const PartitionRecord& record, const GptEntryDetails* details,
-                 int position);
+void PrintGptRow(const DiskSet& disks, const PartitionRecord& record, const GptEntryDetails* details, int position,
+                 FramedWriter& out);
 
 }  // namespace dh

@@ -12,25 +12,19 @@
 #include <string>
 #include <vector>
 
-#include "app/frame.h"
-#include "app/run_state.h"
+#include "base/le.h"
 #include "disk/disk_set.h"
 #include "disk/identify.h"
-#include "base/le.h"
 #include "gpt/gpt_table.h"
-#include "mbr/partition.h"
+#include "mbr/type_table.h"
 #include "platform/platform.h"
 #include "report/format.h"
-#include "report/text_fields.h"
 #include "report/gpt_listing.h"
+#include "report/text_fields.h"
 
 namespace dh {
 
 namespace {
-
-// Set while ListDisks prints the block of a virtual disk, whose partitions
-// have no drive letters of their own (their DL column reads "NA").
-bool g_listingVirtualDisk = false;
 
 // "%-Wd": left-aligned decimal number.
 std::string LeftNumber(int64_t value, int width) {
@@ -45,18 +39,15 @@ std::string Hex2(uint32_t value) {
   return buffer;
 }
 
-void EmitFreeSpaceRow(uint64_t start, uint64_t sectors) {
+void EmitFreeSpaceRow(FramedWriter& out, uint64_t start, uint64_t sectors) {
   // The size wraps like the program's 64-bit product for absurd counts; the
   // columns show the low 32 bits of start and count, as the MBR holds them.
   std::string size = FormatSizeCompact(static_cast<int64_t>(sectors * kSectorSize));
-  EmitInner(" Freespace        " + size + "            " + FormatGroupedCount(static_cast<uint32_t>(start), 14) + " " +
+  out.Inner(" Freespace        " + size + "            " + FormatGroupedCount(static_cast<uint32_t>(start), 14) + " " +
             FormatGroupedCount(static_cast<uint32_t>(sectors), 15) + "               ");
 }
 
-bool IsExtendedListType(int32_t type) { return type == 0x05 || type == 0x0F || type == 0x15 || type == 0x1F; }
-
-void PrintMbrRows(DiskSet& disks) {
-  const RunOptions& options = Options();
+void PrintMbrRows(DiskSet& disks, const ListRequest& options, FramedWriter& out) {
   // Collected once, so that long extended chains list in linear time.
   const std::vector<PartitionRecord*> primaries = Partitions(disks, kKindPrimary);
   const std::vector<PartitionRecord*> logicals = Partitions(disks, kKindLogical);
@@ -66,134 +57,151 @@ void PrintMbrRows(DiskSet& disks) {
     const int position = static_cast<int>(i + 1);
     // Free space before the first partition is counted from sector 63, where
     // the first partition of a classic MBR disk begins.
-    if (options.showFreeSpace && i == 0 && record.startLba > 63) EmitFreeSpaceRow(63, record.startLba - 63);
-    PrintPartitionRow(record, position, kRowFramed);
-    if (options.showLogical && IsExtendedListType(record.type)) {
+    if (options.showFreeSpace && i == 0 && record.startLba > 63) EmitFreeSpaceRow(out, 63, record.startLba - 63);
+    PrintPartitionRow(record, position, kRowFramed, disks.isVirtual, out);
+    if (options.showLogical && IsExtendedType(static_cast<uint32_t>(record.type))) {
       for (size_t j = 0; j < logicals.size(); ++j) {
-        PrintPartitionRow(*logicals[j], position + static_cast<int>(j + 1), kRowFramed);
+        PrintPartitionRow(*logicals[j], position + static_cast<int>(j + 1), kRowFramed, disks.isVirtual, out);
       }
     }
     if (options.showFreeSpace) {
       const uint64_t end = record.startLba + record.sectorCount;
       if (i + 1 < count) {
         const uint64_t next = primaries[i + 1]->startLba;
-        if (next > end) EmitFreeSpaceRow(end, next - end);
+        if (next > end) EmitFreeSpaceRow(out, end, next - end);
       } else if (disks.totalSectors > end) {
-        EmitFreeSpaceRow(end, disks.totalSectors - end);
+        EmitFreeSpaceRow(out, end, disks.totalSectors - end);
       }
     }
   }
 }
 
-int32_t ListedPartitionCount(const DiskSet& disks) {
-  if (disks.isGpt) return disks.gpt ? disks.gpt->EntryCount() : 0;
-  return disks.partitions ? disks.partitions->Count(kKindPrimary) : 0;
-}
-
-void PrintDiskBlock(DiskSet& disks, int32_t diskNumber) {
-  const FrameChars& frame = Frame();
-  g_listingVirtualDisk = disks.isVirtual;
+void PrintDiskBlock(DiskSet& disks, int32_t diskNumber, const ListRequest& request, FramedWriter& out) {
+  const FrameChars& frame = out.frame();
 
   // Every block is preceded by an empty line.
-  Emit("\n");
-  EmitBorder(frame.topLeft, frame.dblHLine, frame.topRight);
+  out.Emit("\n");
+  out.Border(frame.topLeft, frame.dblHLine, frame.topRight);
 
   const std::string kind = CText(disks.diskKindText);
   const std::string kindField = "MBR/GPT:         " + kind + FillTo(kind, 27);
   if (disks.isVirtual) {
-    EmitInner(" Disk: Virtual" + Blanks(19) + kindField);
+    out.Inner(" Disk: Virtual" + Blanks(19) + kindField);
   } else {
-    EmitInner(" Disk: " + LeftNumber(diskNumber, 2) + Blanks(24) + kindField);
+    out.Inner(" Disk: " + LeftNumber(diskNumber, 2) + Blanks(24) + kindField);
   }
 
-  if (disks.isGpt) {
-    PrintGptDiskDetailsAndRows(disks);
+  if (const GptTable* gpt = GptOf(disks)) {
+    PrintGptDetails(disks, *gpt, out);
+    PrintGptRows(disks, *gpt, out);
   } else {
-    PrintMbrDiskDetails(disks);
-    PrintMbrRows(disks);
+    PrintMbrDiskDetails(disks, out);
+    PrintMbrRows(disks, request, out);
   }
 
   if (!disks.tableLoaded) {
-    EmitInner(Blanks(kFrameWidth));
+    out.Inner(Blanks(kFrameWidth));
     const std::string disk = std::to_string(disks.currentDisk);
-    EmitInner("  Warning:  There is a discrepency with the partition table on disk " + disk + " " + Blanks(7));
-    EmitInner("    Try reloading the configuration by rebooting the machine " + Blanks(16));
+    out.Inner("  Warning:  There is a discrepency with the partition table on disk " + disk + " " + Blanks(7));
+    out.Inner("    Try reloading the configuration by rebooting the machine " + Blanks(16));
   }
-  if (ListedPartitionCount(disks) == 0) EmitInner("  No partitions found on this disk  " + Blanks(41));
+  // A GPT disk lists its entries, an MBR disk its primaries.
+  if (PartitionCount(disks, kKindPrimary) == 0) out.Inner("  No partitions found on this disk  " + Blanks(41));
 
-  EmitBorder(frame.bottomLeft, frame.dblHLine, frame.bottomRight);
-  g_listingVirtualDisk = false;
+  out.Border(frame.bottomLeft, frame.dblHLine, frame.bottomRight);
 }
 
-void ListOneDisk(DiskSet& disks, int32_t diskNumber) {
-  if (diskNumber == kVirtualDiskNumber) {
-    disks.OpenVirtualDisk(Options().diskFileName);
+constexpr int32_t kAllDisks = -1;
+constexpr int32_t kVirtualDisk = 999;
+
+ResultCode ListOneDisk(DiskSet& disks, int32_t diskNumber, const ListRequest& request, FramedWriter& out) {
+  if (diskNumber == kVirtualDisk) {
+    disks.OpenVirtualDisk(request.diskFileName);
   } else {
     disks.SelectDisk(diskNumber);
   }
-  if (disks.firstError != kSuccess) SetResultIfNone(disks.firstError);
   // A disk that failed to load is listed all the same, with whatever the
   // loaded disk record then holds: the listing shows what the program sees.
-  PrintDiskBlock(disks, diskNumber);
+  PrintDiskBlock(disks, diskNumber, request, out);
+  return disks.firstError;
 }
 
 }  // namespace
 
-void ListDisks(DiskSet& disks) {
-  const RunOptions& options = Options();
-  if (options.diskNumber == kAllDisks || !options.diskExplicit) {
-    for (int32_t d = 0; d < disks.diskCount; ++d) ListOneDisk(disks, d);
+ResultCode ListDisks(DiskSet& disks, const ListRequest& request, FramedWriter& out) {
+  ResultCode first = kSuccess;
+  if (request.diskNumber == kAllDisks || !request.diskExplicit) {
+    for (int32_t d = 0; d < disks.diskCount; ++d) {
+      const ResultCode rc = ListOneDisk(disks, d, request, out);
+      if (first == kSuccess) first = rc;
+    }
   } else {
-    ListOneDisk(disks, options.diskNumber);
+    first = ListOneDisk(disks, request.diskNumber, request, out);
   }
-  if (options.asciiMap) PrintCharacterMap();
+  if (request.asciiMap) PrintCharacterMap(request.codePage, out);
+  return first;
 }
 
-void PrintMbrDiskDetails(DiskSet& disks) {
-  const FrameChars& frame = Frame();
+void PrintCharacterMap(uint32_t codePage, FramedWriter& out) {
+  Sink& sink = out.sink();
+  sink.Printf("\nCodepage= %d\n", static_cast<int>(codePage));
+  for (int row = 0; row < 32; ++row) {
+    if (row != 1) {
+      for (int col = 0; col < 8; ++col) {
+        int code = row * 8 + col;
+        sink.Printf("%3d %c    ", code, code);
+      }
+    }
+    sink.Write("\n", 1);
+  }
+  sink.Write("\n", 1);
+}
+
+void PrintMbrDiskDetails(DiskSet& disks, FramedWriter& out) {
+  const FrameChars& frame = out.frame();
 
   const std::string size = FormatSizeText(static_cast<int64_t>(disks.totalBytes));
   const std::string geometry = "CHS:             " + std::to_string(disks.cylinders) + " " +
                                std::to_string(disks.heads) + " " + std::to_string(disks.sectorsPerTrack);
-  EmitInner("   Size:        " + size + FillTo(size, 17) + geometry + FillTo(geometry, 44));
+  out.Inner("   Size:        " + size + FillTo(size, 17) + geometry + FillTo(geometry, 44));
 
   // The signature bytes from last to first read as the little-endian number.
   const std::string sectors = std::to_string(static_cast<int64_t>(disks.totalSectors));
-  EmitInner("   Sectors:     " + sectors + FillTo(sectors, 13) + Blanks(4) + "Disk Signature:  0x" +
+  out.Inner("   Sectors:     " + sectors + FillTo(sectors, 13) + Blanks(4) + "Disk Signature:  0x" +
             Hex2(disks.savedSignature[3]) + Hex2(disks.savedSignature[2]) + Hex2(disks.savedSignature[1]) +
             Hex2(disks.savedSignature[0]) + Blanks(17));
 
   const std::vector<PartitionRecord*> primaries = Partitions(disks, kKindPrimary);
   std::string order;
   for (const PartitionRecord* record : primaries) order += std::to_string(record->slot + 1) + " ";
-  EmitInner("   Partitions:  " + std::to_string(primaries.size()) + Blanks(16) + "Partition Order: " + order +
+  out.Inner("   Partitions:  " + std::to_string(primaries.size()) + Blanks(16) + "Partition Order: " + order +
             FillTo(order, 27));
 
-  PrintMediaAndDescription(disks);
+  PrintMediaAndDescription(disks, out);
 
-  EmitBorder(frame.teeLeft, frame.hLine, frame.teeRight);
-  EmitInner("Pos Idx Type/Name Size Boot Hide  Start Sector  Total Sectors  DL Vol Label  ");
+  out.Border(frame.teeLeft, frame.hLine, frame.teeRight);
+  out.Inner("Pos Idx Type/Name Size Boot Hide  Start Sector  Total Sectors  DL Vol Label  ");
 
-  std::string underline = FrameText(frame.teeLeft);
+  std::string underline = frame.Text(frame.teeLeft);
   const int runs[] = {3, 3, 9, 4, 4, 4, 14, 14, 2, 11};
   for (size_t i = 0; i < sizeof runs / sizeof runs[0]; ++i) {
     if (i > 0) underline += " ";
-    underline += FrameFill(frame.hLine, runs[i]);
+    underline += frame.Fill(frame.hLine, runs[i]);
   }
-  Emit(underline + FrameText(frame.teeRight) + "\n");
+  out.Emit(underline + frame.Text(frame.teeRight) + "\n");
 }
 
-void PrintMediaAndDescription(DiskSet& disks) {
+void PrintMediaAndDescription(DiskSet& disks, FramedWriter& out) {
   // The bus and the description share one buffer of the DiskSet.
   const std::string bus = CText(GetDiskBus(disks, disks.currentDisk));
   const bool removable = disks.mediaType == platform::kMediaRemovable;
-  EmitInner(std::string("   Media Type:  ") + (removable ? "Removable" + Blanks(7) : "Fixed" + Blanks(11)) +
+  out.Inner(std::string("   Media Type:  ") + (removable ? "Removable" + Blanks(7) : "Fixed" + Blanks(11)) +
             " Interface:       " + bus + FillTo(bus, 27));
   const std::string description = CText(GetDiskDescription(disks, disks.currentDisk));
-  EmitInner("   Description: " + description + FillTo(description, 61));
+  out.Inner("   Description: " + description + FillTo(description, 61));
 }
 
-void PrintPartitionRow(const PartitionRecord& record, int position, int form) {
+void PrintPartitionRow(const PartitionRecord& record, int position, int form, bool virtualDisk, FramedWriter& out) {
   const std::string type = Hex2(static_cast<uint32_t>(record.type));
   const std::string size = FormatSizeCompact(static_cast<int64_t>(record.sizeBytes));
   const std::string start = FormatGroupedCount(static_cast<uint32_t>(record.startLba), 14);
@@ -201,7 +209,7 @@ void PrintPartitionRow(const PartitionRecord& record, int position, int form) {
   const std::string slot = LeftNumber(record.slot + 1, 2);
 
   if (form == kRowBackupFile) {
-    Emit("\n  " + LeftNumber(record.primaryNumber, 2) + "  " + slot + " " + type + "-" + Field(record.typeName, 7) +
+    out.Emit("\n  " + LeftNumber(record.primaryNumber, 2) + "  " + slot + " " + type + "-" + Field(record.typeName, 7) +
          " " + size + "  " + (record.active ? "Yes" : "No ") + "    " + (record.hidden ? "Yes" : "No ") + "  " +
          start + "  " + count);
     return;
@@ -215,23 +223,11 @@ void PrintPartitionRow(const PartitionRecord& record, int position, int form) {
   } else {
     lead = "L" + LeftNumber(record.logicalNumber, 2) + "  - ";
   }
-  std::string letter = "  ";
-  if (g_listingVirtualDisk) {
-    letter = "NA";
-  } else if (static_cast<unsigned char>(record.driveLetter) > ' ') {
-    letter = std::string(1, record.driveLetter) + ":";
-  }
+  const std::string letter = DriveLetterText(record, virtualDisk);
   const std::string label = CText(record.volumeLabel).empty() ? "<None>" : record.volumeLabel;
-  EmitInner(lead + " " + type + "-" + Field(record.typeName, 6) + " " + size + " " +
+  out.Inner(lead + " " + type + "-" + Field(record.typeName, 6) + " " + size + " " +
             Field(record.active ? " Yes" : " No", 4) + "  " + Field(record.hidden ? "Yes" : "No ", 3) + "  " + start +
             " " + count + " " + letter + " " + Field(label, 11));
-}
-
-// GPT disks get their details and rows from the GPT listing; until that is
-// written they show only the frame, the header line and the closing lines.
-void PrintGptDiskDetailsAndRows(DiskSet& disks) {
-  PrintGptDetails(disks);
-  PrintGptRows(disks);
 }
 
 }  // namespace dh

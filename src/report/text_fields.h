@@ -1,19 +1,17 @@
-// Small text helpers of the framed reports: fills, fixed-width fields, the
-// frame's lines and raw output of already formatted lines.
+// Small text helpers of the framed reports: fills, fixed-width fields, and
+// the writer that puts framed lines on a sink.
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
-#include "app/frame.h"
+#include "base/frame.h"
+#include "base/sink.h"
 
 namespace dh {
 
 // Width of every framed line between its two border characters.
 constexpr int kFrameWidth = 77;
-
-inline void Emit(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
 inline std::string Blanks(int count) {
   return count > 0 ? std::string(static_cast<size_t>(count), ' ') : std::string();
@@ -32,15 +30,28 @@ inline std::string Field(const std::string& text, int width) {
   return cut + FillTo(cut, width);
 }
 
-// A line "V text V" followed by a line end.
-inline void EmitInner(const std::string& text) {
-  const std::string v = FrameText(Frame().vLine);
-  Emit(v + text + v + "\n");
-}
+// Framed output: lines between two border characters on a sink.
+class FramedWriter {
+ public:
+  FramedWriter(Sink& sink, const FrameChars& frame) : sink_(sink), frame_(frame) {}
 
-// A frame line: a left character, kFrameWidth fill characters, a right one.
-inline void EmitBorder(uint32_t left, uint32_t fill, uint32_t right) {
-  Emit(FrameText(left) + FrameFill(fill, kFrameWidth) + FrameText(right) + "\n");
-}
+  const FrameChars& frame() const { return frame_; }
+  Sink& sink() { return sink_; }
+
+  void Emit(const std::string& text) { sink_.Write(text); }
+  // A line "V text V" followed by a line end.
+  void Inner(const std::string& text) {
+    const std::string v = frame_.Text(frame_.vLine);
+    sink_.Write(v + text + v + "\n");
+  }
+  // A frame line: a left character, kFrameWidth fill characters, a right one.
+  void Border(uint32_t left, uint32_t fill, uint32_t right) {
+    sink_.Write(frame_.Text(left) + frame_.Fill(fill, kFrameWidth) + frame_.Text(right) + "\n");
+  }
+
+ private:
+  Sink& sink_;
+  const FrameChars& frame_;
+};
 
 }  // namespace dh

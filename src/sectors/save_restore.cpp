@@ -5,13 +5,13 @@
 #include <cstring>
 #include <vector>
 
+#include "base/le.h"
+#include "base/sink.h"
 #include "base/version.h"
+#include "disk/backup_file.h"
 #include "disk/device.h"
 #include "disk/disk_set.h"
-#include "base/le.h"
 #include "platform/platform.h"
-#include "sectors/backup_header.h"
-#include "sectors/sector_io.h"
 
 namespace dh {
 
@@ -19,8 +19,6 @@ namespace {
 
 using platform::Host;
 using platform::OpenMode;
-using sectors::kChunkBytes;
-using sectors::kChunkSectors;
 
 constexpr char kSavingText[] = "Saving sectors to file, please wait...";
 constexpr int kProgressRow = 8;
@@ -30,15 +28,15 @@ constexpr int kProgressEndRow = 11;
 // printed in its long form, and the percentage kept at one place.
 class SaveProgress {
  public:
-  explicit SaveProgress(bool on) : on_(on) {
+  SaveProgress(bool on, Sink& out) : on_(on), out_(out) {
     if (!on_) return;
     platform::Machine& host = Host();
     host.ClearScreen();
     host.SetCursorPosition(1, 2);
-    std::printf("\n%s for %s        %s\n", kProgramTitle, kPlatformName, kReleaseDate);
-    std::printf("  %s\n", kMakerNotice);
+    out_.Printf("\n%s for %s        %s\n", kProgramTitle, kPlatformName, kReleaseDate);
+    out_.Printf("  %s\n", kMakerNotice);
     host.SetCursorPosition(2, kProgressRow);
-    std::printf("%s", kSavingText);
+    out_.Printf("%s", kSavingText);
     column_ = static_cast<int>(sizeof kSavingText - 1) + 4;
     host.SetCursorPosition(column_, kProgressRow);
   }
@@ -54,7 +52,7 @@ class SaveProgress {
     if (percent == shown_) return;
     shown_ = percent;
     Host().SetCursorPosition(column_, kProgressRow);
-    std::printf("%" PRId64 "%% complete", percent);
+    out_.Printf("%" PRId64 "%% complete", percent);
   }
 
   void End() {
@@ -63,6 +61,7 @@ class SaveProgress {
 
  private:
   bool on_;
+  Sink& out_;
   int column_ = 0;
   int64_t shown_ = -1;
 };
@@ -97,10 +96,12 @@ ResultCode SaveSectorsToFile(DiskSet& disks, const std::string& fileName, uint64
     return disks.firstError;
   }
   bool written = true;
+  uint64_t fileOffset = 0;
   if (kind != kBackupRaw) {
     uint8_t header[backup::kHeaderSize];
     FillBackupHeader(disks, header, kind, firstSector, count);
-    written = file.WriteNext(header, sizeof header);
+    written = WriteFull(file, 0, header, sizeof header);
+    fileOffset = sizeof header;
   }
   bool lastSaved = false;
   uint8_t sector[kSectorSize];
@@ -112,11 +113,12 @@ ResultCode SaveSectorsToFile(DiskSet& disks, const std::string& fileName, uint64
       disks.RecordError(kReadFailed);
       continue;
     }
-    if (sectors::ReadDiskSector(disks, firstSector + i, sector) != kSuccess) continue;
-    if (!file.WriteNext(sector, sizeof sector)) {
+    if (ReadSector(disks, firstSector + i, sector) != kSuccess) continue;
+    if (!WriteFull(file, fileOffset, sector, sizeof sector)) {
       written = false;
       continue;
     }
+    fileOffset += sizeof sector;
     lastSaved = true;
   }
   // A file that misses a sector in its middle is as unusable as one that
@@ -126,23 +128,24 @@ ResultCode SaveSectorsToFile(DiskSet& disks, const std::string& fileName, uint64
 }
 
 ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t firstSector, uint64_t count,
-                           uint8_t kind) {
+                           uint8_t kind, Sink& out) {
   DeviceHandle file;
   if (!file.Open(fileName, OpenMode::CreateAlways)) {
     disks.RecordError(kInvalidPath);
     return disks.firstError;
   }
-  SaveProgress progress(count > kQuietSaveSectors);
+  SaveProgress progress(count > kQuietSaveSectors, out);
   bool written = true;
+  uint64_t fileOffset = 0;
   if (kind != kBackupRaw) {
     uint8_t header[backup::kHeaderSize];
     FillBackupHeader(disks, header, kind, firstSector, count);
-    written = file.WriteNext(header, sizeof header);
+    written = WriteFull(file, 0, header, sizeof header);
+    fileOffset = sizeof header;
   }
 
-  uint64_t start = 0;
-  bool positioned = sectors::DeviceLba(disks, firstSector, &start) && start <= UINT64_MAX / kSectorSize &&
-                    disks.device.Seek(start * kSectorSize);
+  const bool positioned = firstSector <= UINT64_MAX / kSectorSize;
+  uint64_t diskOffset = positioned ? firstSector * kSectorSize : 0;
   if (!written) {
     disks.RecordError(kBackupWriteFailed);
   } else if (!positioned || count == 0) {
@@ -150,27 +153,29 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
   } else {
     std::vector<uint8_t> buffer(kChunkBytes);
     uint64_t done = 0;
-    // Sectors are streamed from one positioning on.  A short read (the end
-    // of the disk) hands over what it has; the next read then fails, so a
-    // save never ends with fewer sectors than asked for and no error.
+    // A short read (the end of the disk) hands over what it has; the next
+    // read then fails, so a save never ends with fewer sectors than asked
+    // for and no error.
     while (done < count) {
       const uint64_t left = count - done;
       const bool lastChunk = left <= kChunkSectors;
       const uint32_t chunk = lastChunk ? static_cast<uint32_t>(left) : kChunkSectors;
       progress.Show(done, count, lastChunk);
-      const uint32_t got = sectors::ReadFully(disks.device, buffer.data(), chunk * kSectorSize);
+      const uint32_t got = ReadFull(disks.Device(), diskOffset, buffer.data(), chunk * kSectorSize);
       const uint32_t whole = got / kSectorSize;
       if (whole == 0) {
         disks.RecordError(kBackupReadFailed);
         break;
       }
       done += whole;
+      diskOffset += uint64_t{whole} * kSectorSize;
       // Any failed write of the file fails the save, the last one too: a
       // backup that silently lacks its end would restore a damaged disk.
-      if (!file.WriteNext(buffer.data(), whole * kSectorSize)) {
+      if (!WriteFull(file, fileOffset, buffer.data(), whole * kSectorSize)) {
         disks.RecordError(kBackupWriteFailed);
         break;
       }
+      fileOffset += uint64_t{whole} * kSectorSize;
     }
   }
   progress.End();
@@ -179,7 +184,7 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
 }
 
 ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t targetSector, int64_t count,
-                           bool requireMbr) {
+                           bool requireMbr, Sink& out) {
   uint8_t header[backup::kHeaderSize];
   const bool hasHeader = ReadBackupKind(fileName, header) != kBackupRaw;
   const uint64_t headerCount = hasHeader ? LoadLe64(header + backup::kSectorCountOffset) : 0;
@@ -205,7 +210,7 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
       return disks.firstError;
     }
   }
-  if (count == -1) std::printf("\n Sector Count: %" PRIu64 " \n", hasHeader ? headerCount : dataSize / kSectorSize);
+  if (count == -1) out.Printf("\n Sector Count: %" PRIu64 " \n", hasHeader ? headerCount : dataSize / kSectorSize);
 
   // A header file gives only the sectors its header declares: bytes that
   // follow them are not part of the backup and never reach the disk.
@@ -213,11 +218,12 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
   std::vector<uint8_t> buffer(kChunkBytes, 0);
   uint64_t target = targetSector;
   bool wroteAny = false;
-  bool readable = file.Seek(hasHeader ? backup::kHeaderSize : 0);
-  while (readable && remaining > 0) {
+  uint64_t fileOffset = hasHeader ? backup::kHeaderSize : 0;
+  while (remaining > 0) {
     const uint32_t want = remaining < kChunkSectors ? static_cast<uint32_t>(remaining) * kSectorSize : kChunkBytes;
     bool failed = false;
-    const uint32_t got = sectors::ReadFully(file, buffer.data(), want, &failed);
+    const uint32_t got = ReadFull(file, fileOffset, buffer.data(), want, &failed);
+    fileOffset += got;
     if (got == 0) break;
     if (requireMbr && !(buffer[510] == 0x55 && buffer[511] == 0xAA)) {
       disks.RecordError(kFileNoMbrUseIgnore);
@@ -225,13 +231,12 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
     }
     // Bytes beyond the last whole sector are not written.
     const uint32_t whole = got / kSectorSize;
-    const uint32_t fitting = static_cast<uint32_t>(sectors::SectorsOnDisk(disks, target, whole));
+    const uint32_t fitting = static_cast<uint32_t>(disks.SectorsOnDisk(target, whole));
     if (fitting > 0) {
-      uint64_t at = 0;
-      // Chunks stream to the device and are flushed once at the end; each
-      // is positioned on its own so that a failed one cannot shift the rest.
-      if (sectors::DeviceLba(disks, target, &at) && at <= UINT64_MAX / kSectorSize &&
-          disks.device.Seek(at * kSectorSize) && disks.device.WriteNext(buffer.data(), fitting * kSectorSize)) {
+      // Chunks go to the device and are flushed once at the end; each is
+      // placed on its own so that a failed one cannot shift the rest.
+      if (target <= UINT64_MAX / kSectorSize &&
+          WriteFull(disks.Device(), target * kSectorSize, buffer.data(), fitting * kSectorSize)) {
         wroteAny = true;
       } else {
         disks.RecordError(kWriteFailed);
@@ -252,7 +257,7 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
     if (failed || got < want) break;
   }
   file.Close();
-  if (wroteAny && !disks.device.Flush()) disks.RecordError(kWriteFailed);
+  if (wroteAny && !disks.Device().Flush()) disks.RecordError(kWriteFailed);
   if (!wroteAny) disks.RecordError(kFileNoValidMbr);
   return disks.firstError;
 }

@@ -5,11 +5,17 @@
 #include <cstdint>
 #include <string>
 
+#include "base/le.h"
 #include "base/result_codes.h"
 
 namespace dh {
 
 class DiskSet;
+class Sink;
+
+// The chunk of the bulk copies and of restores: 2048 sectors, 1 MiB.
+constexpr uint32_t kChunkSectors = 2048;
+constexpr uint32_t kChunkBytes = kChunkSectors * kSectorSize;
 
 // Sectors of the current disk, counted from its sector 0.  Each operation
 // records its failures in the DiskSet (first error wins) and returns the
@@ -25,7 +31,7 @@ ResultCode SaveSectorsToFile(DiskSet& disks, const std::string& fileName, uint64
 // screen when more than 13,000 sectors are copied.  A failing read ends the
 // copy with 508, a failing file write with 507.
 ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t firstSector, uint64_t count,
-                           uint8_t kind);
+                           uint8_t kind, Sink& out);
 
 // Copies at most this many sectors without the progress screen.
 constexpr uint64_t kQuietSaveSectors = 13000;
@@ -34,8 +40,9 @@ constexpr uint64_t kQuietSaveSectors = 13000;
 // the number of sectors the command asks for (the file may hold fewer, or
 // one more when it has a header), or -1 for whatever the file holds.
 // `requireMbr`: every chunk must end in 55 AA at bytes 510..511 (561).
+// With `count` -1 the sector count is printed to `out` first.
 ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t targetSector, int64_t count,
-                           bool requireMbr);
+                           bool requireMbr, Sink& out);
 
 // Sectors of a volume boot record saved for a partition type: 3 for the
 // FAT and extended types, 7 for NTFS (07, 17), 0 for any other type.

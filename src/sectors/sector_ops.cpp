@@ -5,26 +5,20 @@
 #include <memory>
 #include <vector>
 
-#include "app/run_state.h"
+#include "disk/backup_file.h"
 #include "disk/device.h"
 #include "disk/disk_set.h"
 #include "mbr/partition.h"
-#include "sectors/backup_header.h"
-#include "sectors/sector_io.h"
+#include "sectors/save_restore.h"
 
 namespace dh {
 
 namespace {
 
-using sectors::kChunkBytes;
-using sectors::kChunkSectors;
-
 // Writes `count` sectors of zeros at `lba` without flushing; false when
 // the write fails.
 bool WriteZeros(DiskSet& disks, const std::vector<uint8_t>& zeros, uint64_t lba, uint32_t count) {
-  uint64_t at = 0;
-  return sectors::DeviceLba(disks, lba, &at) && at <= UINT64_MAX / kSectorSize &&
-         disks.device.Seek(at * kSectorSize) && disks.device.WriteNext(zeros.data(), count * kSectorSize);
+  return lba <= UINT64_MAX / kSectorSize && WriteFull(disks.Device(), lba * kSectorSize, zeros.data(), count * kSectorSize);
 }
 
 bool HasBootMarker(const uint8_t* sector) { return sector[510] == 0x55 && sector[511] == 0xAA; }
@@ -64,29 +58,29 @@ ResultCode WipeArea(DiskSet& disks, uint64_t first, uint64_t last) {
   if (last > diskLast) disks.RecordError(kWriteFailed);
   // One flush for the whole area: the zeros are on the medium before the
   // wipe reports success.
-  if (wrote && !disks.device.Flush()) disks.RecordError(kWriteFailed);
+  if (wrote && !disks.Device().Flush()) disks.RecordError(kWriteFailed);
   return disks.firstError;
 }
 
 ResultCode CopySector(DiskSet& disks, uint64_t source, uint64_t target) {
-  if (sectors::ReadDiskSector(disks, source, disks.sector0) != kSuccess) return disks.firstError;
-  sectors::WriteDiskSectors(disks, target, disks.sector0, 1);
+  if (ReadSector(disks, source, disks.sector0) != kSuccess) return disks.firstError;
+  WriteSectors(disks, target, disks.sector0, 1);
   return disks.firstError;
 }
 
 bool LoadCompareSector(DiskSet& disks, const CompareSide& side, uint8_t* buffer) {
   std::memset(buffer, 0, kSectorSize);
-  if (!side.isFile) return sectors::ReadDiskSector(disks, side.sector, buffer) == kSuccess;
+  if (!side.isFile) return ReadSector(disks, side.sector, buffer) == kSuccess;
   uint8_t header[backup::kHeaderSize];
   const uint64_t dataSector = ReadBackupKind(side.fileName, header) != kBackupRaw ? 1 : 0;
   DeviceHandle file;
   if (!file.OpenRead(side.fileName)) return false;
-  uint32_t got = 0;
   // Like any sector read, a short read that is not empty counts.
-  return sectors::ReadFileAt(file, dataSector * kSectorSize, buffer, kSectorSize, &got) && got > 0;
+  bool failed = false;
+  return ReadFull(file, dataSector * kSectorSize, buffer, kSectorSize, &failed) > 0 && !failed;
 }
 
-ResultCode CompareItems(DiskSet& disks, const CompareSide& source, const CompareSide& target) {
+ResultCode CompareItems(DiskSet& disks, const CompareSide& source, const CompareSide& target, std::string* message) {
   uint8_t a[kSectorSize];
   uint8_t b[kSectorSize];
   const CompareSide* sides[2] = {&source, &target};
@@ -95,7 +89,7 @@ ResultCode CompareItems(DiskSet& disks, const CompareSide& source, const Compare
   for (int i = 0; i < 2; ++i) {
     if (LoadCompareSector(disks, *sides[i], buffers[i])) continue;
     if (!sides[i]->isFile) throw CompareReadError();
-    AssignValueText(Options().valueText2, "Unable to open file " + sides[i]->fileName);
+    *message = "Unable to open file " + sides[i]->fileName;
     return fileCodes[i];
   }
   return std::memcmp(a, b, kSectorSize) == 0 ? kSuccess : kItemsDiffer;
@@ -117,8 +111,7 @@ void LoadImageTable(DiskSet& disks) {
     disks.mediumPresent = true;
     disks.bootSignatureValid = true;
     disks.isGpt = false;
-    disks.partitions = std::make_unique<PartitionTable>(&disks);
-    disks.partitions->Load();
+    disks.table = LoadMbrTable(disks);
     disks.activeIndex = -1;
   }
   disks.walkExtended = walk;
@@ -127,7 +120,7 @@ void LoadImageTable(DiskSet& disks) {
 
 ResultCode ReadSectorIntoImage(DiskSet& disks, uint64_t sector, bool requireMarker) {
   std::memset(disks.sector0, 0, sizeof disks.sector0);
-  const ResultCode read = sectors::ReadDiskSector(disks, sector, disks.sector0);
+  const ResultCode read = ReadSector(disks, sector, disks.sector0);
   if (!requireMarker || HasBootMarker(disks.sector0)) {
     LoadImageTable(disks);
     return read;

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "base/le.h"
 #include "base/result_codes.h"
 
 namespace dh {
@@ -46,10 +47,9 @@ class CompareReadError : public std::runtime_error {
 };
 
 // 0 when both sides hold the same 512 bytes, 153 when they differ, 151 or
-// 152 when the source or target file cannot be read (Options().valueText2
-// then names the file).  A sector side that cannot be read throws
-// CompareReadError.
-ResultCode CompareItems(DiskSet& disks, const CompareSide& source, const CompareSide& target);
+// 152 when the source or target file cannot be read (`message` then names
+// the file).  A sector side that cannot be read throws CompareReadError.
+ResultCode CompareItems(DiskSet& disks, const CompareSide& source, const CompareSide& target, std::string* message);
 
 // Reads a sector into the disk's sector0 image (zeros first; 506 when the
 // read fails) and, when `requireMarker` is false or the sector ends in

@@ -1,26 +1,17 @@
 // VMware disk files used in place of a physical drive.
 #pragma once
 
+#include <memory>
 #include <string>
 
-#include "base/result_codes.h"
+#include "disk/virtual_disk.h"
 
 namespace dh {
 
-class DiskSet;
+class VmdkDisk : public VirtualDisk {};
 
-class VmdkDisk {
- public:
-  bool opened = false;
-  ResultCode errorCode = kSuccess;
-  std::string descriptionText;
-  std::string interfaceText;
-};
-
-// Opens the file as the current disk of `disks`; returns the code to record.
-ResultCode OpenVmdk(DiskSet& disks, const std::string& path);
-// Geometry and sector 0 of the current virtual disk.
-void LoadVirtualGeometry(DiskSet& disks);
-void LoadVirtualSector0(DiskSet& disks);
+// Opens and parses a VMware disk file; never null.  `opened` and
+// `errorCode` tell whether it can serve as a disk.
+std::unique_ptr<VirtualDisk> OpenVmdk(const std::string& path);
 
 }  // namespace dh

@@ -14,7 +14,7 @@
 #include "fake_machine.h"
 #include "gpt_test_image.h"
 #include "mbr/partition.h"
-#include "sectors/backup_header.h"
+#include "disk/backup_file.h"
 
 namespace dh {
 namespace {

@@ -15,7 +15,7 @@
 #include "disk/disk_set.h"
 #include "base/le.h"
 #include "fake_machine.h"
-#include "sectors/backup_header.h"
+#include "disk/backup_file.h"
 #include "sectors/save_restore.h"
 #include "sectors/sector_commands.h"
 #include "sectors/sector_ops.h"

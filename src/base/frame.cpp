@@ -1,15 +1,8 @@
-#include "app/frame.h"
-
-#include <cstdio>
-
-#include "platform/platform.h"
+#include "base/frame.h"
 
 namespace dh {
 
 namespace {
-
-FrameChars g_frame;
-uint32_t g_codePage = 437;
 
 // Box-drawing glyphs of the OEM code pages, for consoles that take UTF-8.
 uint32_t OemToUnicode(uint32_t code) {
@@ -47,8 +40,6 @@ void AppendUtf8(std::string& out, uint32_t cp) {
 
 }  // namespace
 
-FrameChars& Frame() { return g_frame; }
-
 int FrameSetForCodePage(uint32_t codePage) {
   switch (codePage) {
     case 437:
@@ -60,8 +51,9 @@ int FrameSetForCodePage(uint32_t codePage) {
   }
 }
 
-void SelectFrameChars(int set) {
-  FrameChars& f = g_frame;
+FrameChars SelectFrameChars(int set, uint32_t codePage) {
+  FrameChars f;  // the plain text set
+  f.codePage = codePage;
   if (set == 1 || set == 2) {
     f.hLine = 0xC4;
     f.vLine = 0xB3;
@@ -81,16 +73,13 @@ void SelectFrameChars(int set) {
       f.bottomRight = 0xD9;
       f.bottomLeft = 0xC0;
     }
-  } else {
-    f = FrameChars();  // the plain text set
   }
+  return f;
 }
 
-void SetFrameCodePage(uint32_t codePage) { g_codePage = codePage; }
-
-std::string FrameText(uint32_t code) {
+std::string FrameChars::Text(uint32_t code) const {
   std::string out;
-  if (g_codePage == 65001 && code >= 0x80) {
+  if (codePage == 65001 && code >= 0x80) {
     AppendUtf8(out, OemToUnicode(code));
   } else {
     out += static_cast<char>(code & 0xFF);
@@ -98,25 +87,11 @@ std::string FrameText(uint32_t code) {
   return out;
 }
 
-std::string FrameFill(uint32_t code, int count) {
-  std::string one = FrameText(code);
+std::string FrameChars::Fill(uint32_t code, int count) const {
+  const std::string one = Text(code);
   std::string out;
   for (int i = 0; i < count; ++i) out += one;
   return out;
-}
-
-void PrintCharacterMap() {
-  std::printf("\nCodepage= %d\n", static_cast<int>(platform::Host().ConsoleOutputCodePage()));
-  for (int row = 0; row < 32; ++row) {
-    if (row != 1) {
-      for (int col = 0; col < 8; ++col) {
-        int code = row * 8 + col;
-        std::printf("%3d %c    ", code, code);
-      }
-    }
-    std::printf("\n");
-  }
-  std::printf("\n");
 }
 
 }  // namespace dh

@@ -1,14 +1,15 @@
 // Volume boot record inspection: file system detection, FAT and NTFS
 // labels, the volume ID text and the error box of the NTFS reader.
-#include "mbr/volume.h"
+#include "disk/volume.h"
 
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
-#include "disk/device.h"
-#include "disk/disk_set.h"
 #include "base/le.h"
+#include "base/text.h"
+#include "disk/sector_device.h"
+#include "disk/disk_set.h"
 #include "platform/platform.h"
 
 namespace dh {
@@ -35,39 +36,32 @@ bool HasText(const uint8_t* bytes, size_t size, size_t offset, const char* text)
   return offset <= size && length <= size - offset && std::memcmp(bytes + offset, text, length) == 0;
 }
 
-bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
-
-std::string TrimSpace(const std::string& text) {
-  size_t first = 0;
-  size_t last = text.size();
-  while (first < last && IsSpace(text[first])) ++first;
-  while (last > first && IsSpace(text[last - 1])) --last;
-  return text.substr(first, last - first);
-}
 
 std::string CapLabel(std::string label) {
   if (label.size() > kMaxLabelLength) label.resize(kMaxLabelLength);
   return label;
 }
 
-// Reads exactly `bytes` bytes at a byte offset, looping over short reads.
-bool ReadFullyAt(DeviceHandle& device, uint64_t byteOffset, uint8_t* buffer, uint32_t bytes) {
-  if (bytes == 0) return true;
-  if (!device.Seek(byteOffset)) return false;
-  uint32_t done = 0;
-  while (done < bytes) {
-    if (!device.ReadNext(buffer + done, bytes - done)) return false;
-    done += device.bytesTransferred;
-  }
-  return true;
+// Reads exactly `bytes` bytes at a byte offset.
+bool ReadFullyAt(SectorDevice& device, uint64_t byteOffset, uint8_t* buffer, uint32_t bytes) {
+  bool failed = false;
+  return ReadFull(device, byteOffset, buffer, bytes, &failed) == bytes && !failed;
+}
+
+// Reads `count` sectors at `lba`; a read that ends early but delivered
+// something counts, the rest of the buffer keeping what it held.
+bool ReadSectorsAt(SectorDevice& device, uint8_t* buffer, uint64_t lba, uint32_t count) {
+  if (lba > UINT64_MAX / kSectorSize || count > UINT32_MAX / kSectorSize) return false;
+  bool failed = false;
+  return ReadFull(device, lba * kSectorSize, buffer, count * kSectorSize, &failed) != 0 && !failed;
 }
 
 // ---- FAT -------------------------------------------------------------------
 
 // The label entry of the first cluster of the root directory.
-std::string ReadFatLabel(DeviceHandle& device, FileSystemKind kind, uint64_t lba) {
+std::string ReadFatLabel(SectorDevice& device, FileSystemKind kind, uint64_t lba) {
   uint8_t boot[kSectorSize] = {};
-  if (!device.ReadSectors(boot, lba, 1)) return {};
+  if (!ReadSectorsAt(device, boot, lba, 1)) return {};
 
   // Positions count in the volume's own sectors.  The usual 512-byte
   // sectors need no scaling; volumes formatted with larger logical sectors
@@ -99,7 +93,7 @@ std::string ReadFatLabel(DeviceHandle& device, FileSystemKind kind, uint64_t lba
   // At most 255 x 8 sectors: about 1 MiB.
   const uint32_t clusterSectors = sectorsPerCluster * scale;
   std::vector<uint8_t> cluster(static_cast<size_t>(clusterSectors) * kSectorSize, 0);
-  if (!device.ReadSectors(cluster.data(), rootLba, clusterSectors)) return {};
+  if (!ReadSectorsAt(device, cluster.data(), rootLba, clusterSectors)) return {};
 
   for (size_t offset = 0; offset + vbr::kDirEntrySize <= cluster.size(); offset += vbr::kDirEntrySize) {
     const uint8_t* entry = cluster.data() + offset;
@@ -111,7 +105,7 @@ std::string ReadFatLabel(DeviceHandle& device, FileSystemKind kind, uint64_t lba
     std::memcpy(name, entry + vbr::kDirName, vbr::kDirNameSize);
     // A label of spaces only (or starting with a zero byte) is no label:
     // the walk goes on.
-    std::string label = TrimSpace(name);
+    std::string label = TrimBlanks(name);
     if (!label.empty()) return label;
   }
   return {};
@@ -173,7 +167,7 @@ uint64_t LoadVariable(const uint8_t* p, uint32_t bytes, bool isSigned) {
 // Assembles a non-resident value from its run list.  Every run is read
 // into the buffer behind the one before; the buffer never grows past the
 // bound above, so a run list pointing far or long only reads what fits.
-bool ReadNonResidentValue(DeviceHandle& device, uint64_t volumeOffset, uint64_t clusterBytes, const uint8_t* attr,
+bool ReadNonResidentValue(SectorDevice& device, uint64_t volumeOffset, uint64_t clusterBytes, const uint8_t* attr,
                           size_t attrLength, std::vector<uint8_t>* value) {
   if (attrLength < vbr::kAttrNonResidentHeaderSize) return false;
   const uint64_t firstVcn = LoadLe64(attr + vbr::kAttrFirstVcn);
@@ -224,7 +218,7 @@ bool ReadNonResidentValue(DeviceHandle& device, uint64_t volumeOffset, uint64_t 
   return true;
 }
 
-bool ReadAttributeValue(DeviceHandle& device, uint64_t volumeOffset, uint64_t clusterBytes, const uint8_t* attr,
+bool ReadAttributeValue(SectorDevice& device, uint64_t volumeOffset, uint64_t clusterBytes, const uint8_t* attr,
                         size_t attrLength, std::vector<uint8_t>* value) {
   if (attrLength <= vbr::kAttrNonResident) return false;
   if (attr[vbr::kAttrNonResident] != 0) {
@@ -290,29 +284,28 @@ FileSystemKind DetectFileSystem(const uint8_t* sectors, size_t size, std::string
 FileSystemKind ReadPartitionBootSector(DiskSet& disks, uint64_t lba, std::string* name) {
   // A failed read must not leave bytes of some other volume to detect.
   uint8_t sectors[kVolumeProbeBytes] = {};
-  if (!disks.device.ReadAt(lba, sectors, kVolumeProbeBytes)) return kFsNone;
+  if (!ReadSectorsAt(disks.Device(), sectors, lba, kVolumeProbeBytes / kSectorSize)) return kFsNone;
   return DetectFileSystem(sectors, sizeof sectors, name);
 }
 
 std::string ReadVolumeLabel(FileSystemKind kind, DiskSet& disks, uint64_t lba) {
   switch (kind) {
     case kFsNtfs:
-      return ReadNtfsLabel(disks.device, lba);
+      return ReadNtfsLabel(disks.Device(), lba);
     case kFsFat16:
     case kFsFat32:
-      return CapLabel(ReadFatLabel(disks.device, kind, lba));
+      return CapLabel(ReadFatLabel(disks.Device(), kind, lba));
     default:
       // HFS+ volumes show their file system but no label.
       return {};
   }
 }
 
-std::string ReadNtfsLabel(DeviceHandle& device, uint64_t lba) {
+std::string ReadNtfsLabel(SectorDevice& device, uint64_t lba) {
   if (lba > UINT64_MAX / kSectorSize) return {};
   const uint64_t volumeOffset = lba * kSectorSize;
-  if (!device.Seek(volumeOffset)) return {};
   uint8_t boot[kSectorSize] = {};
-  if (!device.ReadNext(boot, sizeof boot)) return {};
+  if (!ReadSectorsAt(device, boot, lba, 1)) return {};
   if (!HasText(boot, sizeof boot, vbr::kNtfsOemId, "NTFS")) return {};
 
   const uint64_t clusterBytes = NtfsClusterBytes(boot);
@@ -327,12 +320,15 @@ std::string ReadNtfsLabel(DeviceHandle& device, uint64_t lba) {
       __builtin_add_overflow(recordOffset, uint64_t{vbr::kVolumeRecordNumber} * recordBytes, &recordOffset)) {
     return {};
   }
-  if (!device.Seek(recordOffset)) {
+  // An offset the system cannot position at (beyond its signed 64-bit file
+  // offsets) is the system's failure to explain; a failed read is silent.
+  if (recordOffset > static_cast<uint64_t>(INT64_MAX)) {
     ShowLastErrorBox();
     return {};
   }
   std::vector<uint8_t> record(recordBytes, 0);
-  if (!device.ReadNext(record.data(), recordBytes)) return {};
+  bool failed = false;
+  if (ReadFull(device, recordOffset, record.data(), recordBytes, &failed) == 0 || failed) return {};
   if (!HasText(record.data(), record.size(), vbr::kRecordMagic, "FILE")) return {};
   ApplyUpdateSequence(record);
 
@@ -366,8 +362,12 @@ std::string FormatVolumeId(const uint8_t* serial) {
 std::string VolumeIdText(DiskSet& disks, int32_t partNumber) {
   const PartitionRecord* record = GetPartition(disks, partNumber, kKindPrimary);
   if (record == nullptr) return {};
+  return VolumeIdTextAt(disks, record->startLba);
+}
+
+std::string VolumeIdTextAt(DiskSet& disks, uint64_t lba) {
   size_t serialOffset = 0;
-  switch (ReadPartitionBootSector(disks, record->startLba, nullptr)) {
+  switch (ReadPartitionBootSector(disks, lba, nullptr)) {
     case kFsFat16:
       serialOffset = vbr::kFat16Serial;
       break;
@@ -382,7 +382,7 @@ std::string VolumeIdText(DiskSet& disks, int32_t partNumber) {
       return {};
   }
   uint8_t sector[kSectorSize] = {};
-  if (!disks.device.ReadSectors(sector, record->startLba, 1)) return {};
+  if (!ReadSectorsAt(disks.Device(), sector, lba, 1)) return {};
   return FormatVolumeId(sector + serialOffset);
 }
 

@@ -11,12 +11,12 @@
 #include <cstdint>
 #include <string>
 
-#include "mbr/partition.h"
+#include "disk/partition_record.h"
 
 namespace dh {
 
 class DiskSet;
-class DeviceHandle;
+class SectorDevice;
 
 enum FileSystemKind : int32_t {
   kFsNone = 0,
@@ -103,12 +103,14 @@ std::string ReadVolumeLabel(FileSystemKind kind, DiskSet& disks, uint64_t lba);
 
 // The volume name of the NTFS volume at `lba`, from the $Volume record of
 // its master file table.
-std::string ReadNtfsLabel(DeviceHandle& device, uint64_t lba);
+std::string ReadNtfsLabel(SectorDevice& device, uint64_t lba);
 
 // The volume ID of the n-th partition (1-based, primary numbering; on GPT
 // disks the n-th entry): "1234-fABCD" for the serial bytes CD AB 34 12.
 // Empty when there is no such partition or it holds no FAT or NTFS volume.
 std::string VolumeIdText(DiskSet& disks, int32_t partNumber);
+// The same for the volume at `lba` of the current disk.
+std::string VolumeIdTextAt(DiskSet& disks, uint64_t lba);
 // The text for four serial bytes as stored on disk.
 std::string FormatVolumeId(const uint8_t* serial);
 

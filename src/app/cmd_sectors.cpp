@@ -1,25 +1,28 @@
-#include "sectors/sector_commands.h"
-
+// The sector maintenance commands: save=, restore=, show=, wipe=, copy and
+// compare, with their area words, questions, argument checks and reports.
 #include <cctype>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
+#include "app/command_table.h"
 #include "app/grammar.h"
+#include "app/handlers.h"
 #include "app/messages.h"
 #include "app/run_state.h"
+#include "base/le.h"
+#include "base/sink.h"
+#include "base/text.h"
+#include "disk/backup_file.h"
 #include "disk/device.h"
 #include "disk/disk_set.h"
-#include "base/le.h"
+#include "disk/volume.h"
 #include "gpt/gpt_table.h"
-#include "mbr/partition.h"
-#include "mbr/volume.h"
 #include "platform/platform.h"
-#include "sectors/backup_header.h"
-#include "sectors/backup_show.h"
+#include "report/backup_display.h"
+#include "report/text_fields.h"
 #include "sectors/save_restore.h"
-#include "sectors/sector_io.h"
 #include "sectors/sector_ops.h"
 
 namespace dh {
@@ -94,7 +97,7 @@ const PartitionRecord* VbrPartition(DiskSet& disks) {
 // byte; its `type` holds the detected file system, which stands in for one
 // (FAT 3, NTFS 7).
 uint32_t VbrSectors(const DiskSet& disks, const PartitionRecord& r) {
-  if (!disks.isGpt) return VbrSectorCount(static_cast<uint32_t>(r.type) & 0xFF);
+  if (GptOf(disks) == nullptr) return VbrSectorCount(static_cast<uint32_t>(r.type) & 0xFF);
   switch (r.type) {
     case kFsFat16:
     case kFsFat32:
@@ -108,7 +111,7 @@ uint32_t VbrSectors(const DiskSet& disks, const PartitionRecord& r) {
 
 // The GPT area needs a GPT whose primary header passed its checks.
 bool GptUsable(DiskSet& disks) {
-  if (!disks.isGpt) {
+  if (GptOf(disks) == nullptr) {
     SetResultIfNone(kNotGptDisk);
     return false;
   }
@@ -119,7 +122,7 @@ bool GptUsable(DiskSet& disks) {
   return true;
 }
 
-void RunSave(DiskSet& disks) {
+void RunSave(DiskSet& disks, Sink& out) {
   const RunOptions& o = Options();
   std::string name;
   if (!FileNameArgument(&name)) return;
@@ -150,7 +153,7 @@ void RunSave(DiskSet& disks) {
       break;
     }
     case kAreaDisk:
-      SaveRangeToFile(disks, name, 0, disks.totalSectors, kind(kBackupDisk));
+      SaveRangeToFile(disks, name, 0, disks.totalSectors, kind(kBackupDisk), out);
       break;
     case kAreaRange: {
       // For save=, b is the number of sectors from a on.
@@ -159,7 +162,7 @@ void RunSave(DiskSet& disks) {
         SetResultIfNone(kMissingRange);
         return;
       }
-      SaveRangeToFile(disks, name, static_cast<uint64_t>(a), static_cast<uint64_t>(b), kind(kBackupRange));
+      SaveRangeToFile(disks, name, static_cast<uint64_t>(a), static_cast<uint64_t>(b), kind(kBackupRange), out);
       break;
     }
     default:
@@ -168,7 +171,7 @@ void RunSave(DiskSet& disks) {
   RecordOutcome(disks.firstError, kCmdSave);
 }
 
-void RunRestoreVbr(DiskSet& disks, const std::string& name) {
+void RunRestoreVbr(DiskSet& disks, const std::string& name, Sink& out) {
   if (!FindArgument("/Part")) {
     State().badArgument = "/Part";
     SetResultIfNone(kMissingParameter);
@@ -192,25 +195,25 @@ void RunRestoreVbr(DiskSet& disks, const std::string& name) {
     return;
   }
   const uint32_t count = LoadLe32(header + backup::kSectorCountOffset);
-  RestoreFromFile(disks, name, r->startLba, count, false);
+  RestoreFromFile(disks, name, r->startLba, count, false, out);
 }
 
-void RunRestore(DiskSet& disks) {
+void RunRestore(DiskSet& disks, Sink& out) {
   const RunOptions& o = Options();
   std::string name;
   if (!FileNameArgument(&name)) return;
   switch (o.areaKind) {
     case kAreaMbr:
-      RestoreFromFile(disks, name, 0, 1, !o.ignoreErrors);
+      RestoreFromFile(disks, name, 0, 1, !o.ignoreErrors, out);
       break;
     case kAreaTrack0:
-      RestoreFromFile(disks, name, 0, kTrack0Sectors, false);
+      RestoreFromFile(disks, name, 0, kTrack0Sectors, false, out);
       break;
     case kAreaDisk:
-      RestoreFromFile(disks, name, 0, -1, false);
+      RestoreFromFile(disks, name, 0, -1, false, out);
       break;
     case kAreaGpt:
-      if (!disks.isGpt) {
+      if (GptOf(disks) == nullptr) {
         SetResultIfNone(kNotGptDisk);
         return;
       }
@@ -219,14 +222,14 @@ void RunRestore(DiskSet& disks) {
       disks.RecordError(RestoreGptImage(disks, name));
       break;
     case kAreaVbr:
-      RunRestoreVbr(disks, name);
+      RunRestoreVbr(disks, name, out);
       if (State().resultCode != kSuccess) return;
       break;
     case kAreaRange: {
       // Sector numbers are used whole: cutting them to 32 bits would put
       // the sector somewhere else on a disk beyond 2 TiB.
       const int64_t sector = ReadDecimal64(CommandValue("restore", o.valueText));
-      RestoreFromFile(disks, name, static_cast<uint64_t>(sector < 0 ? 0 : sector), 1, false);
+      RestoreFromFile(disks, name, static_cast<uint64_t>(sector < 0 ? 0 : sector), 1, false, out);
       break;
     }
     default:
@@ -259,8 +262,7 @@ bool LoadFileForShow(DiskSet& disks, std::string* name) {
   std::memset(disks.sector0, 0, sizeof disks.sector0);
   DeviceHandle file;
   if (file.OpenRead(*name)) {
-    uint32_t got = 0;
-    sectors::ReadFileAt(file, dataSector * kSectorSize, disks.sector0, kSectorSize, &got);
+    ReadFull(file, dataSector * kSectorSize, disks.sector0, kSectorSize);
     file.Close();
   }
   disks.walkExtended = false;
@@ -270,7 +272,7 @@ bool LoadFileForShow(DiskSet& disks, std::string* name) {
   return true;
 }
 
-void RunShow(DiskSet& disks) {
+void RunShow(DiskSet& disks, FramedWriter& out) {
   const RunOptions& o = Options();
   RunState& s = State();
   if (!FindArgument("/Show")) {
@@ -307,7 +309,7 @@ void RunShow(DiskSet& disks) {
   RecordOutcome(disks.firstError, kCmdShow);
   // A sector that failed to load is not shown even under ignore: the model
   // would still be the disk's own.
-  if (loaded && s.resultCode == kSuccess) ShowContents(disks, isFile, name);
+  if (loaded && s.resultCode == kSuccess) SetResultIfNone(ShowContents(disks, isFile, name, o.valueText2, out));
 }
 
 void RunWipe(DiskSet& disks) {
@@ -401,41 +403,140 @@ void RunCompare(DiskSet& disks) {
   if (!CompareArgument("/Source", kMissingSource, &source)) return;
   if (!CompareArgument("/Target", kMissingTarget, &target)) return;
   ResultCode result = kSuccess;
+  std::string message;
   try {
-    result = CompareItems(disks, source, target);
+    result = CompareItems(disks, source, target, &message);
   } catch (const CompareReadError&) {
     // No comparison result exists; the exit value must not read as a match.
     SetResultIfNone(kReadFailed);
     throw;
   }
+  if (!message.empty()) AssignValueText(Options().valueText2, message);
   RecordOutcome(result, kCmdCompare);
 }
 
 }  // namespace
 
-void RunSectorCommand(DiskSet& disks) {
-  switch (Options().command) {
-    case kCmdSave:
-      RunSave(disks);
-      break;
-    case kCmdRestore:
-      RunRestore(disks);
-      break;
-    case kCmdShow:
-      RunShow(disks);
-      break;
-    case kCmdWipe:
-      RunWipe(disks);
-      break;
-    case kCmdCopy:
-      RunCopy(disks);
-      break;
-    case kCmdCompare:
-      RunCompare(disks);
-      break;
-    default:
-      break;
+// ---- keywords ---------------------------------------------------------------
+
+void ParseSave(const std::string& argument, const std::string& value) {
+  Options().command = kCmdSave;
+  if (!AreaFromWord(value,
+                    {{"track0", kAreaTrack0},
+                     {"mbr", kAreaMbr},
+                     {"gpt", kAreaGpt},
+                     {"disk", kAreaDisk},
+                     {"vbr", kAreaVbr},
+                     {"range", kAreaRange}},
+                    &Options().areaKind)) {
+    InvalidArea(argument);
   }
 }
+
+void ParseRestore(const std::string& argument, const std::string& value) {
+  Options().command = kCmdRestore;
+  if (AreaFromWord(
+          value,
+          {{"track0", kAreaTrack0}, {"mbr", kAreaMbr}, {"gpt", kAreaGpt}, {"disk", kAreaDisk}, {"vbr", kAreaVbr}},
+          &Options().areaKind)) {
+    return;
+  }
+  if (StartsWithDigit(value)) {
+    Options().areaKind = kAreaRange;
+  } else {
+    InvalidArea(argument);
+  }
+}
+
+void ParseWipe(const std::string& argument, const std::string& value) {
+  Options().command = kCmdWipe;
+  if (!AreaFromWord(
+          value,
+          {{"track0", kAreaTrack0}, {"mbr", kAreaMbr}, {"gpt", kAreaGpt}, {"disk", kAreaDisk}, {"range", kAreaRange}},
+          &Options().areaKind)) {
+    InvalidParameter(argument);
+  }
+}
+
+// ---- questions and reports ------------------------------------------------------
+
+std::string AskRestore(const RunOptions& o, const DiskSet&) {
+  switch (o.areaKind) {
+    case kAreaGpt: return "restore the GPT";
+    case kAreaTrack0: return "restore track 0";
+    case kAreaMbr: return "restore the MBR";
+    default: return "restore the specified sector";
+  }
+}
+
+std::string AskWipe(const RunOptions& o, const DiskSet&) {
+  switch (o.areaKind) {
+    case kAreaMbr: return "wipe the MBR";
+    case kAreaTrack0: return "wipe the track 0";
+    case kAreaDisk: return "wipe the entire disk";
+    case kAreaGpt: return "wipe the GPT Table";
+    case kAreaRange: return "wipe the specified range";
+    default: return "";
+  }
+}
+
+std::string AskCopy(const RunOptions&, const DiskSet&) { return "copy the selected sectors"; }
+
+const char* WipeText(int32_t step, const RunOptions& o) {
+  if (step != kCmdWipe) return nullptr;
+  if (EqualsIgnoreCase(o.valueText, "mbr")) return "MBR successfully cleared";
+  if (EqualsIgnoreCase(o.valueText, "track0")) return "Track 0 successfully cleared";
+  if (EqualsIgnoreCase(o.valueText, "disk")) return "Disk successfully cleared";
+  return "Specified sectors successfully cleared";
+}
+
+const char* CopyText(int32_t step, const RunOptions&) {
+  return step == kCmdCopy ? "Sector was successfully copied" : nullptr;
+}
+
+namespace {
+
+// The area name of save= and restore= reports.
+const char* AreaName(int32_t areaKind) {
+  switch (areaKind) {
+    case kAreaVbr: return "volume boot record";
+    case kAreaGpt: return "GPT";
+    case kAreaDisk: return "disk";
+    case kAreaTrack0: return "track 0";
+    case kAreaMbr: return "MBR";
+    default: return "specified sector range";
+  }
+}
+
+}  // namespace
+
+bool PrintSaved(const RunOptions& o, const RunState&, Sink& out) {
+  out.Printf(" The %s was successfully saved to %s\n", AreaName(o.areaKind), o.valueText2.c_str());
+  return true;
+}
+
+bool PrintRestored(const RunOptions& o, const RunState&, Sink& out) {
+  out.Printf(" The %s was successfully restored from %s\n", AreaName(o.areaKind), o.valueText2.c_str());
+  return true;
+}
+
+bool PrintCompared(const RunOptions&, const RunState&, Sink& out) {
+  out.Write(" The specified items compared successfully\n");
+  return true;
+}
+
+bool PrintNothing(const RunOptions&, const RunState&, Sink&) { return true; }
+
+// ---- handlers -----------------------------------------------------------------
+
+void HandleSave(CommandContext& c) { RunSave(c.disks, c.out); }
+void HandleRestore(CommandContext& c) { RunRestore(c.disks, c.out); }
+void HandleShow(CommandContext& c) {
+  FramedWriter out(c.out, c.frame);
+  RunShow(c.disks, out);
+}
+void HandleWipe(CommandContext& c) { RunWipe(c.disks); }
+void HandleCopy(CommandContext& c) { RunCopy(c.disks); }
+void HandleCompare(CommandContext& c) { RunCompare(c.disks); }
 
 }  // namespace dh

@@ -1,15 +1,13 @@
-#include "sectors/backup_header.h"
+#include "disk/backup_file.h"
 
 #include <algorithm>
 #include <cstring>
 
+#include "base/le.h"
 #include "disk/device.h"
 #include "disk/disk_set.h"
 #include "disk/identify.h"
-#include "base/le.h"
-#include "mbr/partition.h"
 #include "platform/platform.h"
-#include "sectors/sector_io.h"
 
 namespace dh {
 
@@ -130,8 +128,8 @@ uint8_t ReadBackupKind(const std::string& fileName, uint8_t* buffer) {
   std::memset(buffer, 0, kHeaderSize);
   DeviceHandle file;
   if (!file.OpenRead(fileName)) return kBackupRaw;
-  uint32_t got = 0;
-  if (!sectors::ReadFileAt(file, 0, buffer, kHeaderSize, &got) || got < kHeaderSize) return kBackupRaw;
+  bool failed = false;
+  if (ReadFull(file, 0, buffer, kHeaderSize, &failed) < kHeaderSize || failed) return kBackupRaw;
   if (buffer[0] != 'D' || buffer[1] != 'D') return kBackupRaw;
   return buffer[kKindOffset];
 }

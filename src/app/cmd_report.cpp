@@ -1,0 +1,69 @@
+// The reports and queries: list, tablist, writeini, info, and the exit
+// values of isfixed, diskcount and partcount.
+#include <cstdio>
+
+#include "app/command_table.h"
+#include "app/grammar.h"
+#include "app/handlers.h"
+#include "app/messages.h"
+#include "disk/disk_set.h"
+#include "platform/platform.h"
+#include "report/listing.h"
+#include "report/text_fields.h"
+
+namespace dh {
+
+void NotAvailable(const char* name) {
+  std::fprintf(stderr, "diskhold: %s is not available in this build; nothing was changed\n", name);
+}
+
+void HandleList(CommandContext& c) {
+  const RunOptions& o = c.options;
+  ListRequest request;
+  request.diskNumber = o.diskNumber;
+  request.diskExplicit = o.diskExplicit;
+  request.diskFileName = o.diskFileName;
+  request.showFreeSpace = o.showFreeSpace;
+  request.showLogical = o.showLogical;
+  request.asciiMap = o.asciiMap;
+  request.codePage = c.codePage;
+  FramedWriter out(c.out, c.frame);
+  SetResultIfNone(ListDisks(c.disks, request, out));
+  c.state.completedStep = kCmdList;
+}
+
+void HandleWriteIni(CommandContext& c) {
+  if (!FindArgument("/Filename")) {
+    SetResultIfNone(kMissingFilename);
+    return;
+  }
+  AssignValueText(c.options.valueText, CurrentArgumentValue());
+  NotAvailable("writeini");
+}
+
+void HandleInfo(CommandContext&) { NotAvailable("info"); }
+
+const char* WriteIniText(int32_t step, const RunOptions&) {
+  return step == kCmdWriteIni ? "MBR information was successfully written to %s" : nullptr;
+}
+
+const char* BootMenuText(int32_t step, const RunOptions&) {
+  return step == kCmdBootMenu ? "\n Partition %s successfully set to active" : nullptr;
+}
+
+int32_t IsFixedExit(const RunOptions&, const RunState& s, const DiskSet* disks) {
+  if (!disks) return s.resultCode;
+  return disks->mediaType == platform::kMediaRemovable ? 1 : 0;
+}
+
+int32_t DiskCountExit(const RunOptions&, const RunState& s, const DiskSet* disks) {
+  if (!disks) return s.resultCode;
+  return disks->diskCount;
+}
+
+int32_t PartCountExit(const RunOptions&, const RunState& s, const DiskSet* disks) {
+  if (!disks) return s.resultCode;
+  return PartitionCount(*disks, kKindPrimary);  // GPT entries on a GPT disk
+}
+
+}  // namespace dh
