@@ -198,7 +198,7 @@ bool GptTable::MayHaveDriveLetter(const PartitionRecord& record) const {
 }
 
 const char* GptTable::BackupStatusText() const {
-  if (isVirtual) return "Virtual";
+  if (owner_ != nullptr ? owner_->isVirtual : isVirtual) return "Virtual";
   return backupValid ? "Valid" : "Invalid";
 }
 

@@ -11,7 +11,7 @@
 #include "app/run_state.h"
 #include "disk/disk_set.h"
 #include "base/le.h"
-#include "edit/edit_commands.h"
+#include "app/command_table.h"
 #include "edit/partition_create.h"
 #include "fake_machine.h"
 #include "mbr/partition.h"
@@ -55,7 +55,7 @@ class PartitionCreateTest : public ::testing::Test {
 
   void Load() {
     before_ = drive().bytes;
-    disks_ = std::make_unique<DiskSet>(Options().ignoreErrors);
+    disks_ = std::make_unique<DiskSet>(test::TestDrivers(), Options().ignoreErrors);
   }
 
   // Runs create= with the given arguments; returns the run's result.
@@ -66,7 +66,7 @@ class PartitionCreateTest : public ::testing::Test {
     Options().command = kCmdCreate;
     Options().diskNumber = 0;
     Options().partNumber = 1;
-    RunEditCommand(*disks_);
+    test::RunHandler(*disks_);
     return State().resultCode;
   }
 

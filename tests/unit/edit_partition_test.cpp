@@ -11,7 +11,7 @@
 #include "app/grammar.h"
 #include "app/run_state.h"
 #include "disk/disk_set.h"
-#include "edit/edit_commands.h"
+#include "app/command_table.h"
 #include "edit/partition_edit.h"
 #include "edit/partition_sort.h"
 #include "fake_machine.h"
@@ -66,7 +66,7 @@ class PartitionEditTest : public ::testing::Test {
 
   void Load(bool ignore = false) {
     before_ = drive().bytes;
-    disks_ = std::make_unique<DiskSet>(ignore);
+    disks_ = std::make_unique<DiskSet>(test::TestDrivers(), ignore);
     Options().ignoreErrors = ignore;
   }
 
@@ -89,7 +89,7 @@ class PartitionEditTest : public ::testing::Test {
     Options().command = command;
     Options().partNumber = part;
     Options().diskNumber = disk;
-    RunEditCommand(*disks_);
+    test::RunHandler(*disks_);
   }
 
   test::FakeMachine machine_;
@@ -209,13 +209,13 @@ TEST_F(PartitionEditTest, GptDisksAndSuperfloppiesAreNeverWrittenAsATable) {
 TEST_F(PartitionEditTest, IsSortedComparesEveryRecordWithEveryLaterOne) {
   MakeDisk({{0, 0x07, 2048, 100}, {0, 0x07, 63, 100}, {0, 0x07, 4096, 100}});
   Load();
-  EXPECT_FALSE(IsSorted(*disks_->partitions));
+  EXPECT_FALSE(IsSorted(*MbrTable(*disks_)));
   Run(kCmdIsSorted, 1);
   EXPECT_EQ(0, State().sortedFlag);
   // Equal starts and empty tables count as sorted.
   MakeDisk({{0, 0x07, 63, 100}, {0, 0x0C, 63, 100}});
   Load();
-  EXPECT_TRUE(IsSorted(*disks_->partitions));
+  EXPECT_TRUE(IsSorted(*MbrTable(*disks_)));
   PartitionTable empty(disks_.get());
   EXPECT_TRUE(IsSorted(empty));
 }

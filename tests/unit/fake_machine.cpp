@@ -1,6 +1,13 @@
 // The in-memory machine of the unit tests.
 #include "fake_machine.h"
 
+#include "app/command_table.h"
+#include "base/frame.h"
+#include "base/sink.h"
+#include "gpt/gpt_table.h"
+#include "mbr/partition.h"
+#include "vdisk/vmdk.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -264,6 +271,61 @@ bool FakeMachine::SystemMessageText(uint32_t code, std::string* text) {
   if (it == messages.end()) return false;
   *text = it->second;
   return true;
+}
+
+DiskDrivers TestDrivers() {
+  DiskDrivers drivers;
+  drivers.loadMbr = LoadMbrTable;
+  drivers.loadGpt = LoadGptTable;
+  drivers.openVirtual = OpenVmdk;
+  return drivers;
+}
+
+namespace {
+
+class ShiftedFile : public platform::File {
+ public:
+  ShiftedFile(std::unique_ptr<platform::File> file, uint64_t base) : file_(std::move(file)), base_(base) {}
+  bool Seek(uint64_t offset) override { return file_->Seek(base_ + offset); }
+  bool Read(void* b, uint32_t n, uint32_t* done) override { return file_->Read(b, n, done); }
+  bool Write(const void* b, uint32_t n, uint32_t* done) override { return file_->Write(b, n, done); }
+  bool Flush() override { return file_->Flush(); }
+  bool Size(uint64_t* bytes) override {
+    uint64_t all = 0;
+    if (!file_->Size(&all) || all < base_) return false;
+    *bytes = all - base_;
+    return true;
+  }
+  bool GetDriveGeometry(platform::DiskGeometry*) override { return false; }
+  bool GetDriveGeometryEx(platform::DiskGeometry*, uint64_t*) override { return false; }
+  bool GetPartitionInfo(uint64_t*, uint64_t*) override { return false; }
+  bool GetDriveLayoutEx(platform::LayoutEntry*) override { return false; }
+  bool GetDriveLayout(platform::LayoutEntry*) override { return false; }
+  bool UpdateProperties() override { return false; }
+
+ private:
+  std::unique_ptr<platform::File> file_;
+  uint64_t base_;
+};
+
+}  // namespace
+
+std::unique_ptr<VirtualDisk> ShiftedVirtualDisk(std::unique_ptr<platform::File> file, uint64_t baseSectors,
+                                                uint64_t sectors) {
+  auto disk = std::make_unique<VirtualDisk>();
+  disk->opened = true;
+  disk->totalSectors = sectors;
+  disk->sizeBytes = sectors * 512;
+  disk->device.Attach(std::make_unique<ShiftedFile>(std::move(file), baseSectors * 512), "shifted");
+  return disk;
+}
+
+void RunHandler(DiskSet& disks) {
+  const CommandSpec* spec = FindCommand(Options().command);
+  if (spec == nullptr || spec->handler == nullptr) return;
+  static const FrameChars frame = SelectFrameChars(3, 437);
+  CommandContext context{Options(), State(), disks, StdOut(), frame, 437};
+  spec->handler(context);
 }
 
 }  // namespace dh::test

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "disk/disk_set.h"
 #include "platform/platform.h"
 
 namespace dh::test {
@@ -164,5 +165,19 @@ class ScopedHost {
   ScopedHost(const ScopedHost&) = delete;
   ScopedHost& operator=(const ScopedHost&) = delete;
 };
+
+// The table and virtual-disk drivers of the program, for disk sets built by
+// tests.
+DiskDrivers TestDrivers();
+
+// A virtual disk whose sectors lie `baseSectors` sectors into `file`, the
+// way a disk file with metadata in front of its data maps them: the disk
+// set reads and writes it only through its device.
+std::unique_ptr<VirtualDisk> ShiftedVirtualDisk(std::unique_ptr<platform::File> file, uint64_t baseSectors,
+                                                uint64_t sectors);
+
+// Runs the handler of Options().command on `disks` the way the dispatcher
+// does after its selector checks and the question.
+void RunHandler(DiskSet& disks);
 
 }  // namespace dh::test

@@ -8,7 +8,9 @@
 #include <sstream>
 #include <string>
 
-#include "app/frame.h"
+#include "base/frame.h"
+#include "base/sink.h"
+#include "report/text_fields.h"
 #include "disk/disk_set.h"
 #include "fake_machine.h"
 #include "gpt/gpt_table.h"
@@ -26,19 +28,19 @@ using test::ScopedHost;
 class GptListingTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    SetFrameCodePage(437);
-    SelectFrameChars(3);  // plain text: blanks for borders, '-' for lines
     drive = &machine.AddDrive(0, 16384);
   }
-  void TearDown() override { SelectFrameChars(1); }
 
   // Lists a fresh DiskSet, or the current one when `reload` is false.
   std::string List(bool reload = true) {
-    if (reload) disks = std::make_unique<DiskSet>(false);
-    ::testing::internal::CaptureStdout();
-    PrintGptDetails(*disks);
-    PrintGptRows(*disks);
-    return ::testing::internal::GetCapturedStdout();
+    if (reload) disks = std::make_unique<DiskSet>(test::TestDrivers(), false);
+    // Plain text: blanks for borders, '-' for lines.
+    const FrameChars frame = SelectFrameChars(3, 437);
+    StringSink sink;
+    FramedWriter out(sink, frame);
+    PrintGptDetails(*disks, *GptOf(*disks), out);
+    PrintGptRows(*disks, *GptOf(*disks), out);
+    return sink.text;
   }
 
   FakeMachine machine;

@@ -36,10 +36,10 @@ class GptTableTest : public ::testing::Test {
 
   // A DiskSet made now loads disk 0, and with it the GPT.
   GptTable& Load() {
-    disks = std::make_unique<DiskSet>(false);
+    disks = std::make_unique<DiskSet>(test::TestDrivers(), false);
     EXPECT_TRUE(disks->isGpt);
-    EXPECT_NE(disks->gpt, nullptr);
-    return *disks->gpt;
+    EXPECT_NE(GptOf(*disks), nullptr);
+    return *GptOf(*disks);
   }
 
   // Rewrites a field of the primary header with a fresh CRC, as a tool that
@@ -110,9 +110,9 @@ TEST_F(GptTableTest, ShortReadsAreCompleted) {
   test::WriteGptDisk(*drive, kFourEntries);
   Load();
   drive->readLimit = 100;  // the device hands out at most 100 bytes a call
-  disks->gpt = LoadGpt(*disks);
-  EXPECT_EQ(disks->gpt->firstError, kSuccess);
-  EXPECT_EQ(disks->gpt->EntryCount(), 3);
+  disks->table = LoadGptTable(*disks);
+  EXPECT_EQ(GptOf(*disks)->firstError, kSuccess);
+  EXPECT_EQ(GptOf(*disks)->EntryCount(), 3);
 }
 
 TEST_F(GptTableTest, HostileHeadersAreInvalidAndAllocateNothing) {
@@ -205,7 +205,7 @@ TEST_F(GptTableTest, ClearingLeavesOnlyUnknownEntries) {
   for (uint32_t slot = 1; slot < 128; ++slot) EXPECT_EQ(SlotType(*drive, slot), kUnused);
   EXPECT_EQ(GptProblems(*drive), "");
   EXPECT_EQ(Area(*drive, 0, 1), sector0);
-  EXPECT_EQ(disks->gpt->EntryCount(), 0);
+  EXPECT_EQ(GptOf(*disks)->EntryCount(), 0);
   // Nothing left to delete: nothing is written.
   ExpectNoWrite(kSuccess, [&] { return ClearGptEntries(*disks); });
 }
@@ -287,8 +287,9 @@ TEST_F(GptTableTest, SaveAndWipeSizes) {
   }
 }
 
-// The GPT of a disk whose sector 0 lies inside its device, as a virtual
-// disk's does: every read and write is shifted.
+// The GPT of a disk whose sector 0 lies inside its file, as a virtual
+// disk's does: every read and write goes through the disk's device, which
+// places it.
 TEST_F(GptTableTest, AddressesRelativeToTheDisksBase) {
   constexpr uint64_t kBase = 100;
   constexpr uint64_t kInner = 8192;
@@ -298,12 +299,14 @@ TEST_F(GptTableTest, AddressesRelativeToTheDisksBase) {
   std::memcpy(inner.Sector(6144) + 82, "FAT32", 5);
   std::memcpy(drive->Sector(kBase), inner.bytes.data(), inner.bytes.size());
 
-  disks = std::make_unique<DiskSet>(false);  // its own sector 0 is empty
-  disks->bootSectorLba = kBase;
+  disks = std::make_unique<DiskSet>(test::TestDrivers(), false);  // its own sector 0 is empty
+  disks->virtualDisk =
+      test::ShiftedVirtualDisk(machine.Open(test::DrivePath(0), platform::OpenMode::DiskReadWrite), kBase, kInner);
+  disks->isVirtual = true;
   disks->totalSectors = kInner;
   disks->isGpt = true;
-  disks->gpt = LoadGpt(*disks);
-  GptTable& table = *disks->gpt;
+  disks->table = LoadGptTable(*disks);
+  GptTable& table = *GptOf(*disks);
   EXPECT_EQ(table.firstError, kSuccess);
   ASSERT_EQ(table.EntryCount(), 3);
   EXPECT_EQ(table.Details(2)->fileSystemName, "FAT32");
@@ -359,7 +362,7 @@ TEST_F(GptRestoreTest, RefusesWrongFilesAndWritesNothing) {
   for (const auto& [what, file, expected] : cases) EXPECT_EQ(Restore(file), expected) << what;
   EXPECT_EQ(RestoreGptImage(*disks, "missing.dhk"), kGptFileOpen);
   EXPECT_EQ(drive->bytes, before);
-  EXPECT_EQ(disks->gpt->firstError, kGptBadBackupFile);
+  EXPECT_EQ(GptOf(*disks)->firstError, kGptBadBackupFile);
 }
 
 }  // namespace

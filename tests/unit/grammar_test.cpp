@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "app/frame.h"
 #include "app/run_state.h"
 
 namespace dh {
@@ -146,11 +145,8 @@ TEST_F(GrammarTest, SingleArgumentsSetTheirFields) {
     EXPECT_EQ(c.field(), c.value) << c.arg;
   }
 
-  Frame() = FrameChars();
-  SelectFrameChars(1);
   ParseOnly("/te");
-  EXPECT_EQ(Frame().hLine, 0x2Du);
-  EXPECT_EQ(Frame().topLeft, 0x20u);
+  EXPECT_TRUE(Options().textFrame);
   ResetRun();
   EXPECT_EQ(ParseRepairKind(), -1);
 }

@@ -33,7 +33,7 @@ std::vector<uint8_t> SignatureRecord(uint32_t signature, uint64_t byteOffset) {
 
 class IdentifyTest : public ::testing::Test {
  protected:
-  IdentifyTest() : host_(&machine_), disks_(std::make_unique<DiskSet>(false)) {
+  IdentifyTest() : host_(&machine_), disks_(std::make_unique<DiskSet>(test::TestDrivers(), false)) {
     disks_->currentDisk = 0;
     for (int i = 0; i < 4; ++i) disks_->savedSignature[i] = static_cast<uint8_t>(0x12345678 >> (8 * i));
   }

@@ -99,7 +99,7 @@ TEST_F(BackupHeaderDiskTest, GptEntriesBeyondTheFourthHaveNoSlotButMayBeTheSourc
   std::vector<test::GptTestEntry> entries;
   for (uint64_t i = 0; i < 6; ++i) entries.push_back({test::kBasicDataType, 2048 + i * 1000, 2047 + (i + 1) * 1000});
   test::WriteGptDisk(drive, entries);
-  DiskSet disks(false);
+  DiskSet disks(test::TestDrivers(), false);
   ASSERT_TRUE(disks.isGpt);
   ASSERT_EQ(6, PartitionCount(disks, kKindPrimary));
   const char* labels[] = {"ONE", "TWO", "THREE", "FOUR", "FIVE", "SIXTH"};
@@ -127,7 +127,7 @@ TEST_F(BackupHeaderDiskTest, MbrSourceIsThePartitionStartingAtTheFirstSector) {
     StoreLe32(e + 12, 2048);
   }
   drive.SetBootSignature();
-  DiskSet disks(false);
+  DiskSet disks(test::TestDrivers(), false);
   ASSERT_EQ(2, PartitionCount(disks, kKindPrimary));
 
   uint8_t out[512];

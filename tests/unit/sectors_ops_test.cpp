@@ -14,10 +14,11 @@
 #include "app/run_state.h"
 #include "disk/disk_set.h"
 #include "base/le.h"
+#include "base/sink.h"
 #include "fake_machine.h"
 #include "disk/backup_file.h"
 #include "sectors/save_restore.h"
-#include "sectors/sector_commands.h"
+#include "app/command_table.h"
 #include "sectors/sector_ops.h"
 
 namespace dh {
@@ -54,7 +55,7 @@ class SectorOpsTest : public ::testing::Test {
   // A new run on disks loaded afresh.
   std::unique_ptr<DiskSet> Fresh() {
     ResetRun();
-    return std::make_unique<DiskSet>(false);
+    return std::make_unique<DiskSet>(test::TestDrivers(), false);
   }
 
   test::FakeMachine machine_;
@@ -67,7 +68,7 @@ TEST_F(SectorOpsTest, WipeWritesChunksRetriesAFailedOneSectorBySectorAndStopsAtT
   Bytes expected = d.bytes;
   std::fill(expected.begin() + 10 * 512, expected.begin() + 2500 * 512, 0);
   std::fill(expected.begin() + 2502 * 512, expected.end(), 0);
-  DiskSet disks(false);
+  DiskSet disks(test::TestDrivers(), false);
   d.writeCalls = 0;
   // Far beyond the end: no write is tried there, so nothing loops.
   EXPECT_EQ(kWriteFailed, WipeArea(disks, 10, UINT64_MAX));
@@ -85,11 +86,11 @@ TEST_F(SectorOpsTest, RestoreWritesMiBChunksAndFlushesOnce) {
   test::FakeDrive& d = MakeDisk(10000);
   const Bytes data = Sectors(0, 6144, 9);
   machine_.AddFile("three.bin", data);
-  DiskSet disks(false);
+  DiskSet disks(test::TestDrivers(), false);
   d.writeCalls = 0;
   d.flushCalls = 0;
   testing::internal::CaptureStdout();
-  EXPECT_EQ(kSuccess, RestoreFromFile(disks, "three.bin", 0, -1, false));
+  EXPECT_EQ(kSuccess, RestoreFromFile(disks, "three.bin", 0, -1, false, StdOut()));
   EXPECT_EQ("\n Sector Count: 6144 \n", testing::internal::GetCapturedStdout());
   EXPECT_EQ(data, Bytes(d.bytes.begin(), d.bytes.begin() + 6144 * 512));
   EXPECT_EQ(3, d.writeCalls);
@@ -100,9 +101,9 @@ TEST_F(SectorOpsTest, RestoreAndCopyStopAtTheEndOfTheDisk) {
   test::FakeDrive& d = MakeDisk(5000);
   const Bytes data = Sectors(0, 3000, 4);
   machine_.AddFile("big.bin", data);
-  DiskSet disks(false);
+  DiskSet disks(test::TestDrivers(), false);
   testing::internal::CaptureStdout();
-  EXPECT_EQ(kWriteFailed, RestoreFromFile(disks, "big.bin", 4000, -1, false));
+  EXPECT_EQ(kWriteFailed, RestoreFromFile(disks, "big.bin", 4000, -1, false, StdOut()));
   testing::internal::GetCapturedStdout();
   // What fits is written; nothing is tried past the last sector.
   EXPECT_EQ(5000u * 512, d.bytes.size());
@@ -125,27 +126,27 @@ TEST_F(SectorOpsTest, RestoreTakesNoMoreThanTheHeaderDeclares) {
   file.insert(file.end(), three.begin(), three.end());
   machine_.AddFile("mbr.bin", file);
   const Bytes before = d.bytes;
-  DiskSet disks(false);
-  EXPECT_EQ(kSuccess, RestoreFromFile(disks, "mbr.bin", 0, 1, true));
+  DiskSet disks(test::TestDrivers(), false);
+  EXPECT_EQ(kSuccess, RestoreFromFile(disks, "mbr.bin", 0, 1, true, StdOut()));
   EXPECT_EQ(Bytes(three.begin(), three.begin() + 512), Bytes(d.Sector(0), d.Sector(1)));
   EXPECT_EQ(Bytes(before.begin() + 512, before.end()), Bytes(d.Sector(1), d.Sector(100)));
 
   // A count that no byte size can hold is more than any command asks for.
   StoreLe64(file.data() + backup::kSectorCountOffset, UINT64_MAX / 256);
   machine_.AddFile("huge.bin", file);
-  EXPECT_EQ(kFileSizeMismatch, RestoreFromFile(*Fresh(), "huge.bin", 0, 63, false));
+  EXPECT_EQ(kFileSizeMismatch, RestoreFromFile(*Fresh(), "huge.bin", 0, 63, false, StdOut()));
 }
 
 TEST_F(SectorOpsTest, SaveRangeCopesWithShortReadsAndShowsProgressOnlyWhenLong) {
   test::FakeDrive& d = MakeDisk(14000);
   d.readLimit = 1000;  // not even whole sectors per read
-  DiskSet disks(false);
-  EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "quiet.bin", 100, 13000, kBackupRaw));
+  DiskSet disks(test::TestDrivers(), false);
+  EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "quiet.bin", 100, 13000, kBackupRaw, StdOut()));
   EXPECT_EQ(0, machine_.clearScreenCalls);
   EXPECT_EQ(Bytes(d.Sector(100), d.Sector(13100)), machine_.Find("quiet.bin")->bytes);
 
   testing::internal::CaptureStdout();
-  EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "long.bin", 0, 13001, kBackupDisk));
+  EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "long.bin", 0, 13001, kBackupDisk, StdOut()));
   testing::internal::GetCapturedStdout();
   EXPECT_EQ(1, machine_.clearScreenCalls);
   const Bytes& file = machine_.Find("long.bin")->bytes;
@@ -155,10 +156,10 @@ TEST_F(SectorOpsTest, SaveRangeCopesWithShortReadsAndShowsProgressOnlyWhenLong) 
 
 TEST_F(SectorOpsTest, SaveFailuresOfTheBackupFile) {
   MakeDisk(100);
-  DiskSet disks(false);
+  DiskSet disks(test::TestDrivers(), false);
   // A file that takes no writes fails the save, the last chunk too.
   machine_.AddFile("locked.bin").writeProtected = true;
-  EXPECT_EQ(kBackupWriteFailed, SaveRangeToFile(disks, "locked.bin", 0, 10, kBackupRaw));
+  EXPECT_EQ(kBackupWriteFailed, SaveRangeToFile(disks, "locked.bin", 0, 10, kBackupRaw, StdOut()));
   EXPECT_EQ(kBackupWriteFailed, SaveSectorsToFile(*Fresh(), "locked.bin", 0, 1, kBackupMbr));
   // An existing file that cannot be replaced, and a path that cannot exist.
   machine_.AddFile("kept.bin").refusedModes.insert(platform::OpenMode::CreateAlways);
@@ -169,12 +170,12 @@ TEST_F(SectorOpsTest, SaveFailuresOfTheBackupFile) {
 TEST_F(SectorOpsTest, CompareOfAnUnreadableSectorEndsTheRunWith506) {
   test::FakeDrive& d = MakeDisk(100);
   d.badSectors = {50};
-  DiskSet disks(false);
+  DiskSet disks(test::TestDrivers(), false);
   for (const char* a : {"/compare", "/source=50", "/target=0"}) {
     Arguments().Add(a);
     ParseArgument(a);
   }
-  EXPECT_THROW(RunSectorCommand(disks), CompareReadError);
+  EXPECT_THROW(test::RunHandler(disks), CompareReadError);
   EXPECT_EQ(kReadFailed, State().resultCode);
 }
 

@@ -1,7 +1,7 @@
 // Volume boot record inspection: file system detection, FAT and NTFS labels
 // on hand-built volumes and on images made by the system's mkfs tools,
 // hostile boot sectors and MFT records, the volume ID text and the error box.
-#include "mbr/volume.h"
+#include "disk/volume.h"
 
 #include <gtest/gtest.h>
 
@@ -121,7 +121,7 @@ class VolumeTest : public ::testing::Test {
   void SetUp() override {
     // The set is made before the drive exists, so it loads nothing; the
     // tests read through its device.
-    disks = std::make_unique<DiskSet>(false);
+    disks = std::make_unique<DiskSet>(test::TestDrivers(), false);
     drive = &machine.AddDrive(0, kDiskSectors);
     ASSERT_TRUE(disks->device.Open(test::DrivePath(0), platform::OpenMode::DiskReadWrite));
   }
@@ -497,7 +497,7 @@ class LoadedDiskTest : public VolumeTest {
     drive->SetBootSignature();
     drive->Sector(0)[0] = 0x33;
     drive->Sector(0)[1] = 0xC0;
-    disks = std::make_unique<DiskSet>(false);
+    disks = std::make_unique<DiskSet>(test::TestDrivers(), false);
     ASSERT_EQ(disks->diskCount, 1);
   }
   std::string LabelOf(int32_t n) {
