@@ -267,7 +267,7 @@ bool LoadFileForShow(DiskSet& disks, std::string* name) {
   }
   disks.walkExtended = false;
   disks.skipVolumeInfo = true;
-  LoadImageTable(disks);
+  disks.LoadImageTable();
   SetHeading(FileHeading(*name));
   return true;
 }

@@ -25,6 +25,10 @@ std::string PhysicalDrivePath(int32_t number) {
 
 }  // namespace
 
+std::string DriveLetterText(const PartitionRecord& record, const DiskSet& disks) {
+  return DriveLetterText(record, disks.isVirtual);
+}
+
 std::string DriveLetterText(const PartitionRecord& record, bool virtualDisk) {
   if (virtualDisk) return "NA";
   if (static_cast<unsigned char>(record.driveLetter) > ' ') return std::string(1, record.driveLetter) + ":";
@@ -185,6 +189,29 @@ void DiskSet::LoadVolumeInfo() {
       }
     }
   }
+}
+
+void DiskSet::LoadImageTable() {
+  // The rows come from the image's own entries, not from the drive layout
+  // that stands in for the table of a volume without one.
+  superFloppy = 0;
+  const bool walk = walkExtended;
+  const bool skip = skipVolumeInfo;
+  walkExtended = false;
+  skipVolumeInfo = true;
+  if (sector0[mbr::kSlot0TypeOffset] != mbr::kGptProtectiveType) {
+    LoadDisk(false);
+  } else {
+    // Loading a protective MBR would read the GPT of the disk, which is not
+    // what the image holds: its entries are shown as they stand.
+    mediumPresent = true;
+    bootSignatureValid = true;
+    isGpt = false;
+    table = drivers_.loadMbr ? drivers_.loadMbr(*this) : nullptr;
+    activeIndex = -1;
+  }
+  walkExtended = walk;
+  skipVolumeInfo = skip;
 }
 
 ResultCode DiskSet::DeletePartition(int32_t n) {

@@ -47,6 +47,11 @@ class DiskSet {
   void LoadDisk(bool readSector0);
   void LoadSector0();
   void LoadVolumeInfo();
+  // Rebuilds the partition model from the sector0 image alone: no extended
+  // chain, no volume inspection, no GPT read from the disk; a protective
+  // entry shows as the primary partition it is.  For images that are not
+  // the disk's own sector 0 (a backup file's, another sector's).
+  void LoadImageTable();
 
   // The disk layer's first-error rule.
   void RecordError(ResultCode code) {
@@ -114,6 +119,11 @@ class DiskSet {
   // loads it all the same.
   bool firstSelection_ = true;
 };
+
+// The drive letter column of the current disk's listings and reports: "NA"
+// on a virtual disk, "C:" for a partition with a letter, two blanks
+// otherwise.
+std::string DriveLetterText(const PartitionRecord& record, const DiskSet& disks);
 
 // Sector operations (they record their failures).
 ResultCode CountDisks(DiskSet& disks);

@@ -9,7 +9,7 @@
 #include "disk/disk_set.h"
 #include "base/le.h"
 #include "platform/platform.h"
-#include "vdisk/vmdk.h"
+#include "disk/virtual_disk.h"
 
 namespace dh {
 

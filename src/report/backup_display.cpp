@@ -125,7 +125,7 @@ void PrintPartitionDetails(DiskSet& disks, bool failed, FramedWriter& out) {
   out.Emit(separator);
   const std::vector<PartitionRecord*> primaries = Partitions(disks, kKindPrimary);
   for (size_t p = 0; p < primaries.size(); ++p) {
-    PrintPartitionRow(*primaries[p], static_cast<int>(p + 1), kRowBackupFile, false, out);
+    PrintPartitionRow(*primaries[p], static_cast<int>(p + 1), kRowBackupFile, "", out);
   }
 }
 

@@ -79,7 +79,7 @@ void PrintGptRow(const DiskSet& disks, const PartitionRecord& record, const GptE
   static const GptEntryDetails kNoDetails;
   const GptEntryDetails& d = details != nullptr ? *details : kNoDetails;
 
-  const std::string letter = DriveLetterText(record, disks.isVirtual);
+  const std::string letter = DriveLetterText(record, disks);
   const std::string number = std::to_string(position);
   const std::string start = std::to_string(record.startLba);
   const std::string size = FormatSizeCompact(SizeArgument(record.sizeBytes));

@@ -58,10 +58,11 @@ void PrintMbrRows(DiskSet& disks, const ListRequest& options, FramedWriter& out)
     // Free space before the first partition is counted from sector 63, where
     // the first partition of a classic MBR disk begins.
     if (options.showFreeSpace && i == 0 && record.startLba > 63) EmitFreeSpaceRow(out, 63, record.startLba - 63);
-    PrintPartitionRow(record, position, kRowFramed, disks.isVirtual, out);
+    PrintPartitionRow(record, position, kRowFramed, DriveLetterText(record, disks), out);
     if (options.showLogical && IsExtendedType(static_cast<uint32_t>(record.type))) {
       for (size_t j = 0; j < logicals.size(); ++j) {
-        PrintPartitionRow(*logicals[j], position + static_cast<int>(j + 1), kRowFramed, disks.isVirtual, out);
+        PrintPartitionRow(*logicals[j], position + static_cast<int>(j + 1), kRowFramed,
+                          DriveLetterText(*logicals[j], disks), out);
       }
     }
     if (options.showFreeSpace) {
@@ -201,7 +202,8 @@ void PrintMediaAndDescription(DiskSet& disks, FramedWriter& out) {
   out.Inner("   Description: " + description + FillTo(description, 61));
 }
 
-void PrintPartitionRow(const PartitionRecord& record, int position, int form, bool virtualDisk, FramedWriter& out) {
+void PrintPartitionRow(const PartitionRecord& record, int position, int form, const std::string& letter,
+                       FramedWriter& out) {
   const std::string type = Hex2(static_cast<uint32_t>(record.type));
   const std::string size = FormatSizeCompact(static_cast<int64_t>(record.sizeBytes));
   const std::string start = FormatGroupedCount(static_cast<uint32_t>(record.startLba), 14);
@@ -223,7 +225,6 @@ void PrintPartitionRow(const PartitionRecord& record, int position, int form, bo
   } else {
     lead = "L" + LeftNumber(record.logicalNumber, 2) + "  - ";
   }
-  const std::string letter = DriveLetterText(record, virtualDisk);
   const std::string label = CText(record.volumeLabel).empty() ? "<None>" : record.volumeLabel;
   out.Inner(lead + " " + type + "-" + Field(record.typeName, 6) + " " + size + " " +
             Field(record.active ? " Yes" : " No", 4) + "  " + Field(record.hidden ? "Yes" : "No ", 3) + "  " + start +

@@ -46,9 +46,10 @@ void PrintMediaAndDescription(DiskSet& disks, FramedWriter& out);
 
 // One partition row; `position` is the row's place in the disk's list
 // (logical rows at 10 and beyond use a narrower number column).  A framed
-// row of a virtual disk shows "NA" for its drive letter; the backup-file
-// form has no drive letter column.
-void PrintPartitionRow(const PartitionRecord& record, int position, int form, bool virtualDisk, FramedWriter& out);
+// row shows the drive letter column `letter`; the backup-file form has
+// none.
+void PrintPartitionRow(const PartitionRecord& record, int position, int form, const std::string& letter,
+                       FramedWriter& out);
 
 // The code-page character map printed after a listing with `asciimap`.
 void PrintCharacterMap(uint32_t codePage, FramedWriter& out);

@@ -95,34 +95,11 @@ ResultCode CompareItems(DiskSet& disks, const CompareSide& source, const Compare
   return std::memcmp(a, b, kSectorSize) == 0 ? kSuccess : kItemsDiffer;
 }
 
-void LoadImageTable(DiskSet& disks) {
-  // The rows come from the image's own entries, not from the drive layout
-  // that stands in for the table of a volume without one.
-  disks.superFloppy = 0;
-  const bool walk = disks.walkExtended;
-  const bool skip = disks.skipVolumeInfo;
-  disks.walkExtended = false;
-  disks.skipVolumeInfo = true;
-  if (disks.sector0[mbr::kSlot0TypeOffset] != mbr::kGptProtectiveType) {
-    disks.LoadDisk(false);
-  } else {
-    // Loading a protective MBR would read the GPT of the disk, which is not
-    // what the image holds: its entries are shown as they stand.
-    disks.mediumPresent = true;
-    disks.bootSignatureValid = true;
-    disks.isGpt = false;
-    disks.table = LoadMbrTable(disks);
-    disks.activeIndex = -1;
-  }
-  disks.walkExtended = walk;
-  disks.skipVolumeInfo = skip;
-}
-
 ResultCode ReadSectorIntoImage(DiskSet& disks, uint64_t sector, bool requireMarker) {
   std::memset(disks.sector0, 0, sizeof disks.sector0);
   const ResultCode read = ReadSector(disks, sector, disks.sector0);
   if (!requireMarker || HasBootMarker(disks.sector0)) {
-    LoadImageTable(disks);
+    disks.LoadImageTable();
     return read;
   }
   disks.RecordError(kNoMbrHere);

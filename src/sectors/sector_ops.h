@@ -57,9 +57,5 @@ ResultCode CompareItems(DiskSet& disks, const CompareSide& source, const Compare
 // 510.  Returns 0, or the code of this call's failure.
 ResultCode ReadSectorIntoImage(DiskSet& disks, uint64_t sector, bool requireMarker);
 
-// Rebuilds the partition model of the current disk from its sector0 image
-// alone: no extended chain, no volume inspection, no GPT read from the
-// disk; a protective entry shows as the primary partition it is.
-void LoadImageTable(DiskSet& disks);
 
 }  // namespace dh
