@@ -1,5 +1,6 @@
 // The sector maintenance commands: save=, restore=, show=, wipe=, copy and
 // compare, with their area words, questions, argument checks and reports.
+#include <algorithm>
 #include <cctype>
 #include <cinttypes>
 #include <cstdio>
@@ -18,6 +19,7 @@
 #include "disk/device.h"
 #include "disk/disk_set.h"
 #include "disk/volume.h"
+#include "disk/write_plan.h"
 #include "gpt/gpt_table.h"
 #include "platform/platform.h"
 #include "report/backup_display.h"
@@ -171,6 +173,16 @@ void RunSave(DiskSet& disks, Sink& out) {
   RecordOutcome(disks.firstError, kCmdSave);
 }
 
+// Restores `count` sectors (or -1: what the file holds, up to the end of
+// the disk) at `target`, writing nowhere else.
+void RestoreArea(DiskSet& disks, const std::string& name, uint64_t target, int64_t count, bool requireMbr,
+                 Sink& out) {
+  WritePlan plan;
+  plan.Allow(target, count > 0 ? static_cast<uint64_t>(count) : disks.SectorsOnDisk(target, UINT64_MAX));
+  WriteScope scope(disks, plan);
+  RestoreFromFile(disks, name, target, count, requireMbr, out);
+}
+
 void RunRestoreVbr(DiskSet& disks, const std::string& name, Sink& out) {
   if (!FindArgument("/Part")) {
     State().badArgument = "/Part";
@@ -194,8 +206,15 @@ void RunRestoreVbr(DiskSet& disks, const std::string& name, Sink& out) {
     SetResultIfNone(kNotBackupFile);
     return;
   }
-  const uint32_t count = LoadLe32(header + backup::kSectorCountOffset);
-  RestoreFromFile(disks, name, r->startLba, count, false, out);
+  // A volume boot record is the 3 or 7 sectors its type gives, and never
+  // reaches past its partition: a file that holds more is refused.
+  const uint64_t count = LoadLe64(header + backup::kSectorCountOffset);
+  const uint64_t limit = std::min<uint64_t>(VbrSectors(disks, *r), r->sectorCount);
+  if (count > limit) {
+    disks.RecordError(kFileSizeMismatch);
+    return;
+  }
+  RestoreArea(disks, name, r->startLba, static_cast<int64_t>(count), false, out);
 }
 
 void RunRestore(DiskSet& disks, Sink& out) {
@@ -204,22 +223,24 @@ void RunRestore(DiskSet& disks, Sink& out) {
   if (!FileNameArgument(&name)) return;
   switch (o.areaKind) {
     case kAreaMbr:
-      RestoreFromFile(disks, name, 0, 1, !o.ignoreErrors, out);
+      RestoreArea(disks, name, 0, 1, !o.ignoreErrors, out);
       break;
     case kAreaTrack0:
-      RestoreFromFile(disks, name, 0, kTrack0Sectors, false, out);
+      RestoreArea(disks, name, 0, kTrack0Sectors, false, out);
       break;
     case kAreaDisk:
-      RestoreFromFile(disks, name, 0, -1, false, out);
+      RestoreArea(disks, name, 0, -1, false, out);
       break;
     case kAreaGpt:
-      if (GptOf(disks) == nullptr) {
+      // The GPT restore keeps its code in the GPT table; the disk set's
+      // rule (first error, nothing under ignore) makes it the outcome.  A
+      // disk that is no GPT disk, and holds a partition table, refuses it.
+      if (const ResultCode rc = RestoreGptImage(disks, name); rc == kNotGptDisk) {
         SetResultIfNone(kNotGptDisk);
         return;
+      } else {
+        disks.RecordError(rc);
       }
-      // The GPT restore keeps its code in the GPT table; the disk set's
-      // rule (first error, nothing under ignore) makes it the outcome.
-      disks.RecordError(RestoreGptImage(disks, name));
       break;
     case kAreaVbr:
       RunRestoreVbr(disks, name, out);
@@ -229,7 +250,7 @@ void RunRestore(DiskSet& disks, Sink& out) {
       // Sector numbers are used whole: cutting them to 32 bits would put
       // the sector somewhere else on a disk beyond 2 TiB.
       const int64_t sector = ReadDecimal64(CommandValue("restore", o.valueText));
-      RestoreFromFile(disks, name, static_cast<uint64_t>(sector < 0 ? 0 : sector), 1, false, out);
+      RestoreArea(disks, name, static_cast<uint64_t>(sector < 0 ? 0 : sector), 1, false, out);
       break;
     }
     default:
@@ -349,6 +370,9 @@ void RunWipe(DiskSet& disks) {
   }
   // The success text names the area by the word of wipe=.
   AssignValueText(o.valueText, CommandValue("wipe", o.valueText));
+  WritePlan plan;
+  if (last >= first) plan.Allow(first, last - first == UINT64_MAX ? UINT64_MAX : last - first + 1);
+  WriteScope scope(disks, plan);
   WipeArea(disks, first, last);
   RecordOutcome(disks.firstError, kCmdWipe);
 }
@@ -373,6 +397,9 @@ void RunCopy(DiskSet& disks) {
   if (!SectorArgument("/Target", kMissingTarget, &target)) return;
   o.rangeFirst = static_cast<int64_t>(source);
   o.rangeLast = static_cast<int64_t>(target);
+  WritePlan plan;
+  plan.Allow(target, 1);
+  WriteScope scope(disks, plan);
   CopySector(disks, source, target);
   RecordOutcome(disks.firstError, kCmdCopy);
 }

@@ -46,9 +46,37 @@ DiskSet::~DiskSet() {
   device.Close();
 }
 
-SectorDevice& DiskSet::Device() {
+SectorDevice& DiskSet::RawDevice() {
   if (isVirtual && virtualDisk) return virtualDisk->device;
   return device;
+}
+
+bool DiskSet::Guard::Permitted(uint64_t offset, uint64_t bytes) const {
+  const WritePlan* plan = owner_.plan_;
+  if (plan == nullptr || bytes == 0) return plan != nullptr;
+  if (offset > UINT64_MAX - bytes) return false;
+  const uint64_t first = offset / kSectorSize;
+  const uint64_t last = (offset + bytes - 1) / kSectorSize;
+  return plan->Permits(first, last - first + 1);
+}
+
+bool DiskSet::Guard::ReadSome(uint64_t offset, void* buffer, uint32_t bytes, uint32_t* done) {
+  return owner_.RawDevice().ReadSome(offset, buffer, bytes, done);
+}
+
+bool DiskSet::Guard::WriteSome(uint64_t offset, const void* buffer, uint32_t bytes, uint32_t* done) {
+  *done = 0;
+  if (!Permitted(offset, bytes)) return false;
+  return owner_.RawDevice().WriteSome(offset, buffer, bytes, done);
+}
+
+bool DiskSet::Guard::Flush() { return owner_.RawDevice().Flush(); }
+bool DiskSet::Guard::SizeBytes(uint64_t* bytes) { return owner_.RawDevice().SizeBytes(bytes); }
+bool DiskSet::Guard::NextData(uint64_t offset, uint64_t* start, uint64_t* end) {
+  return owner_.RawDevice().NextData(offset, start, end);
+}
+bool DiskSet::Guard::ZeroRange(uint64_t offset, uint64_t bytes) {
+  return Permitted(offset, bytes) && owner_.RawDevice().ZeroRange(offset, bytes);
 }
 
 uint64_t DiskSet::SectorsOnDisk(uint64_t lba, uint64_t count) const {

@@ -18,6 +18,7 @@
 #include "disk/partition_record.h"
 #include "disk/table_driver.h"
 #include "disk/virtual_disk.h"
+#include "disk/write_plan.h"
 
 namespace dh {
 
@@ -58,8 +59,12 @@ class DiskSet {
     if (code != kSuccess && firstError == kSuccess && !ignoreErrors) firstError = code;
   }
 
-  // The device of the current disk: the physical drive or the virtual disk.
-  SectorDevice& Device();
+  // The device of the current disk: the physical drive or the virtual disk,
+  // seen through the write plan in force (WriteScope): reads go through,
+  // writes only inside the plan.
+  SectorDevice& Device() { return guard_; }
+  const WritePlan* writePlan() const { return plan_; }
+  void SetWritePlan(const WritePlan* plan) { plan_ = plan; }
   // The physical drive's handle (ioctls); null while a virtual disk is current.
   DeviceHandle* PhysicalDevice() { return isVirtual ? nullptr : &device; }
 
@@ -114,6 +119,26 @@ class DiskSet {
   uint8_t savedSignature[4] = {};
 
  private:
+  // The device under the guard.
+  SectorDevice& RawDevice();
+
+  class Guard : public SectorDevice {
+   public:
+    explicit Guard(DiskSet& owner) : owner_(owner) {}
+    bool ReadSome(uint64_t offset, void* buffer, uint32_t bytes, uint32_t* done) override;
+    bool WriteSome(uint64_t offset, const void* buffer, uint32_t bytes, uint32_t* done) override;
+    bool Flush() override;
+    bool SizeBytes(uint64_t* bytes) override;
+    bool NextData(uint64_t offset, uint64_t* start, uint64_t* end) override;
+    bool ZeroRange(uint64_t offset, uint64_t bytes) override;
+
+   private:
+    bool Permitted(uint64_t offset, uint64_t bytes) const;
+    DiskSet& owner_;
+  };
+
+  Guard guard_{*this};
+  const WritePlan* plan_ = nullptr;
   DiskDrivers drivers_;
   // Cleared by the first selection; while set, selecting the current index
   // loads it all the same.

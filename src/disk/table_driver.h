@@ -10,6 +10,7 @@
 
 #include "base/result_codes.h"
 #include "disk/partition_record.h"
+#include "disk/write_plan.h"
 
 namespace dh {
 
@@ -37,6 +38,11 @@ class TableDriver {
   // Whether the disk set rebuilds the model from its sector-0 image after
   // a delete (the MBR model is made from it; a GPT keeps its own records).
   virtual bool RebuildsFromSector0() const = 0;
+
+  // The sectors of every partition the table knows of, whether or not it
+  // lists them (extended areas with their EBRs, GPT entries of unknown
+  // types): what a write to the table's own areas must never touch.
+  virtual std::vector<SectorRange> OccupiedSectors() = 0;
 
   // Whether the system may have given the partition a drive letter: the
   // types of the file systems it mounts.

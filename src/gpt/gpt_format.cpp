@@ -75,6 +75,15 @@ bool HeaderLayoutWritable(const uint8_t* header) {
          LoadLe32(header + gpt::kEntrySizeField) == gpt::kEntrySize;
 }
 
+bool HeaderCrcMatches(const uint8_t* header) {
+  if (!HeaderLayoutWritable(header)) return false;
+  uint8_t copy[gpt::kMaxHeaderSize];
+  const uint32_t size = LoadLe32(header + gpt::kHeaderSize);
+  std::memcpy(copy, header, size);
+  StoreLe32(copy + gpt::kHeaderCrc, 0);
+  return Crc32(copy, size) == LoadLe32(header + gpt::kHeaderCrc);
+}
+
 void UpdateHeaderCrc(uint8_t* header) {
   // A size outside one sector would make the CRC read past the buffer.
   if (!HeaderLayoutWritable(header)) return;

@@ -100,6 +100,9 @@ ResultCode ValidateGptHeader(const uint8_t* header, uint64_t diskSectors, GptHea
 // of 128 bytes.
 bool HeaderLayoutWritable(const uint8_t* header);
 
+// Whether the header's CRC matches its bytes (with a writable layout).
+bool HeaderCrcMatches(const uint8_t* header);
+
 // Recomputes the header CRC of a header sector in place; does nothing to a
 // header that fails HeaderLayoutWritable.
 void UpdateHeaderCrc(uint8_t* header);

@@ -16,6 +16,7 @@
 #include "base/le.h"
 #include "disk/backup_file.h"
 #include "disk/disk_set.h"
+#include "disk/write_plan.h"
 #include "disk/volume.h"
 #include "gpt/gpt_types.h"
 
@@ -125,32 +126,44 @@ void ReadEntries(DiskSet& disks, GptTable& table) {
   }
 }
 
-// Where the backup entry array goes: the backup header's own array LBA when
-// that header is valid, else the sectors right before the alternate header.
-// Either must lie between the last usable LBA and the alternate header,
-// inside the disk, clear of the primary array; false when neither does.
-bool BackupArrayLba(const DiskSet& disks, const GptTable& table, uint64_t* out) {
+// Where a rewrite of the GPT writes: the primary array and header where
+// the primary header says (behind sector 1, clear of every partition), and
+// the backup header at the disk's last sector with its array right before
+// it, beyond the last usable LBA and clear of every partition, whatever the
+// header's alternate LBA says.  The write plan allows exactly these sectors.
+struct RewritePlan {
+  uint64_t backupHeaderLba = 0;
+  uint64_t backupArrayLba = 0;
+  WritePlan plan;
+};
+
+// The code a damaged table refuses a rewrite with, or 0 with `out` filled.
+ResultCode PlanRewrite(DiskSet& disks, const GptTable& table, RewritePlan* out) {
+  if (!table.headerValid) return kGptInvalid;
+  if (!table.arrayLoaded) return kGptFileRead;
+  // A header whose size or entry size differs from what is rewritten here
+  // would be left with checksums over the wrong bytes: it is not touched.
+  if (!HeaderLayoutWritable(table.primaryHeader)) return kGptSaveFailed;
+  // Numbers from a header or array whose checksum fails are not trusted to
+  // say where anything goes.
+  if (!table.headerCrcValid || !table.arrayCrcValid) return kGptInvalid;
   const GptHeaderFacts& h = table.header;
-  const uint64_t alternate = h.alternateLba;
   const uint64_t sectors = h.arraySectors;
-  if (alternate <= 1 || alternate <= h.lastUsableLba) return false;
-  if (disks.totalSectors != 0 && alternate >= disks.totalSectors) return false;
-  auto fits = [&](uint64_t lba) {
-    return lba > h.lastUsableLba && lba >= h.entryArrayLba + sectors && lba <= alternate &&
-           sectors <= alternate - lba;
-  };
-  if (table.backupValid) {
-    const uint64_t own = LoadLe64(table.backupHeader + gpt::kEntryArrayLba);
-    if (fits(own)) {
-      *out = own;
-      return true;
-    }
+  const uint64_t total = disks.totalSectors;
+  if (total < 3 || sectors > total - 3) return kGptSaveFailed;
+  out->backupHeaderLba = total - 1;
+  out->backupArrayLba = total - 1 - sectors;
+  if (out->backupArrayLba <= h.lastUsableLba || out->backupArrayLba < h.entryArrayLba + sectors) {
+    return kGptSaveFailed;
   }
-  if (alternate >= sectors && fits(alternate - sectors)) {
-    *out = alternate - sectors;
-    return true;
-  }
-  return false;
+  WritePlan& plan = out->plan;
+  plan.Allow(1, 1);
+  plan.Allow(h.entryArrayLba, sectors);
+  plan.Allow(out->backupArrayLba, sectors + 1);
+  for (const SectorRange& r : KnownPartitionSectors(disks)) plan.Forbid(r.first, r.count);
+  const bool fits = plan.Permits(1, 1) && plan.Permits(h.entryArrayLba, sectors) &&
+                    plan.Permits(out->backupArrayLba, sectors + 1);
+  return fits ? kSuccess : kGptSaveFailed;
 }
 
 ResultCode Fail(GptTable& table, ResultCode code) {
@@ -188,6 +201,25 @@ std::vector<PartitionRecord*> GptTable::Records(int32_t) {
 ResultCode GptTable::Delete(int32_t n) { return RemoveGptEntry(*owner_, n); }
 ResultCode GptTable::DeleteAll() { return ClearGptEntries(*owner_); }
 
+std::vector<SectorRange> GptTable::OccupiedSectors() {
+  std::vector<SectorRange> out;
+  const auto add = [&](uint64_t first, uint64_t last) {
+    if (last >= first) out.push_back({first, last - first == UINT64_MAX ? UINT64_MAX : last - first + 1});
+  };
+  if (arrayLoaded) {
+    // Every entry in use, of a known type or not.
+    for (size_t slot = 0; slot < static_cast<size_t>(header.entryCount); ++slot) {
+      const uint8_t* raw = entryArray.data() + slot * gpt::kEntrySize;
+      if (!IsUnusedEntry(raw)) add(LoadLe64(raw + gpt::kEntryFirstLba), LoadLe64(raw + gpt::kEntryLastLba));
+    }
+  } else {
+    for (const auto& record : entries) {
+      if (record->sectorCount != 0) out.push_back({record->startLba, record->sectorCount});
+    }
+  }
+  return out;
+}
+
 bool GptTable::MayHaveDriveLetter(const PartitionRecord& record) const {
   switch (record.type) {
     case 0x01: case 0x04: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0D: case 0x0E:
@@ -213,19 +245,21 @@ std::unique_ptr<TableDriver> LoadGptTable(DiskSet& disks) {
     return table;
   }
   table->headerValid = true;
+  table->headerCrcValid = HeaderCrcMatches(table->primaryHeader);
   CheckBackup(disks, *table);
   ReadEntries(disks, *table);
+  table->arrayCrcValid =
+      table->arrayLoaded && LoadLe32(table->primaryHeader + gpt::kEntryArrayCrc) ==
+                                Crc32(table->entryArray.data(), static_cast<size_t>(table->header.entryCount) *
+                                                                    gpt::kEntrySize);
   return table;
 }
 
 ResultCode WriteGptEntries(DiskSet& disks) {
   GptTable* table = TableOf(disks);
   if (table == nullptr) return kNotGptDisk;
-  if (!table->headerValid) return Fail(*table, kGptInvalid);
-  if (!table->arrayLoaded) return Fail(*table, kGptFileRead);
-  // A header whose size or entry size differs from what is rewritten here
-  // would be left with checksums over the wrong bytes: it is not touched.
-  if (!HeaderLayoutWritable(table->primaryHeader)) return Fail(*table, kGptSaveFailed);
+  RewritePlan where;
+  if (ResultCode refusal = PlanRewrite(disks, *table, &where)) return Fail(*table, refusal);
 
   const GptHeaderFacts& h = table->header;
   const size_t count = static_cast<size_t>(h.entryCount);
@@ -244,40 +278,39 @@ ResultCode WriteGptEntries(DiskSet& disks) {
     newSlot[slot] = static_cast<int32_t>(kept++);
   }
 
+  // The primary names the backup where it now goes.
   uint8_t primary[kSectorSize];
   std::memcpy(primary, table->primaryHeader, kSectorSize);
+  StoreLe64(primary + gpt::kAlternateLba, where.backupHeaderLba);
   StoreLe32(primary + gpt::kEntryArrayCrc, Crc32(array.data(), arrayBytes));
   UpdateHeaderCrc(primary);
 
   // The backup header is the primary seen from the other end of the disk.
   uint8_t backup[kSectorSize] = {};
-  uint64_t backupArrayLba = 0;
-  const bool writeBackup = BackupArrayLba(disks, *table, &backupArrayLba);
-  if (writeBackup) {
-    std::memcpy(backup, primary, kSectorSize);
-    StoreLe64(backup + gpt::kMyLba, h.alternateLba);
-    StoreLe64(backup + gpt::kAlternateLba, 1);
-    StoreLe64(backup + gpt::kEntryArrayLba, backupArrayLba);
-    UpdateHeaderCrc(backup);
-  }
+  std::memcpy(backup, primary, kSectorSize);
+  StoreLe64(backup + gpt::kMyLba, where.backupHeaderLba);
+  StoreLe64(backup + gpt::kAlternateLba, 1);
+  StoreLe64(backup + gpt::kEntryArrayLba, where.backupArrayLba);
+  UpdateHeaderCrc(backup);
 
   // Primary array before its header, so that a header never describes an
   // array that is not there yet; the backup follows the same order.
+  WriteScope scope(disks, where.plan);
   const uint32_t bytes = static_cast<uint32_t>(array.size());
   SectorDevice& device = disks.Device();
   bool ok = bytes == 0 || WriteWhole(device, h.entryArrayLba, array.data(), bytes);
   ok = ok && WriteWhole(device, 1, primary, kSectorSize);
-  if (ok && writeBackup) {
-    ok = (bytes == 0 || WriteWhole(device, backupArrayLba, array.data(), bytes)) &&
-         WriteWhole(device, h.alternateLba, backup, kSectorSize);
-  }
+  ok = ok && (bytes == 0 || WriteWhole(device, where.backupArrayLba, array.data(), bytes)) &&
+       WriteWhole(device, where.backupHeaderLba, backup, kSectorSize);
   ok = ok && device.Flush();
+  const bool writeBackup = true;
 
   // The records keep the new state even when the write failed, as the MBR
   // edits do: memory shows what was asked for, the code what happened.
   table->entryArray = std::move(array);
   std::fill(table->slotRemoved.begin(), table->slotRemoved.end(), 0);
   std::memcpy(table->primaryHeader, primary, kSectorSize);
+  table->header.alternateLba = where.backupHeaderLba;
   if (writeBackup && ok) {
     std::memcpy(table->backupHeader, backup, kSectorSize);
     table->backupValid = true;
@@ -289,8 +322,10 @@ ResultCode WriteGptEntries(DiskSet& disks) {
 ResultCode RemoveGptEntry(DiskSet& disks, int32_t n) {
   GptTable* table = TableOf(disks);
   if (table == nullptr) return kNotGptDisk;
-  if (!table->headerValid) return Fail(*table, kGptInvalid);
   if (n < 1 || n > table->EntryCount()) return kInvalidPartition;
+  // A table that cannot be rewritten is refused before anything changes.
+  RewritePlan where;
+  if (ResultCode refusal = PlanRewrite(disks, *table, &where)) return Fail(*table, refusal);
   const size_t index = static_cast<size_t>(n - 1);
   const int32_t slot = table->entries[index]->gptEntryIndex;
   if (slot >= 0 && static_cast<size_t>(slot) < table->slotRemoved.size()) {
@@ -304,8 +339,8 @@ ResultCode RemoveGptEntry(DiskSet& disks, int32_t n) {
 ResultCode ClearGptEntries(DiskSet& disks) {
   GptTable* table = TableOf(disks);
   if (table == nullptr) return kNotGptDisk;
-  if (!table->headerValid) return Fail(*table, kGptInvalid);
-  if (!table->arrayLoaded) return Fail(*table, kGptFileRead);
+  RewritePlan where;
+  if (ResultCode refusal = PlanRewrite(disks, *table, &where)) return Fail(*table, refusal);
   if (table->entries.empty()) return kSuccess;
   for (const auto& record : table->entries) {
     const int32_t slot = record->gptEntryIndex;
@@ -318,39 +353,104 @@ ResultCode ClearGptEntries(DiskSet& disks) {
   return WriteGptEntries(disks);
 }
 
+namespace {
+
+// Whether sector 0 of the disk holds no partition table at all: no 55 AA,
+// or four empty entries.  A GPT backup may be restored onto such a disk
+// (one whose GPT was wiped, say), never over an MBR partition table.
+bool HoldsNoPartitionTable(const DiskSet& disks) {
+  const uint8_t* s = disks.sector0;
+  if (s[mbr::kBootSignatureOffset] != 0x55 || s[mbr::kBootSignatureOffset + 1] != 0xAA) return true;
+  for (size_t slot = 0; slot < mbr::kSlotCount; ++slot) {
+    if (s[mbr::kEntryOffset + mbr::kEntrySize * slot + mbr::kEntryType] != 0) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 ResultCode RestoreGptImage(DiskSet& disks, const std::string& file) {
   GptTable* table = TableOf(disks);
-  if (table == nullptr) return kNotGptDisk;
+  const auto fail = [&](ResultCode code) {
+    if (table != nullptr) table->RecordError(code);
+    return code;
+  };
+  const bool blankDisk = table == nullptr && HoldsNoPartitionTable(disks);
+  if (table == nullptr && !blankDisk) return kNotGptDisk;
 
   DeviceHandle source;
-  if (!source.OpenRead(file)) return Fail(*table, kGptFileOpen);
+  if (!source.OpenRead(file)) return fail(kGptFileOpen);
   uint8_t header[kSectorSize];
-  if (!ReadWhole(source, 0, header, kSectorSize)) return Fail(*table, kGptFileRead);
+  if (!ReadWhole(source, 0, header, kSectorSize)) return fail(kGptFileRead);
   if (header[backup::kMagicOffset] != 'D' || header[backup::kMagicOffset + 1] != 'D' ||
       header[backup::kKindOffset] != kBackupGpt) {
-    return Fail(*table, kGptBadBackupFile);
+    return fail(kGptBadBackupFile);
   }
 
-  // A GPT area is at most sector 0, the header and the largest array; a
-  // count beyond that is not a GPT save, and would only size an allocation.
-  const uint32_t count = LoadLe32(header + backup::kSectorCountOffset);
-  if (count > gpt::kMaxAreaSectors) return Fail(*table, kGptBadBackupFile);
-  std::vector<uint8_t> data(static_cast<size_t>(count) * kSectorSize);
-  if (count != 0 && !ReadWhole(source, 1, data.data(), static_cast<uint32_t>(data.size()))) {
-    return Fail(*table, kGptFileRead);
+  // The saved header says what the area is: sector 0, the header, and the
+  // array right behind it.  It must pass the checks a header read from the
+  // disk passes, its CRC included, and describe an array on this disk.
+  if (LoadLe64(header + backup::kSectorCountOffset) < 2) return fail(kGptInvalid);
+  uint8_t head[2 * kSectorSize];
+  if (!ReadWhole(source, 1, head, sizeof head)) return fail(kGptFileRead);
+  const uint8_t* savedHeader = head + kSectorSize;
+  GptHeaderFacts facts;
+  if (ValidateGptHeader(savedHeader, disks.totalSectors, &facts) != kSuccess || !HeaderCrcMatches(savedHeader) ||
+      facts.entryArrayLba != 2) {
+    return fail(kGptInvalid);
   }
+  const uint64_t area = uint64_t{2} + facts.arraySectors;
+  // A file that holds more (or less) than that area is not restored.
+  if (LoadLe64(header + backup::kSectorCountOffset) != area) return fail(kFileSizeMismatch);
+  std::vector<uint8_t> data(static_cast<size_t>(area) * kSectorSize);
+  if (!ReadWhole(source, 1, data.data(), static_cast<uint32_t>(data.size()))) return fail(kGptFileRead);
   source.Close();
+  const size_t arrayBytes = static_cast<size_t>(facts.entryCount) * gpt::kEntrySize;
+  if (Crc32(data.data() + 2 * kSectorSize, arrayBytes) != LoadLe32(data.data() + kSectorSize + gpt::kEntryArrayCrc)) {
+    return fail(kGptInvalid);
+  }
+  // Onto a disk without a partition table only a whole GPT goes: its
+  // protective MBR must be one.
+  const uint8_t* mbrSector = data.data();
+  if (blankDisk && (mbrSector[mbr::kBootSignatureOffset] != 0x55 || mbrSector[mbr::kBootSignatureOffset + 1] != 0xAA ||
+                    mbrSector[mbr::kSlot0TypeOffset] != mbr::kGptProtectiveType)) {
+    return kNotGptDisk;
+  }
 
-  // The saved header must describe an array that lies on this disk, as a
-  // header read from the disk must.
-  if (count < 2 || ValidateGptHeader(data.data() + kSectorSize, disks.totalSectors, nullptr) != kSuccess) {
-    return Fail(*table, kGptInvalid);
+  // The backup goes to the disk's end, beyond the saved usable area; the
+  // restored primary names it there.
+  const uint64_t total = disks.totalSectors;
+  const uint64_t sectors = facts.arraySectors;
+  if (total < area + sectors + 1) return fail(kGptInvalid);
+  const uint64_t backupHeaderLba = total - 1;
+  const uint64_t backupArrayLba = total - 1 - sectors;
+  if (backupArrayLba <= facts.lastUsableLba || backupArrayLba < area) return fail(kGptInvalid);
+  uint8_t* primary = data.data() + kSectorSize;
+  if (LoadLe64(primary + gpt::kAlternateLba) != backupHeaderLba) {
+    StoreLe64(primary + gpt::kAlternateLba, backupHeaderLba);
+    UpdateHeaderCrc(primary);
   }
-  if (disks.totalSectors != 0 && count > disks.totalSectors) return Fail(*table, kGptSaveFailed);
-  if (!WriteWhole(disks.Device(), 0, data.data(), static_cast<uint32_t>(data.size())) || !disks.Device().Flush()) {
-    return Fail(*table, kGptSaveFailed);
-  }
-  return kSuccess;
+  uint8_t backupHeader[kSectorSize];
+  std::memcpy(backupHeader, primary, kSectorSize);
+  StoreLe64(backupHeader + gpt::kMyLba, backupHeaderLba);
+  StoreLe64(backupHeader + gpt::kAlternateLba, 1);
+  StoreLe64(backupHeader + gpt::kEntryArrayLba, backupArrayLba);
+  UpdateHeaderCrc(backupHeader);
+
+  // Exactly the area and the backup, clear of every partition the disk
+  // knows of now.
+  WritePlan plan;
+  plan.Allow(0, area);
+  plan.Allow(backupArrayLba, sectors + 1);
+  for (const SectorRange& r : KnownPartitionSectors(disks)) plan.Forbid(r.first, r.count);
+  if (!plan.Permits(0, area) || !plan.Permits(backupArrayLba, sectors + 1)) return fail(kGptSaveFailed);
+  WriteScope scope(disks, plan);
+  SectorDevice& device = disks.Device();
+  const bool ok = WriteWhole(device, 0, data.data(), static_cast<uint32_t>(data.size())) &&
+                  (sectors == 0 || WriteWhole(device, backupArrayLba, data.data() + 2 * kSectorSize,
+                                              static_cast<uint32_t>(sectors * kSectorSize))) &&
+                  WriteWhole(device, backupHeaderLba, backupHeader, kSectorSize) && device.Flush();
+  return ok ? kSuccess : fail(kGptSaveFailed);
 }
 
 bool GptHeaderValid(const DiskSet& disks) {
@@ -365,17 +465,18 @@ uint64_t GptSaveSectorCount(const DiskSet& disks) {
   return uint64_t{2} + GptOf(disks)->header.arraySectors;
 }
 
-uint64_t GptWipeLastSector(const DiskSet& disks) {
+uint64_t GptWipeLastSector(DiskSet& disks) {
   if (!GptHeaderValid(disks)) return 0;
   const GptTable& table = *GptOf(disks);
-  // The wipe ends before the first partition even when the header claims
-  // more, so that a damaged header cannot make it run into data.
+  // The wipe ends before the first partition of either table, whatever the
+  // header claims, so that a damaged header cannot make it run into data.
   uint64_t limit = disks.totalSectors != 0 ? disks.totalSectors : UINT64_MAX;
-  if (table.arrayLoaded) {
-    for (size_t slot = 0; slot < static_cast<size_t>(table.header.entryCount); ++slot) {
-      const uint8_t* raw = table.entryArray.data() + slot * gpt::kEntrySize;
-      if (!IsUnusedEntry(raw)) limit = std::min(limit, LoadLe64(raw + gpt::kEntryFirstLba));
-    }
+  for (const SectorRange& r : KnownPartitionSectors(disks)) limit = std::min(limit, r.first);
+  // Without an array that checks out the partitions are not known: the
+  // wipe keeps to the area the header itself occupies (at least the usual
+  // 34 sectors).
+  if (!table.arrayLoaded || !table.arrayCrcValid) {
+    limit = std::min(limit, std::max<uint64_t>(table.header.entryArrayLba + table.header.arraySectors, 34));
   }
   const uint64_t firstUsable = std::min(table.header.firstUsableLba, limit);
   // Sector 0 and the header are always part of the GPT area.

@@ -54,6 +54,7 @@ class GptTable : public TableDriver {
   ResultCode Delete(int32_t n) override;
   ResultCode DeleteAll() override;
   bool RebuildsFromSector0() const override { return false; }
+  std::vector<SectorRange> OccupiedSectors() override;
   // The drive-letter rule of the MBR types, applied to the detected file
   // system number that a GPT record holds as its type.
   bool MayHaveDriveLetter(const PartitionRecord& record) const override;
@@ -77,6 +78,10 @@ class GptTable : public TableDriver {
   // holds its facts.  Nothing is read or written through a header without it.
   bool headerValid = false;
   GptHeaderFacts header;
+  // The header's CRC and the entry array's CRC check out.  A table that
+  // fails either is listed but never rewritten.
+  bool headerCrcValid = false;
+  bool arrayCrcValid = false;
   bool backupValid = false;
   bool isVirtual = false;
   // The whole sectors of the entry array as read, entries of every type
@@ -115,9 +120,12 @@ ResultCode RemoveGptEntry(DiskSet& disks, int32_t n);
 ResultCode ClearGptEntries(DiskSet& disks);
 
 // The restore=gpt operation: writes the GPT area saved in a Diskhold Backup
-// File of kind 3 at the disk's sector 0.  Returns 0 or 200, 202, 203, 204,
-// 205 (131 when the current disk has no GPT table).  The table in memory is
-// not refreshed.
+// File of kind 3 at the disk's sector 0 (exactly the area its saved header
+// describes, checked against its CRCs), and the backup GPT at the disk's
+// end to match.  The disk must be a GPT disk, or one whose sector 0 holds no
+// partition table while the file holds a protective MBR (131 otherwise).
+// Returns 0 or 200, 202, 203, 204, 205, 560.  The table in memory is not
+// refreshed.
 ResultCode RestoreGptImage(DiskSet& disks, const std::string& file);
 
 // Whether the current disk is a GPT disk whose primary header passed the
@@ -131,6 +139,6 @@ uint64_t GptSaveSectorCount(const DiskSet& disks);
 // held below the first sector of any entry in the array and inside the
 // disk.  LBAs of the disk, as the header counts them.  0 without a valid
 // header.
-uint64_t GptWipeLastSector(const DiskSet& disks);
+uint64_t GptWipeLastSector(DiskSet& disks);
 
 }  // namespace dh

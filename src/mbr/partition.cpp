@@ -313,6 +313,26 @@ ResultCode PartitionTable::DeleteAll() {
   return disks.firstError;
 }
 
+std::vector<SectorRange> PartitionTable::OccupiedSectors() {
+  // Extended primaries cover their logical partitions and the EBRs.
+  std::vector<SectorRange> out;
+  for (const auto& record : records) {
+    if (record->sectorCount != 0) out.push_back({record->startLba, record->sectorCount});
+  }
+  return out;
+}
+
+namespace {
+
+// Sector 0 and nothing else.
+WritePlan Sector0Plan() {
+  WritePlan plan;
+  plan.Allow(0, 1);
+  return plan;
+}
+
+}  // namespace
+
 std::unique_ptr<TableDriver> LoadMbrTable(DiskSet& disks) {
   auto table = std::make_unique<PartitionTable>(&disks);
   table->Load();
@@ -338,11 +358,15 @@ ResultCode WritePartitionTable(DiskSet& disks, bool sortedLayout) {
     std::memcpy(buffer + mbr::kEntryOffset + mbr::kEntrySize * static_cast<size_t>(slot), primaries[i]->rawEntry,
                 mbr::kEntrySize);
   }
+  const WritePlan plan = Sector0Plan();
+  WriteScope scope(disks, plan);
   return WriteSectors(disks, 0, buffer, 1);
 }
 
 ResultCode WriteSector0Image(DiskSet& disks) {
   if (RefuseSuperFloppy(disks)) return kRemovableNoMbr;
+  const WritePlan plan = Sector0Plan();
+  WriteScope scope(disks, plan);
   return WriteSectors(disks, 0, disks.sector0, 1);
 }
 

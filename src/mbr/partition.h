@@ -52,6 +52,7 @@ class PartitionTable : public TableDriver {
   ResultCode Delete(int32_t n) override;
   ResultCode DeleteAll() override;
   bool RebuildsFromSector0() const override { return true; }
+  std::vector<SectorRange> OccupiedSectors() override;
   bool MayHaveDriveLetter(const PartitionRecord& record) const override;
 
   int32_t sorted = 0;

@@ -199,16 +199,19 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
   const bool sizeFits = headerCount <= UINT64_MAX / kSectorSize;
   const uint64_t dataSize = hasHeader ? (sizeFits ? headerCount * kSectorSize : UINT64_MAX)
                                       : GetFileSizeByName(fileName);
-  if (count > 0) {
-    // A header file may hold one sector more than asked for (a header
-    // counted as a sector); a smaller file is accepted.
-    const uint64_t asked = static_cast<uint64_t>(count);
-    const uint64_t allowed = asked > UINT64_MAX / kSectorSize - 1 ? UINT64_MAX
-                                                                  : asked * kSectorSize + (hasHeader ? kSectorSize : 0);
-    if (!sizeFits || dataSize % kSectorSize != 0 || dataSize > allowed) {
-      disks.RecordError(kFileSizeMismatch);
-      return disks.firstError;
-    }
+  // A restore writes at most the sectors its area names: a file that holds
+  // more (a header file counted one sector long, a disk image larger than
+  // the disk) is refused before anything is written.  A smaller file is
+  // accepted.
+  const uint64_t room =
+      count > 0 ? static_cast<uint64_t>(count) : (disks.totalSectors != 0 ? disks.SectorsOnDisk(targetSector, UINT64_MAX)
+                                                                            : UINT64_MAX);
+  const uint64_t allowed = room > UINT64_MAX / kSectorSize ? UINT64_MAX : room * kSectorSize;
+  // A whole-disk restore leaves a last partial sector out, as it always has.
+  const uint64_t wholeBytes = count > 0 ? dataSize : dataSize / kSectorSize * kSectorSize;
+  if (!sizeFits || (count > 0 && dataSize % kSectorSize != 0) || wholeBytes > allowed) {
+    disks.RecordError(kFileSizeMismatch);
+    return disks.firstError;
   }
   if (count == -1) out.Printf("\n Sector Count: %" PRIu64 " \n", hasHeader ? headerCount : dataSize / kSectorSize);
 

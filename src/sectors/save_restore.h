@@ -37,8 +37,9 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
 constexpr uint64_t kQuietSaveSectors = 13000;
 
 // Writes the sectors a backup file holds at `targetSector` on.  `count` is
-// the number of sectors the command asks for (the file may hold fewer, or
-// one more when it has a header), or -1 for whatever the file holds.
+// the number of sectors the command asks for (the file may hold fewer, never
+// more: 560), or -1 for whatever the file holds, which must fit on the disk
+// from `targetSector` on (560).  The caller's write plan covers the area.
 // `requireMbr`: every chunk must end in 55 AA at bytes 510..511 (561).
 // With `count` -1 the sector count is printed to `out` first.
 ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t targetSector, int64_t count,

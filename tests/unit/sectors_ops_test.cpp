@@ -15,6 +15,7 @@
 #include "disk/disk_set.h"
 #include "base/le.h"
 #include "base/sink.h"
+#include "disk/write_plan.h"
 #include "fake_machine.h"
 #include "disk/backup_file.h"
 #include "sectors/save_restore.h"
@@ -62,6 +63,13 @@ class SectorOpsTest : public ::testing::Test {
   test::ScopedHost host_;
 };
 
+// The plan of a command that may write anywhere on the disk.
+WritePlan AnySector() {
+  WritePlan plan;
+  plan.Allow(0, UINT64_MAX);
+  return plan;
+}
+
 TEST_F(SectorOpsTest, WipeWritesChunksRetriesAFailedOneSectorBySectorAndStopsAtTheEnd) {
   test::FakeDrive& d = MakeDisk(6000);
   d.badSectors = {2500, 2501};
@@ -69,6 +77,7 @@ TEST_F(SectorOpsTest, WipeWritesChunksRetriesAFailedOneSectorBySectorAndStopsAtT
   std::fill(expected.begin() + 10 * 512, expected.begin() + 2500 * 512, 0);
   std::fill(expected.begin() + 2502 * 512, expected.end(), 0);
   DiskSet disks(test::TestDrivers(), false);
+  WriteScope scope(disks, AnySector());
   d.writeCalls = 0;
   // Far beyond the end: no write is tried there, so nothing loops.
   EXPECT_EQ(kWriteFailed, WipeArea(disks, 10, UINT64_MAX));
@@ -87,6 +96,7 @@ TEST_F(SectorOpsTest, RestoreWritesMiBChunksAndFlushesOnce) {
   const Bytes data = Sectors(0, 6144, 9);
   machine_.AddFile("three.bin", data);
   DiskSet disks(test::TestDrivers(), false);
+  WriteScope scope(disks, AnySector());
   d.writeCalls = 0;
   d.flushCalls = 0;
   testing::internal::CaptureStdout();
@@ -97,17 +107,17 @@ TEST_F(SectorOpsTest, RestoreWritesMiBChunksAndFlushesOnce) {
   EXPECT_EQ(1, d.flushCalls);
 }
 
-TEST_F(SectorOpsTest, RestoreAndCopyStopAtTheEndOfTheDisk) {
+TEST_F(SectorOpsTest, RestoreAndCopyNeverReachPastTheEndOfTheDisk) {
   test::FakeDrive& d = MakeDisk(5000);
   const Bytes data = Sectors(0, 3000, 4);
   machine_.AddFile("big.bin", data);
   DiskSet disks(test::TestDrivers(), false);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(kWriteFailed, RestoreFromFile(disks, "big.bin", 4000, -1, false, StdOut()));
-  testing::internal::GetCapturedStdout();
-  // What fits is written; nothing is tried past the last sector.
-  EXPECT_EQ(5000u * 512, d.bytes.size());
-  EXPECT_EQ(Bytes(data.begin(), data.begin() + 1000 * 512), Bytes(d.Sector(4000), d.Sector(5000)));
+  WriteScope scope(disks, AnySector());
+  // A file that holds more than fits from the target on is refused before
+  // anything is written.
+  const Bytes before = d.bytes;
+  EXPECT_EQ(kFileSizeMismatch, RestoreFromFile(disks, "big.bin", 4000, -1, false, StdOut()));
+  EXPECT_EQ(before, d.bytes);
 
   d.writeCalls = 0;
   EXPECT_EQ(kWriteFailed, CopySector(*Fresh(), 1, 5000));
@@ -127,6 +137,7 @@ TEST_F(SectorOpsTest, RestoreTakesNoMoreThanTheHeaderDeclares) {
   machine_.AddFile("mbr.bin", file);
   const Bytes before = d.bytes;
   DiskSet disks(test::TestDrivers(), false);
+  WriteScope scope(disks, AnySector());
   EXPECT_EQ(kSuccess, RestoreFromFile(disks, "mbr.bin", 0, 1, true, StdOut()));
   EXPECT_EQ(Bytes(three.begin(), three.begin() + 512), Bytes(d.Sector(0), d.Sector(1)));
   EXPECT_EQ(Bytes(before.begin() + 512, before.end()), Bytes(d.Sector(1), d.Sector(100)));
@@ -141,6 +152,7 @@ TEST_F(SectorOpsTest, SaveRangeCopesWithShortReadsAndShowsProgressOnlyWhenLong) 
   test::FakeDrive& d = MakeDisk(14000);
   d.readLimit = 1000;  // not even whole sectors per read
   DiskSet disks(test::TestDrivers(), false);
+  WriteScope scope(disks, AnySector());
   EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "quiet.bin", 100, 13000, kBackupRaw, StdOut()));
   EXPECT_EQ(0, machine_.clearScreenCalls);
   EXPECT_EQ(Bytes(d.Sector(100), d.Sector(13100)), machine_.Find("quiet.bin")->bytes);
@@ -157,6 +169,7 @@ TEST_F(SectorOpsTest, SaveRangeCopesWithShortReadsAndShowsProgressOnlyWhenLong) 
 TEST_F(SectorOpsTest, SaveFailuresOfTheBackupFile) {
   MakeDisk(100);
   DiskSet disks(test::TestDrivers(), false);
+  WriteScope scope(disks, AnySector());
   // A file that takes no writes fails the save, the last chunk too.
   machine_.AddFile("locked.bin").writeProtected = true;
   EXPECT_EQ(kBackupWriteFailed, SaveRangeToFile(disks, "locked.bin", 0, 10, kBackupRaw, StdOut()));
@@ -171,6 +184,7 @@ TEST_F(SectorOpsTest, CompareOfAnUnreadableSectorEndsTheRunWith506) {
   test::FakeDrive& d = MakeDisk(100);
   d.badSectors = {50};
   DiskSet disks(test::TestDrivers(), false);
+  WriteScope scope(disks, AnySector());
   for (const char* a : {"/compare", "/source=50", "/target=0"}) {
     Arguments().Add(a);
     ParseArgument(a);
