@@ -1,0 +1,52 @@
+// Boot code repair: what stays and what is replaced in sector 0.
+#include "mbr/boot_repair.h"
+
+#include <cstring>
+
+#include "base/le.h"
+#include "disk/disk_set.h"
+#include "mbr/boot_images.h"
+#include "mbr/partition.h"
+
+namespace dh {
+
+namespace {
+
+// The two bytes between the disk signature and the first entry.
+constexpr size_t kReservedOffset = mbr::kDiskSignatureOffset + 4;
+// 55 AA as a little-endian word.
+constexpr uint16_t kBootSignature = 0xAA55;
+
+}  // namespace
+
+ResultCode RepairBootCode(DiskSet& disks, const uint8_t* image) {
+  // The table and signature come from the disk as it is now, not from
+  // whatever was loaded earlier in the run.
+  std::memset(disks.sector0, 0, sizeof disks.sector0);
+  if (ReadSector(disks, disks.bootSectorLba, disks.sector0) != kSuccess) {
+    // Never write a table that was not read: zeros would wipe it.  Under
+    // `ignore` nothing is recorded and the repair just does not happen.
+    return disks.firstError;
+  }
+  if (disks.device.bytesTransferred < kSectorSize) {
+    // A short read counts as a read elsewhere, but here the missing tail
+    // is the partition table we are about to write back.
+    disks.RecordError(kReadFailed);
+    return disks.firstError;
+  }
+  const bool hadBootSignature = LoadLe16(disks.sector0 + mbr::kBootSignatureOffset) == kBootSignature;
+
+  disks.LoadDisk(false);
+  // Rebuilding from memory does not look at 55 AA again, so the bytes at
+  // 440 of a sector without it would pass for a signature; they are not one.
+  if (!hadBootSignature) std::memset(disks.savedSignature, 0, sizeof disks.savedSignature);
+
+  std::memcpy(disks.sector0, image, kBootImageSize);
+  std::memcpy(disks.sector0 + mbr::kDiskSignatureOffset, disks.savedSignature, sizeof disks.savedSignature);
+  StoreLe16(disks.sector0 + kReservedOffset, 0);
+  StoreLe16(disks.sector0 + mbr::kBootSignatureOffset, kBootSignature);
+  WriteSectors(disks, disks.bootSectorLba, disks.sector0, 1);
+  return disks.firstError;
+}
+
+}  // namespace dh
