@@ -10,6 +10,8 @@
 #include "base/text.h"
 #include "disk/disk_set.h"
 #include "disk/volume.h"
+#include "mbr/boot_images.h"
+#include "mbr/boot_repair.h"
 
 namespace dh {
 
@@ -96,11 +98,9 @@ void HandleRepair(CommandContext& c) {
     SetResultIfNone(kInvalidParameter);
     return;
   }
-  if (kind == 3) {
-    RecordOutcome(c.disks.firstError, kCmdRepair);
-    return;
-  }
-  NotAvailable("repair=");
+  // The partition table kind writes nothing: the table stays as it is.
+  if (kind != 3) RepairBootCode(c.disks, kind == 1 ? kXpBootImage : kWin7BootImage);
+  RecordOutcome(c.disks.firstError, kCmdRepair);
 }
 
 void HandleFlashMbr(CommandContext& c) { RecordOutcome(c.disks.firstError, kCmdFlashMbr); }

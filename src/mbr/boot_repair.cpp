@@ -23,14 +23,12 @@ ResultCode RepairBootCode(DiskSet& disks, const uint8_t* image) {
   // The table and signature come from the disk as it is now, not from
   // whatever was loaded earlier in the run.
   std::memset(disks.sector0, 0, sizeof disks.sector0);
-  if (ReadSector(disks, disks.bootSectorLba, disks.sector0) != kSuccess) {
-    // Never write a table that was not read: zeros would wipe it.  Under
-    // `ignore` nothing is recorded and the repair just does not happen.
-    return disks.firstError;
-  }
-  if (disks.device.bytesTransferred < kSectorSize) {
-    // A short read counts as a read elsewhere, but here the missing tail
-    // is the partition table we are about to write back.
+  bool failed = false;
+  // Never write a table that was not read whole: zeros would wipe it.  A
+  // short read counts as a read elsewhere, but here the missing tail is the
+  // partition table about to be written back.  Under `ignore` nothing is
+  // recorded and the repair just does not happen.
+  if (ReadFull(disks.Device(), 0, disks.sector0, kSectorSize, &failed) < kSectorSize || failed) {
     disks.RecordError(kReadFailed);
     return disks.firstError;
   }
@@ -45,7 +43,9 @@ ResultCode RepairBootCode(DiskSet& disks, const uint8_t* image) {
   std::memcpy(disks.sector0 + mbr::kDiskSignatureOffset, disks.savedSignature, sizeof disks.savedSignature);
   StoreLe16(disks.sector0 + kReservedOffset, 0);
   StoreLe16(disks.sector0 + mbr::kBootSignatureOffset, kBootSignature);
-  WriteSectors(disks, disks.bootSectorLba, disks.sector0, 1);
+  // The one writer of sector 0 (it refuses a superfloppy, whose sector 0
+  // is its volume's boot record).
+  WriteSector0Image(disks);
   return disks.firstError;
 }
 

@@ -103,7 +103,7 @@ class BootRepairTest : public ::testing::Test {
   }
 
   void Load(bool ignore = false) {
-    disks_ = std::make_unique<DiskSet>(ignore);
+    disks_ = std::make_unique<DiskSet>(test::TestDrivers(), ignore);
     before_ = drive().bytes;
   }
 
@@ -136,7 +136,7 @@ TEST_F(BootRepairTest, ReplacesOnlyTheCodeAndKeepsTableAndSignature) {
     EXPECT_EQ(0, std::memcmp(disks_->sector0, drive().Sector(0), 512));
 
     // A new load sees a standard MBR with the same partitions.
-    DiskSet again(false);
+    DiskSet again(test::TestDrivers(), false);
     EXPECT_EQ("MBR", again.diskKindText);
     EXPECT_EQ(4, PartitionCount(again, kKindPrimary));
   }
@@ -165,7 +165,7 @@ TEST_F(BootRepairTest, ASectorWithout55AAGetsAZeroSignatureAnd55AA) {
   EXPECT_EQ(BeforeRange(446, 510), Range(446, 510));
   EXPECT_EQ(Bytes(4, 0), Bytes(disks_->savedSignature, disks_->savedSignature + 4));
 
-  DiskSet again(false);
+  DiskSet again(test::TestDrivers(), false);
   EXPECT_EQ("MBR", again.diskKindText);
   EXPECT_EQ(4, PartitionCount(again, kKindPrimary));
 }
@@ -185,15 +185,18 @@ TEST_F(BootRepairTest, SectorZeroThatCannotBeReadWholeIsNeverWritten) {
     MakeDisk();
     Load(c.ignore);
     // The disk loaded fine, then went bad.
+    // A short read: the medium now ends inside sector 0.
     if (c.shortRead) {
-      drive().readLimit = 300;
+      drive().bytes.resize(300);
     } else {
       drive().badSectors.insert(0);
     }
     EXPECT_EQ(c.expected, RepairBootCode(*disks_, kXpBootImage));
     EXPECT_EQ(c.expected, disks_->firstError);
     EXPECT_EQ(0, drive().writeCalls);
-    EXPECT_EQ(before_, drive().bytes);
+    if (!c.shortRead) {
+      EXPECT_EQ(before_, drive().bytes);
+    }
   }
 }
 
