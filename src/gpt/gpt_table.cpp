@@ -472,10 +472,10 @@ uint64_t GptWipeLastSector(DiskSet& disks) {
   // header claims, so that a damaged header cannot make it run into data.
   uint64_t limit = disks.totalSectors != 0 ? disks.totalSectors : UINT64_MAX;
   for (const SectorRange& r : KnownPartitionSectors(disks)) limit = std::min(limit, r.first);
-  // Without an array that checks out the partitions are not known: the
-  // wipe keeps to the area the header itself occupies (at least the usual
-  // 34 sectors).
-  if (!table.arrayLoaded || !table.arrayCrcValid) {
+  // Without an array that checks out, or with none at all, the partitions
+  // are not known: the wipe keeps to the area the header itself occupies
+  // (at least the usual 34 sectors).
+  if (!table.arrayLoaded || !table.arrayCrcValid || table.header.entryCount == 0) {
     limit = std::min(limit, std::max<uint64_t>(table.header.entryArrayLba + table.header.arraySectors, 34));
   }
   const uint64_t firstUsable = std::min(table.header.firstUsableLba, limit);
