@@ -10,10 +10,11 @@
 # MACHINE_FILE, once with ./build/diskhold and once with diskhold.exe under
 # Wine, and compares standard output byte for byte and the exit values.
 #
-# Exit values: Windows passes the whole value on and both shells see its low
-# 8 bits, while the Linux build exits with 1 for a non-zero value whose low 8
-# bits are 0 (512 exits with 1).  For a line with /result the value printed
-# decides what each build must exit with; a line without it must exit alike.
+# Exit values: Windows passes the whole 32-bit value on.  The shell sees 8
+# bits: the Linux build exits with 1 for a non-zero value whose low 8 bits
+# are 0 (512 exits with 1) and with the low 8 bits otherwise, and Wine hands
+# a Windows exit value on by the same rule.  Both runs must exit alike, and
+# on a line with /result as the printed value says.
 # A machine file without a codepage key follows the console, which differs
 # between the two runs, so they run on a copy that names code page 65001.
 set -euo pipefail
@@ -96,7 +97,7 @@ printed_result() {
   sed -n -e 's/^ Result: \(-\{0,1\}[0-9][0-9]*\)$/\1/p' -e 's/^\(-\{0,1\}[0-9][0-9]*\)$/\1/p' "$1" | tail -n 1
 }
 
-# The exit status the Linux build gives a value: its low 8 bits, and 1 for a
+# The exit status a shell sees for a value: its low 8 bits, and 1 for a
 # non-zero value whose low 8 bits are 0.
 posix_status() {
   local value=$1
@@ -128,25 +129,23 @@ while IFS= read -r line || [[ -n $line ]]; do
   problems=()
   cmp -s "$work/linux.out" "$work/wine.out" || problems+=("standard output differs")
   if ((wine_status == 124 || linux_status == 124)); then problems+=("timed out after ${run_limit}s"); fi
+  if ((linux_status != wine_status)); then
+    problems+=("exit status: Linux $linux_status, Windows $wine_status")
+  fi
   if [[ ${line,,} =~ (^|[[:space:]])[/-]result([[:space:]]|$) ]]; then
-    # The whole value: Windows hands on its low 8 bits, Linux the rule's
-    # status.
+    # The whole value, and the status the rule gives it.
     shown=$(printed_result "$work/wine.out")
     if [[ -z $shown ]]; then
       problems+=("no result line printed")
     else
-      if (((shown & 255) != wine_status)); then
-        problems+=("printed result $shown, Windows exit status $wine_status")
-      fi
       expected=$(posix_status "$shown")
       if ((linux_status != expected)); then
         problems+=("printed result $shown, Linux exit status $linux_status instead of $expected")
       fi
+      if ((wine_status != expected)); then
+        problems+=("printed result $shown, Windows exit status $wine_status instead of $expected")
+      fi
     fi
-  elif ((linux_status != wine_status)); then
-    hint=""
-    if ((wine_status == 0 && linux_status == 1)); then hint=" (a value such as 512? add /result to the line)"; fi
-    problems+=("exit status: Linux $linux_status, Windows $wine_status$hint")
   fi
 
   if ((${#problems[@]} == 0)); then
