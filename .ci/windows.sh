@@ -9,6 +9,14 @@
 # command of tests/wine/commands.txt twice on the simulated machine
 # MACHINE_FILE, once with ./build/diskhold and once with diskhold.exe under
 # Wine, and compares standard output byte for byte and the exit values.
+#
+# Exit values: Windows passes the whole 32-bit value on.  The shell sees 8
+# bits: the Linux build exits with 1 for a non-zero value whose low 8 bits
+# are 0 (512 exits with 1) and with the low 8 bits otherwise, and Wine hands
+# a Windows exit value on by the same rule.  Both runs must exit alike, and
+# on a line with /result as the printed value says.
+# A machine file without a codepage key follows the console, which differs
+# between the two runs, so they run on a copy that names code page 65001.
 set -euo pipefail
 
 machine=${1:?usage: .ci/windows.sh MACHINE_FILE}
@@ -21,6 +29,24 @@ run_limit=${DISKHOLD_RUN_LIMIT:-120}
 [[ -f $machine ]] || { echo "windows.sh: no machine file $machine" >&2; exit 2; }
 [[ -x $linux_exe ]] || { echo "windows.sh: no Linux build at $linux_exe" >&2; exit 2; }
 machine=$(cd "$(dirname "$machine")" && pwd)/$(basename "$machine")
+pinned=""
+if ! grep -qiE '^[[:space:]]*codepage[[:space:]]*=' "$machine"; then
+  # Beside the original, so that its image paths keep their meaning.
+  pinned="$(dirname "$machine")/.windows-$(basename "$machine")"
+  if grep -qiE '^[[:space:]]*\[machine\]' "$machine"; then
+    sed -E '0,/^[[:space:]]*\[[Mm][Aa][Cc][Hh][Ii][Nn][Ee]\]/s//&\ncodepage = 65001/' "$machine" >"$pinned"
+  else
+    { printf '[machine]\ncodepage = 65001\n\n'; cat "$machine"; } >"$pinned"
+  fi
+  machine=$pinned
+fi
+work=""
+cleanup() {
+  [[ -z $pinned ]] || rm -f "$pinned"
+  [[ -z $work ]] || rm -rf "$work"
+  if [[ -n ${WINEPREFIX:-} ]]; then wineserver -k >/dev/null 2>&1 || true; fi
+}
+trap cleanup EXIT
 for tool in x86_64-w64-mingw32-g++-posix wine wineserver winepath; do
   command -v "$tool" >/dev/null || { echo "windows.sh: $tool is missing (g++-mingw-w64-x86-64-posix, wine, wine64)" >&2; exit 2; }
 done
@@ -43,7 +69,6 @@ x86_64-w64-mingw32-g++-posix -std=c++20 -Wall -Wextra -Werror -O1 -Isrc \
 # every captured run stalls for seconds.
 export WINEPREFIX="$PWD/build-win/wineprefix" WINEDEBUG=-all WINEARCH=win64
 mkdir -p "$WINEPREFIX"
-trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
 # Fails when a server of this prefix already runs, which serves as well.
 wineserver -p 2>/dev/null || true
 wine wineboot -i </dev/null >/dev/null 2>&1
@@ -65,12 +90,18 @@ DISKHOLD_WIN32_PIPED_INPUT=1 wine build-win/win32_platform_test.exe \
 echo "-- Linux and Windows builds on the same machine"
 win_machine=$(winepath -w "$machine" 2>/dev/null)
 work=$(mktemp -d)
-trap 'rm -rf "$work"; wineserver -k >/dev/null 2>&1 || true' EXIT
 
 # The value the /result line printed: " Result: N", or "N" alone with
 # /silent; the last such line of the output.
 printed_result() {
   sed -n -e 's/^ Result: \(-\{0,1\}[0-9][0-9]*\)$/\1/p' -e 's/^\(-\{0,1\}[0-9][0-9]*\)$/\1/p' "$1" | tail -n 1
+}
+
+# The exit status a shell sees for a value: its low 8 bits, and 1 for a
+# non-zero value whose low 8 bits are 0.
+posix_status() {
+  local value=$1
+  if ((value != 0 && (value & 255) == 0)); then echo 1; else echo $((value & 255)); fi
 }
 
 passed=0
@@ -97,18 +128,23 @@ while IFS= read -r line || [[ -n $line ]]; do
 
   problems=()
   cmp -s "$work/linux.out" "$work/wine.out" || problems+=("standard output differs")
+  if ((wine_status == 124 || linux_status == 124)); then problems+=("timed out after ${run_limit}s"); fi
   if ((linux_status != wine_status)); then
     problems+=("exit status: Linux $linux_status, Windows $wine_status")
   fi
-  if ((wine_status == 124)); then problems+=("timed out after ${run_limit}s"); fi
-  # Windows passes the whole exit value on; both shells see its low 8 bits,
-  # which must agree with the value the program printed.
   if [[ ${line,,} =~ (^|[[:space:]])[/-]result([[:space:]]|$) ]]; then
+    # The whole value, and the status the rule gives it.
     shown=$(printed_result "$work/wine.out")
     if [[ -z $shown ]]; then
       problems+=("no result line printed")
-    elif (((shown & 255) != wine_status)); then
-      problems+=("printed result $shown, exit status $wine_status")
+    else
+      expected=$(posix_status "$shown")
+      if ((linux_status != expected)); then
+        problems+=("printed result $shown, Linux exit status $linux_status instead of $expected")
+      fi
+      if ((wine_status != expected)); then
+        problems+=("printed result $shown, Windows exit status $wine_status instead of $expected")
+      fi
     fi
   fi
 

@@ -17,11 +17,11 @@ int main(int argc, char** argv) {
   }
   dh::platform::SetHost(machine.get());
   try {
-    return dh::RunDiskhold(argc, argv);
+    return dh::platform::ProcessExitStatus(dh::RunDiskhold(argc, argv));
   } catch (...) {
     // Memory exhaustion and the like end the run where it stands.
     std::printf("Error 99: Exception thrown\n");
     std::fflush(stdout);
-    return dh::State().resultCode;
+    return dh::platform::ProcessExitStatus(dh::State().resultCode);
   }
 }

@@ -8,8 +8,12 @@ namespace dh {
 namespace {
 
 // The numbers are the program's own and have gaps (7 and 10 to 15 are not
-// used).  The Linux filesystem-data type and the all-zero GUID of an unused
-// entry have no row.
+// used).  Rows 1 to 23 are the original table; rows from 24 on add the types
+// of current installations (Windows recovery, BIOS boot, the Linux
+// discoverable-partition types, ChromeOS, FreeBSD, APFS, VMFS, Storage
+// Spaces), whose entries would otherwise be invisible and their space look
+// free.  The Linux swap type of the discoverable partitions is row 9.  The
+// all-zero GUID of an unused entry has no row.
 constexpr GptTypeInfo kGptTypes[] = {
     {1, "024DEE41-33E7-11D3-9D69-0008C781F39F", "MBR", "MBR Partition Scheme"},
     {2, "C12A7328-F81F-11D2-BA4B-00A0C93EC93B", "EFI", "EFI System Partition"},
@@ -27,6 +31,23 @@ constexpr GptTypeInfo kGptTypes[] = {
     {21, "52414944-0000-11AA-AA11-00306543ECAC", "APL-RAID", "Apple RAID"},
     {22, "52414944-5F4F-11AA-AA11-00306543ECAC", "APL-RAID", "Apple Offline RAID"},
     {23, "4C616265-6C00-11AA-AA11-00306543ECAC", "APL-LBL", "Apple Label"},
+    {24, "DE94BBA4-06D1-4D40-A16A-BFD50179D6AC", "WIN-RE", "Windows Recovery Environment"},
+    {25, "21686148-6449-6E6F-744E-656564454649", "BIOSBOOT", "BIOS Boot Partition"},
+    {26, "0FC63DAF-8483-4772-8E79-3D69D8477DE4", "LX-DATA", "Linux Filesystem Data"},
+    {27, "4F68BCE3-E8CD-4DB1-96E7-FBCAF984B709", "LXROOT64", "Linux Root (x86-64)"},
+    {28, "44479540-F297-41B2-9AF7-D131D5F0458A", "LXROOT32", "Linux Root (x86)"},
+    {29, "933AC7E1-2EB4-4F13-B844-0E14E2AEF915", "LX-HOME", "Linux Home (/home)"},
+    {30, "3B8F8425-20E0-4F3B-907F-1A25A76F98E8", "LX-SRV", "Linux Server Data (/srv)"},
+    {31, "BC13C2FF-59E6-4262-A352-B275FD6F7172", "LX-XBOOT", "Linux Extended Boot (/boot, XBOOTLDR)"},
+    {32, "FE3A2A5D-4F32-41A7-B725-ACCC3285A309", "CROS-KRN", "ChromeOS Kernel"},
+    {33, "3CB8E202-3B7E-47DD-8A3C-7FF2A13CFCEC", "CROSROOT", "ChromeOS Root Filesystem"},
+    {34, "83BD6B9D-7F41-11DC-BE0B-001560B84F0F", "BSD-BOOT", "FreeBSD Boot"},
+    {35, "516E7CB6-6ECF-11D6-8FF8-00022D09712B", "BSD-UFS", "FreeBSD UFS"},
+    {36, "516E7CBA-6ECF-11D6-8FF8-00022D09712B", "BSD-ZFS", "FreeBSD ZFS"},
+    {37, "516E7CB5-6ECF-11D6-8FF8-00022D09712B", "BSD-SWAP", "FreeBSD Swap"},
+    {38, "7C3457EF-0000-11AA-AA11-00306543ECAC", "APL-APFS", "Apple APFS"},
+    {39, "AA31E02A-400F-11DB-9590-000C2911D1B8", "VMFS", "VMware VMFS"},
+    {40, "E75CAF8F-F680-4CEE-AFA3-B001E56EFC2D", "MS-SPACE", "Microsoft Storage Spaces"},
 };
 
 }  // namespace

@@ -200,4 +200,11 @@ void SetHost(Machine* machine);
 // The native backend, also used by the simulated machine for host files.
 std::unique_ptr<Machine> CreateNativeMachine();
 
+// What the process hands to the system as its exit status for the run's
+// exit value.  Windows passes all 32 bits on, so the value is returned as it
+// is.  POSIX shells see only the low 8 bits, where 512 or -512 would read as
+// success: there, a value that is not 0 but whose low 8 bits are all zero
+// becomes 1, and every other value its low 8 bits (571 gives 59, -506 6).
+int ProcessExitStatus(int32_t exitValue);
+
 }  // namespace dh::platform

@@ -76,11 +76,12 @@ class Gpt : public ::testing::Test {
   }
   std::string Image(int n = 0) { return m.drive(n).path(); }
 
-  // Eight known types and one Linux filesystem entry between them.
+  // Eight known types and one entry of a type the program does not know
+  // (HP-UX data) between them.
   void MakeMixedDisk(int n = 0) {
     Sh("sgdisk -U " + std::string(kDiskGuid) +
        " -n 1:2048:+1M -t 1:EF00 -n 2:0:+1M -t 2:0C01 -n 3:0:+4M -t 3:0700 -n 4:0:+1M -t 4:FD00"
-       " -n 5:0:+1M -t 5:8200 -n 6:0:+2M -t 6:8E00 -n 7:0:+1M -t 7:AF00 -n 8:0:+3M -t 8:8300"
+       " -n 5:0:+1M -t 5:8200 -n 6:0:+2M -t 6:8E00 -n 7:0:+1M -t 7:AF00 -n 8:0:+3M -t 8:C001"
        " -n 9:0:+1M -t 9:0700 '" +
        Image(n) + "'");
   }
@@ -100,10 +101,10 @@ TEST_F(Gpt, ListingShowsTheKnownEntriesSgdiskReports) {
   const Result r = m.Run({"/list", "/text"});
   EXPECT_EQ(r.status, 0);
   const std::vector<Row> rows = ListedRows(r.out);
-  // The types the program knows; 8300 (Linux filesystem) is not among them.
+  // The types the program knows; C001 (HP-UX data) is not among them.
   std::vector<Part> known;
   for (const Part& p : parts) {
-    if (p.code != "8300") known.push_back(p);
+    if (p.code != "C001") known.push_back(p);
   }
   ASSERT_EQ(rows.size(), known.size()) << r.out;
   for (size_t i = 0; i < rows.size(); ++i) {
@@ -126,12 +127,12 @@ TEST_F(Gpt, ListingOfAnSfdiskDisk) {
   if (!e2e::HaveTool("sfdisk")) GTEST_SKIP() << "sfdisk is not installed";
   Sh("printf 'label: gpt\\nlabel-id: " + std::string(kDiskGuid) +
      "\\nstart=2048, size=2048, type=C12A7328-F81F-11D2-BA4B-00A0C93EC93B\\n"
-     "size=4096, type=0FC63DAF-8483-4772-8E79-3D69D8477DE4\\n"
+     "size=4096, type=75894C1E-3AEB-11D3-B7C1-7B03A0000000\\n"
      "size=4096, type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7\\n' | sfdisk -q '" +
      Image() + "'");
   const Result r = m.Run({"/list", "/text"});
   const std::vector<Row> rows = ListedRows(r.out);
-  ASSERT_EQ(rows.size(), 2u) << r.out;  // the Linux entry is not listed
+  ASSERT_EQ(rows.size(), 2u) << r.out;  // the HP-UX entry is not listed
   EXPECT_EQ(std::to_string(rows[0].start) + " " + rows[0].size, "2048 1.0M");
   EXPECT_EQ(std::to_string(rows[1].start) + " " + rows[1].size, "8192 2.0M");
   EXPECT_NE(r.out.find("Backup GPT:      Valid "), std::string::npos);
@@ -157,7 +158,7 @@ TEST_F(Gpt, DeletingAllEntriesOnEveryDiskKeepsUnknownOnes) {
   EXPECT_EQ(r.status, 0) << r.out;
   for (int n : {0, 1}) {
     ExpectSgdiskHappy(n);
-    EXPECT_EQ(SgdiskParts(Image(n)), std::vector<Part>{(Part{24576, 30719, "8300"})}) << n;
+    EXPECT_EQ(SgdiskParts(Image(n)), std::vector<Part>{(Part{24576, 30719, "C001"})}) << n;
   }
   const Result list = m.Run({"/list", "/disk=0", "/text"});
   EXPECT_NE(list.out.find("  No partitions found on this disk  "), std::string::npos) << list.out;

@@ -120,7 +120,10 @@ Image& Machine::AddDrive(int number, uint64_t sectors, const std::map<std::strin
 std::string Machine::WriteMachineFile() const {
   std::ostringstream f;
   f << "[machine]\n";
-  for (const auto& [k, v] : machineKeys_) f << k << " = " << v << "\n";
+  if (machineKeys_.count("codepage") == 0) f << "codepage = 437\n";
+  for (const auto& [k, v] : machineKeys_) {
+    if (!v.empty()) f << k << " = " << v << "\n";
+  }
   for (const auto& [n, img] : drives_) {
     f << "\n[drive " << n << "]\n";
     f << "image = disk" << n << ".img\n";
@@ -133,11 +136,12 @@ std::string Machine::WriteMachineFile() const {
 }
 
 Result Machine::Run(const std::vector<std::string>& args, const std::string& input) const {
-  return RunProgram(DiskholdPath(), args, input, WriteMachineFile(), dir_);
+  return RunProgram(DiskholdPath(), args, input, WriteMachineFile(), dir_, processEnv_);
 }
 
 Result RunProgram(const std::string& program, const std::vector<std::string>& args, const std::string& input,
-                  const std::string& machineFile, const std::string& workDir) {
+                  const std::string& machineFile, const std::string& workDir,
+                  const std::map<std::string, std::string>& env) {
   int inPipe[2], outPipe[2], errPipe[2];
   if (::pipe(inPipe) || ::pipe(outPipe) || ::pipe(errPipe)) throw std::runtime_error("pipe failed");
   pid_t pid = ::fork();
@@ -152,6 +156,13 @@ Result RunProgram(const std::string& program, const std::vector<std::string>& ar
       ::unsetenv("DISKHOLD_MACHINE");
     } else {
       ::setenv("DISKHOLD_MACHINE", machineFile.c_str(), 1);
+    }
+    for (const auto& [name, value] : env) {
+      if (value.empty()) {
+        ::unsetenv(name.c_str());
+      } else {
+        ::setenv(name.c_str(), value.c_str(), 1);
+      }
     }
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(program.c_str()));

@@ -56,8 +56,14 @@ class Machine {
   Image& drive(int number) { return drives_.at(number); }
   // Free text appended to the machine file (sections of its own).
   void AddText(const std::string& text) { extra_ += text; }
-  // Keys of the [machine] section.
+  // Keys of the [machine] section.  The code page is pinned to 437 unless a
+  // test sets it, so that outputs never depend on the locale of whoever runs
+  // the tests; Set("codepage", "") leaves the key out (the console then
+  // follows the terminal, see SetProcessEnv).
   void Set(const std::string& key, const std::string& value) { machineKeys_[key] = value; }
+  // An environment variable of the diskhold process (LC_ALL, LANG...); an
+  // empty value removes it.
+  void SetProcessEnv(const std::string& name, const std::string& value) { processEnv_[name] = value; }
 
   std::string WriteMachineFile() const;
   // Runs diskhold with the arguments on this machine, stdin from the text
@@ -69,13 +75,16 @@ class Machine {
   std::map<int, Image> drives_;
   std::map<int, std::map<std::string, std::string>> driveKeys_;
   std::map<std::string, std::string> machineKeys_;
+  std::map<std::string, std::string> processEnv_;
   std::string extra_;
 };
 
 // Runs any program with arguments and stdin text, with the environment
-// variable DISKHOLD_MACHINE set to `machineFile` (unset when empty).
+// variable DISKHOLD_MACHINE set to `machineFile` (unset when empty) and the
+// variables of `env` set (removed when their value is empty).
 Result RunProgram(const std::string& program, const std::vector<std::string>& args, const std::string& input,
-                  const std::string& machineFile, const std::string& workDir);
+                  const std::string& machineFile, const std::string& workDir,
+                  const std::map<std::string, std::string>& env = {});
 
 std::string DiskholdPath();
 // Compares output with the file tests/e2e/golden/<name>; on a difference the

@@ -66,7 +66,7 @@ class GptTableTest : public ::testing::Test {
 
 const std::vector<GptTestEntry> kFourEntries = {
     {test::kEfiType, 2048, 4095, 0},
-    {test::kLinuxFsType, 4096, 6143, 0},
+    {test::kUnknownType, 4096, 6143, 0},
     {test::kBasicDataType, 6144, 8191, 0},
     {test::kLinuxSwapType, 8192, 10239, 0},
 };
@@ -74,7 +74,7 @@ const GptLayout kNoBackup{128, 2, false};
 
 TEST_F(GptTableTest, ListsKnownEntriesInArrayOrder) {
   test::WriteGptDisk(*drive, {{test::kEfiType, 2048, 4095, gpt::kAttrRequired},
-                              {test::kLinuxFsType, 4096, 6143, 0},
+                              {test::kUnknownType, 4096, 6143, 0},
                               {"", 0, 0, 0},
                               {test::kBasicDataType, 6144, 8191, gpt::kAttrReadOnly | gpt::kAttrHidden}});
   std::memcpy(drive->Sector(6144) + 3, "NTFS", 4);
@@ -177,7 +177,7 @@ TEST_F(GptTableTest, RemovingClosesUpAndKeepsUnknownEntries) {
   EXPECT_EQ(RemoveGptEntry(*disks, 2), kSuccess);  // the Basic Data entry in slot 2
   EXPECT_EQ(table.firstError, kSuccess);
   EXPECT_GT(drive->flushCalls, flushes);
-  EXPECT_EQ(SlotType(*drive, 1), GuidBytes(test::kLinuxFsType));
+  EXPECT_EQ(SlotType(*drive, 1), GuidBytes(test::kUnknownType));
   EXPECT_EQ(SlotType(*drive, 2), GuidBytes(test::kLinuxSwapType));
   EXPECT_EQ(SlotType(*drive, 3), kUnused);
   // The moved entry is the whole entry: its own start came along.
@@ -201,7 +201,7 @@ TEST_F(GptTableTest, ClearingLeavesOnlyUnknownEntries) {
   const Bytes sector0 = Area(*drive, 0, 1);
   Load();
   EXPECT_EQ(ClearGptEntries(*disks), kSuccess);
-  EXPECT_EQ(SlotType(*drive, 0), GuidBytes(test::kLinuxFsType));
+  EXPECT_EQ(SlotType(*drive, 0), GuidBytes(test::kUnknownType));
   for (uint32_t slot = 1; slot < 128; ++slot) EXPECT_EQ(SlotType(*drive, slot), kUnused);
   EXPECT_EQ(GptProblems(*drive), "");
   EXPECT_EQ(Area(*drive, 0, 1), sector0);
@@ -297,7 +297,7 @@ TEST_F(GptTableTest, AddressesRelativeToTheDisksBase) {
   inner.bytes.assign(kInner * 512, 0);
   // Entries that end before the backup area at the disk's end.
   test::WriteGptDisk(inner, {{test::kEfiType, 2048, 4095, 0},
-                             {test::kLinuxFsType, 4096, 6143, 0},
+                             {test::kUnknownType, 4096, 6143, 0},
                              {test::kBasicDataType, 6144, 8000, 0}});
   std::memcpy(inner.Sector(6144) + 82, "FAT32", 5);
   std::memcpy(drive->Sector(kBase), inner.bytes.data(), inner.bytes.size());
@@ -317,7 +317,7 @@ TEST_F(GptTableTest, AddressesRelativeToTheDisksBase) {
   EXPECT_EQ(RemoveGptEntry(*disks, 1), kSuccess);
   inner.bytes = Area(*drive, kBase, kInner);
   EXPECT_EQ(GptProblems(inner), "");
-  EXPECT_EQ(SlotType(inner, 0), GuidBytes(test::kLinuxFsType));
+  EXPECT_EQ(SlotType(inner, 0), GuidBytes(test::kUnknownType));
   EXPECT_EQ(GptWipeLastSector(*disks), 2 + 32 - 1u);
 }
 

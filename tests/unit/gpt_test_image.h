@@ -42,7 +42,7 @@ const char* const kEfiType = "C12A7328-F81F-11D2-BA4B-00A0C93EC93B";
 const char* const kMsrType = "E3C9E316-0B5C-4DB8-817D-F92DF00215AE";
 const char* const kBasicDataType = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
 const char* const kLinuxSwapType = "0657FD6D-A4AB-43C4-84E5-0933C84B4F4F";
-const char* const kLinuxFsType = "0FC63DAF-8483-4772-8E79-3D69D8477DE4";  // not in the table
+const char* const kUnknownType = "75894C1E-3AEB-11D3-B7C1-7B03A0000000";  // HP-UX data: not in the table
 
 struct GptTestEntry {
   std::string type;

@@ -25,17 +25,22 @@ TEST(GptTypeTable, LooksUpWholeTextsOnly) {
   for (const Row& r : {Row{"EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", 4, "BDP", "Basic Data Partition"},
                        Row{"C12A7328-F81F-11D2-BA4B-00A0C93EC93B", 2, "EFI", "EFI System Partition"},
                        Row{"52414944-0000-11AA-AA11-00306543ECAC", 21, "APL-RAID", "Apple RAID"},
-                       Row{"52414944-5F4F-11AA-AA11-00306543ECAC", 22, "APL-RAID", "Apple Offline RAID"}}) {
+                       Row{"52414944-5F4F-11AA-AA11-00306543ECAC", 22, "APL-RAID", "Apple Offline RAID"},
+                       // Rows after the original table.
+                       Row{"DE94BBA4-06D1-4D40-A16A-BFD50179D6AC", 24, "WIN-RE", "Windows Recovery Environment"},
+                       Row{"0FC63DAF-8483-4772-8E79-3D69D8477DE4", 26, "LX-DATA", "Linux Filesystem Data"},
+                       Row{"E75CAF8F-F680-4CEE-AFA3-B001E56EFC2D", 40, "MS-SPACE", "Microsoft Storage Spaces"}}) {
     std::string shortName, longName;
     EXPECT_EQ(LookupGptType(r.guid, &shortName, &longName), r.number);
     EXPECT_EQ(shortName, r.shortName);
     EXPECT_EQ(longName, r.longName);
   }
 
-  // Unused entries, Linux filesystem data, a GUID agreeing in its first 16
-  // characters only, lower case and a prefix: no row, names untouched.
+  // Unused entries, a type nobody added (HP-UX data), a GUID agreeing in its
+  // first 16 characters only, lower case and a prefix: no row, names
+  // untouched.
   std::string shortName = "x", longName = "y";
-  for (const char* text : {"00000000-0000-0000-0000-000000000000", test::kLinuxFsType,
+  for (const char* text : {"00000000-0000-0000-0000-000000000000", test::kUnknownType,
                            "EBD0A0A2-B9E5-4433-0000-000000000000", "ebd0a0a2-b9e5-4433-87c0-68b6b72699c7",
                            "EBD0A0A2-B9E5-4433-87C0-68B6B72699C", ""}) {
     EXPECT_EQ(LookupGptType(text, &shortName, &longName), 0) << text;
@@ -47,7 +52,7 @@ TEST(GptTypeTable, LooksUpWholeTextsOnly) {
 TEST(GptTypeTable, RowsAreWellFormed) {
   size_t count = 0;
   const GptTypeInfo* rows = GptTypeRows(&count);
-  ASSERT_EQ(count, 16u);
+  ASSERT_EQ(count, 33u);
   std::set<int32_t> numbers;
   for (size_t i = 0; i < count; ++i) {
     const GptTypeInfo& row = rows[i];
@@ -62,8 +67,18 @@ TEST(GptTypeTable, RowsAreWellFormed) {
     EXPECT_EQ(LookupGptType(row.guidText, nullptr, &longName), row.number);
     EXPECT_EQ(shortName + "|" + longName, std::string(row.shortName) + "|" + row.longName);
   }
-  // The numbers the program has always used, gaps included.
-  EXPECT_EQ(numbers, (std::set<int32_t>{1, 2, 3, 4, 5, 6, 8, 9, 16, 17, 18, 19, 20, 21, 22, 23}));
+  // The numbers the program has always used, gaps included, in their old
+  // order; then the added rows, 24 on, each GUID once.
+  std::set<int32_t> expected{1, 2, 3, 4, 5, 6, 8, 9, 16, 17, 18, 19, 20, 21, 22, 23};
+  for (int32_t n = 24; n <= 40; ++n) expected.insert(n);
+  EXPECT_EQ(numbers, expected);
+  std::set<std::string> guids;
+  for (size_t i = 0; i < count; ++i) {
+    if (i > 0) {
+      EXPECT_LT(rows[i - 1].number, rows[i].number);
+    }
+    EXPECT_TRUE(guids.insert(rows[i].guidText).second) << rows[i].guidText;
+  }
 }
 
 }  // namespace

@@ -30,6 +30,8 @@ TEST(SimMachineFile, CommentsCaseAndTrimming) {
       "[volume d:]\n"
       "device = \\??\\STORAGE#RemovableMedia#7&2a3b&0&RM # the record\n");
   EXPECT_EQ(d.codePage, 850u);
+  EXPECT_TRUE(d.hasCodePage);
+  EXPECT_FALSE(Parse("[machine]\nelevated = yes\n").hasCodePage);
   EXPECT_EQ(d.elevation, ElevationMode::No);
   EXPECT_EQ(d.majorVersion, 10u);
   EXPECT_EQ(d.minorVersion, 0u);

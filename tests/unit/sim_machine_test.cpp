@@ -110,9 +110,26 @@ TEST_F(SimMachineTest, LoadFailuresSayWhy) {
   EXPECT_NE(error.find("cannot read the machine file"), std::string::npos) << error;
   EXPECT_NE(error.find("The system cannot find the file specified."), std::string::npos) << error;
 
-  error = LoadError("[machine]\n\n[drive 0]\nimage = missing.img\n");
-  EXPECT_NE(error.find("line 4: cannot open the image of [drive 0]"), std::string::npos) << error;
-  EXPECT_NE(error.find("missing.img"), std::string::npos) << error;
+  // Images that no drive can stand on are refused with the file and line of
+  // their key: a missing file, a folder, and files shorter than one sector.
+  fs::create_directory(Path("folder.img"));
+  std::ofstream(Path("empty.img"), std::ios::binary).close();
+  std::ofstream(Path("short.img"), std::ios::binary) << std::string(511, 'x');
+  const std::pair<const char*, const char*> refused[] = {
+      {"missing.img", "cannot be opened: The system cannot find the file specified."},
+      {"folder.img", "is a folder, not an image file"},
+      {"empty.img", "holds 0 bytes, less than one sector of 512"},
+      {"short.img", "holds 511 bytes, less than one sector of 512"},
+  };
+  for (const auto& [image, why] : refused) {
+    error = LoadError(std::string("[machine]\n\n[drive 0]\nimage = ") + image + "\n");
+    EXPECT_EQ(error.rfind(Path("machine.ini") + ", line 4: the image of [drive 0] " + Path(image) + " ", 0), 0u)
+        << error;
+    EXPECT_NE(error.find(why), std::string::npos) << error;
+  }
+  // One whole sector is enough.
+  MakeImage("one.img", 1);
+  Load("[drive 0]\nimage = one.img\n");
 
   error = LoadError("[drive 0]\nimage = a\nbogus = 1\n");
   EXPECT_NE(error.find(Path("machine.ini") + ", line 3:"), std::string::npos) << error;
@@ -422,11 +439,13 @@ TEST_F(SimMachineTest, VersionRightsLocaleAndNames) {
 
   Machine& defaults = Load("");
   EXPECT_EQ(defaults.ComputerName(), "DISKHOLD-SIM");
-  EXPECT_EQ(defaults.ConsoleOutputCodePage(), 437u);
+  // Without a codepage key the console is the host's.
+  EXPECT_EQ(defaults.ConsoleOutputCodePage(), CreateNativeMachine()->ConsoleOutputCodePage());
   EXPECT_FALSE(defaults.GetEnv("systemdrive", &value));
   ASSERT_TRUE(defaults.QueryElevation(&elevated));
   EXPECT_TRUE(elevated);
   EXPECT_FALSE(Load("[machine]\nelevated = unknown\n").QueryElevation(&elevated));
+  EXPECT_EQ(Load("[machine]\ncodepage = 437\n").ConsoleOutputCodePage(), 437u);
 }
 
 TEST_F(SimMachineTest, ShutdownIsOnlyLogged) {

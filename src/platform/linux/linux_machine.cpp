@@ -464,4 +464,6 @@ namespace dh::platform {
 
 std::unique_ptr<Machine> CreateNativeMachine() { return linux_native::CreateLinuxMachine({}); }
 
+int ProcessExitStatus(int32_t exitValue) { return linux_native::ExitStatusFromValue(exitValue); }
+
 }  // namespace dh::platform

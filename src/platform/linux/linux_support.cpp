@@ -282,6 +282,12 @@ DiskIdentity IdentifyDisk(const DiskFacts& facts, uint32_t index) {
   return id;
 }
 
+int ExitStatusFromValue(int32_t exitValue) {
+  // Two's complement low bits, as the kernel keeps them for exit(-506).
+  const int low = static_cast<int>(static_cast<uint32_t>(exitValue) & 0xFFu);
+  return exitValue != 0 && low == 0 ? 1 : low;
+}
+
 uint32_t CodePageFromCodeset(const std::string& codeset) {
   std::string plain;
   for (char c : codeset) {

@@ -88,6 +88,11 @@ DiskIdentity IdentifyDisk(const DiskFacts& facts, uint32_t index);
 // Trims blanks and line ends from both ends (sysfs pads and ends its texts).
 std::string TrimSysfsText(const std::string& text);
 
+// The exit status a POSIX shell sees for an exit value: its low 8 bits,
+// except that a non-zero value whose low 8 bits are all zero (512, -512,
+// -256) gives 1, so that no failure reads as success.
+int ExitStatusFromValue(int32_t exitValue);
+
 // The Windows code page that matches a locale's codeset (nl_langinfo).
 uint32_t CodePageFromCodeset(const std::string& codeset);
 

@@ -308,7 +308,10 @@ class Parser {
     uint64_t n = 0;
     bool flag = false;
     if (key == "codepage") {
-      if (Number(key, value, 0xFFFFFFFFu, &n)) out_->codePage = static_cast<uint32_t>(n);
+      if (Number(key, value, 0xFFFFFFFFu, &n)) {
+        out_->codePage = static_cast<uint32_t>(n);
+        out_->hasCodePage = true;
+      }
     } else if (key == "elevated") {
       if (Lower(value) == "unknown") {
         out_->elevation = ElevationMode::Unknown;

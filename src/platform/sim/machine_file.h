@@ -12,8 +12,8 @@
 //                    friendlyname, devicedesc, parentidprefix
 //   [volume X]       drive, offset or device, guid
 //
-// Reading it is pure text work; whether the images exist is checked when the
-// machine is built (sim_machine.h).
+// Reading it is pure text work; whether the images exist, are files and hold
+// at least one sector is checked when the machine is built (sim_machine.h).
 #pragma once
 
 #include <cstdint>
@@ -71,6 +71,9 @@ struct VolumeDescription {
 };
 
 struct MachineDescription {
+  // Without a codepage key the console is the host's: a simulated machine
+  // run from a UTF-8 terminal draws its frames in UTF-8 there.
+  bool hasCodePage = false;
   uint32_t codePage = 437;
   ElevationMode elevation = ElevationMode::Yes;
   uint32_t majorVersion = 6;

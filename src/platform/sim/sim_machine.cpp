@@ -4,6 +4,8 @@
 #include "platform/sim/sim_machine.h"
 
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "base/le.h"
@@ -23,6 +25,9 @@ constexpr uint32_t kErrorInvalidName = 123;
 constexpr uint32_t kErrorModuleNotFound = 126;
 constexpr uint32_t kErrorProcNotFound = 127;
 constexpr uint32_t kErrorNotAllAssigned = 1300;
+
+// The program reads whole 512-byte sectors; an image without one is no disk.
+constexpr uint64_t kSimSectorBytes = 512;
 
 // A machine file is a few kilobytes; anything far larger is not one.
 constexpr uint64_t kMaxMachineFileBytes = 16u << 20;
@@ -265,7 +270,9 @@ class SimMachine : public Machine {
 
   // ---- console ----------------------------------------------------------
 
-  uint32_t ConsoleOutputCodePage() override { return d_.codePage; }
+  uint32_t ConsoleOutputCodePage() override {
+    return d_.hasCodePage ? d_.codePage : native_->ConsoleOutputCodePage();
+  }
   void ClearScreen() override { native_->ClearScreen(); }
   void SetCursorPosition(int column, int row) override { native_->SetCursorPosition(column, row); }
   int ReadKey() override { return native_->ReadKey(); }
@@ -498,15 +505,27 @@ std::unique_ptr<Machine> CreateSimulatedMachine(MachineDescription description, 
     if (error != nullptr) *error = "the simulated machine needs the host's file access, which is not available";
     return nullptr;
   }
-  // Each image must open now: a typo in a path should stop the run at once
-  // rather than show up as a disk that cannot be read.
+  // Each image must open now and be something a drive can stand on: a typo
+  // in a path, a folder or an empty file should stop the run at once rather
+  // than show up as a disk that cannot be read.
   for (const DriveDescription& drive : description.drives) {
+    const std::string where = "line " + std::to_string(drive.imageLine) + ": the image of [drive " +
+                              std::to_string(drive.number) + "] " + drive.image;
+    std::error_code ignored;
+    if (std::filesystem::is_directory(std::filesystem::path(drive.image), ignored)) {
+      if (error != nullptr) *error = where + " is a folder, not an image file";
+      return nullptr;
+    }
     std::unique_ptr<File> image = native->Open(drive.image, OpenMode::ProbeRead);
     uint64_t bytes = 0;
     if (!image || !image->Size(&bytes)) {
+      if (error != nullptr) *error = where + " cannot be opened: " + MessageFor(native->LastError());
+      return nullptr;
+    }
+    if (bytes < kSimSectorBytes) {
       if (error != nullptr) {
-        *error = "line " + std::to_string(drive.imageLine) + ": cannot open the image of [drive " +
-                 std::to_string(drive.number) + "] " + drive.image + ": " + MessageFor(native->LastError());
+        *error = where + " holds " + std::to_string(bytes) + " bytes, less than one sector of " +
+                 std::to_string(kSimSectorBytes);
       }
       return nullptr;
     }

@@ -400,4 +400,7 @@ namespace dh::platform {
 
 std::unique_ptr<Machine> CreateNativeMachine() { return std::make_unique<win32::Win32Machine>(); }
 
+// ERRORLEVEL carries the whole 32-bit value.
+int ProcessExitStatus(int32_t exitValue) { return exitValue; }
+
 }  // namespace dh::platform
