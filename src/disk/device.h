@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "platform/platform.h"
 
@@ -26,6 +27,13 @@ class DeviceHandle {
   // Opens an existing file read-only.
   bool OpenRead(const std::string& path) { return Open(path, platform::OpenMode::ReadExisting); }
   void Close() { file_.reset(); }
+  // Takes a file opened elsewhere (a virtual disk's layout) as this handle's.
+  void Attach(std::unique_ptr<platform::File> file, const std::string& name) {
+    file_ = std::move(file);
+    path = name;
+    canRead = canWrite = file_ != nullptr;
+  }
+  std::unique_ptr<platform::File> Detach() { return std::move(file_); }
 
   // Positions at lba * 512 and reads `bytes` bytes: one positioning and one
   // transfer; a short read that is not empty succeeds.

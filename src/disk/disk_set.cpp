@@ -81,7 +81,11 @@ void DiskSet::OpenVirtualDisk(const std::string& path) {
   isVirtual = true;
   deviceName = path;
   ResultCode rc = OpenVmdk(*this, path);
-  if (rc != kSuccess) RecordError(rc);
+  if (rc != kSuccess) {
+    RecordError(rc);
+  } else {
+    LoadDisk(true);
+  }
 }
 
 void DiskSet::LoadDisk(bool readSector0) {
