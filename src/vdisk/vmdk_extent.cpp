@@ -384,7 +384,7 @@ bool VmdkFile::ForEachPiece(uint64_t offset, uint32_t bytes,
     const uint64_t inExtent = at - extent.firstByte;
     const uint64_t room = extent.bytes - inExtent;
     const uint32_t count = room < bytes - done ? static_cast<uint32_t>(room) : bytes - done;
-    if (!step(extent, inExtent, done, count)) return false;
+    if (count == 0 || !step(extent, inExtent, done, count)) return false;
     done += count;
   }
   return true;
