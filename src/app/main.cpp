@@ -7,9 +7,12 @@
 #include "app/program.h"
 #include "app/run_state.h"
 #include "platform/platform.h"
+#include "vdisk/vmdk.h"
 
 int main(int argc, char** argv) {
   std::string error;
+  // Drive images of a simulated machine may be VMware disks.
+  dh::platform::SetImageOpener(&dh::OpenVmdkImage);
   std::unique_ptr<dh::platform::Machine> machine = dh::platform::CreateMachine(&error);
   if (!machine) {
     std::fprintf(stderr, "diskhold: %s\n", error.c_str());

@@ -99,7 +99,7 @@ int32_t RunDiskhold(int argc, char** argv) {
   DiskDrivers drivers;
   drivers.loadMbr = LoadMbrTable;
   drivers.loadGpt = LoadGptTable;
-  drivers.openVirtual = OpenVmdk;
+  drivers.openVirtual = OpenVirtualVmdk;
 
   CheckElevation();
 

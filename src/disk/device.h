@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "disk/sector_device.h"
 #include "platform/platform.h"
@@ -29,6 +30,8 @@ class DeviceHandle : public SectorDevice {
   bool OpenRead(const std::string& path) { return Open(path, platform::OpenMode::ReadExisting); }
   // Takes a file opened elsewhere (a virtual disk's layout, say).
   void Attach(std::unique_ptr<platform::File> file, const std::string& name);
+  // Gives the file up; the handle is closed afterwards.
+  std::unique_ptr<platform::File> Detach() { return std::move(file_); }
   void Close() { file_.reset(); }
 
   // Reads `bytes` bytes at lba x 512; records nothing.  A read that ends

@@ -8,9 +8,10 @@
 //   - linux: block devices, sysfs, ioctls and termios;
 //   - sim:   a simulated machine described by the file named in the
 //            environment variable DISKHOLD_MACHINE (drives backed by image
-//            files, registry values, mounted volumes, console, locale...).
-// Host() picks the simulated machine when DISKHOLD_MACHINE is set and the
-// native backend otherwise.  No file outside src/platform includes an OS header.
+//            files, registry values, mounted volumes, console, locale...),
+//            or made of the images DISKHOLD_DISKS lists.
+// CreateMachine picks the simulated machine when either variable is set and
+// the native backend otherwise.  No file outside src/platform includes an OS header.
 #pragma once
 
 #include <cstdint>
@@ -188,9 +189,21 @@ class Machine {
   virtual bool SystemMessageText(uint32_t code, std::string* text) = 0;
 };
 
+// Disk images kept in a container (VMware disk files) are understood by a
+// layer above this one; the program hands its opener over once, before the
+// machine is created.  It answers false when the file at `path` is no such
+// container (the image is then used as it is), true otherwise, with `file`
+// the disk the container holds, or null and `why` telling why it cannot be
+// used.  Files are opened through `files`.
+using ImageOpener = bool (*)(Machine& files, const std::string& path, bool writable, std::unique_ptr<File>* file,
+                             std::string* why);
+void SetImageOpener(ImageOpener opener);
+ImageOpener GetImageOpener();
+
 // The machine of this run: the simulated one when DISKHOLD_MACHINE names a
-// machine file, the native one otherwise.  When the machine file cannot be
-// read, `error` says why and the result is null.
+// machine file or DISKHOLD_DISKS lists disk images, the native one
+// otherwise.  When the machine cannot be built, `error` says why and the
+// result is null.
 std::unique_ptr<Machine> CreateMachine(std::string* error);
 
 // The machine every part of the program uses; set once by main.

@@ -277,7 +277,7 @@ DiskDrivers TestDrivers() {
   DiskDrivers drivers;
   drivers.loadMbr = LoadMbrTable;
   drivers.loadGpt = LoadGptTable;
-  drivers.openVirtual = OpenVmdk;
+  drivers.openVirtual = OpenVirtualVmdk;
   return drivers;
 }
 

@@ -554,6 +554,27 @@ bool ParseMachineFile(const std::string& text, const std::string& filePath, Mach
   return true;
 }
 
+bool DescribeImageList(const std::string& list, char separator, MachineDescription* out, std::string* error) {
+  *out = MachineDescription();
+  const std::vector<std::string> images = Split(list, separator);
+  // The program looks for at most 100 drives.
+  if (images.size() > 100) {
+    *error = "DISKHOLD_DISKS lists " + std::to_string(images.size()) + " images; at most 100 drives are possible";
+    return false;
+  }
+  for (size_t i = 0; i < images.size(); ++i) {
+    if (images[i].empty()) {
+      *error = "DISKHOLD_DISKS has an empty entry (number " + std::to_string(i + 1) + ")";
+      return false;
+    }
+    DriveDescription drive;
+    drive.number = static_cast<int>(i);
+    drive.image = images[i];
+    out->drives.push_back(drive);
+  }
+  return true;
+}
+
 std::string ResolveMachinePath(const std::string& machineFilePath, const std::string& path) {
   const bool absolute = (!path.empty() && (path[0] == '/' || path[0] == '\\')) ||
                         (path.size() >= 2 && path[1] == ':' &&

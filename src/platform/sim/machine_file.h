@@ -99,6 +99,12 @@ struct MachineDescription {
 bool ParseMachineFile(const std::string& text, const std::string& filePath, MachineDescription* out,
                       std::string* error);
 
+// The machine of a list of disk images (DISKHOLD_DISKS): drives 0, 1, ...
+// in list order, everything else as a machine file without keys has it.
+// `separator` splits the list (':' or ';' as PATH uses it on the host).  On
+// failure returns false with `error` telling why.
+bool DescribeImageList(const std::string& list, char separator, MachineDescription* out, std::string* error);
+
 // A path from a machine file, made relative to the folder of the machine
 // file unless it is absolute ("/x", "\x" or "X:...").
 std::string ResolveMachinePath(const std::string& machineFilePath, const std::string& path);

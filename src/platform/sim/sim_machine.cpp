@@ -75,6 +75,28 @@ bool ReadHostFile(Machine& native, const std::string& path, uint64_t maxBytes, s
   return true;
 }
 
+// ERROR_FILE_CORRUPT: an image in a container that cannot be used.
+constexpr uint32_t kErrorFileCorrupt = 1392;
+
+// Opens a drive's image: a container (a VMware disk) through the program's
+// image opener, any other file as it is.  `bytes` receives the size of the
+// disk it holds.  On failure `why` tells why when the container was at
+// fault; otherwise the native machine's last error does.
+std::unique_ptr<File> OpenImage(Machine& native, const std::string& path, OpenMode mode, uint64_t* bytes,
+                                std::string* why) {
+  why->clear();
+  const bool writes = mode == OpenMode::DiskReadWrite || mode == OpenMode::ReadWriteExisting;
+  std::unique_ptr<File> image;
+  const ImageOpener opener = GetImageOpener();
+  if (opener == nullptr || !opener(native, path, writes, &image, why)) {
+    image = native.Open(path, mode);
+  } else if (!image && why->empty()) {
+    *why = "not a usable disk image";
+  }
+  if (!image || !image->Size(bytes)) return nullptr;
+  return image;
+}
+
 std::string MessageFor(uint32_t code) {
   std::string text;
   if (!WindowsMessageText(code, &text)) return "error " + std::to_string(code);
@@ -146,9 +168,10 @@ class SimMachine : public Machine {
     // Creating over a drive would truncate its image.
     if (mode == OpenMode::CreateAlways) return FailNull(kErrorAccessDenied);
     if (writes && drive->readOnly) return FailNull(kErrorAccessDenied);
-    std::unique_ptr<File> image = native_->Open(drive->image, mode);
     uint64_t bytes = 0;
-    if (!image || !image->Size(&bytes)) return FailNull(native_->LastError());
+    std::string why;
+    std::unique_ptr<File> image = OpenImage(*native_, drive->image, mode, &bytes, &why);
+    if (!image) return FailNull(why.empty() ? native_->LastError() : kErrorFileCorrupt);
     return MakeDriveFile(*drive, std::move(image), bytes, writes, native_, errors_);
   }
 
@@ -450,7 +473,9 @@ class SimMachine : public Machine {
   // Reads bytes of an image.  Opened sharing reads and writes, so that it
   // works beside the program's own handle on the drive on a Windows host.
   bool ReadImageBytes(const std::string& image, uint64_t offset, uint8_t* buffer, uint32_t bytes) {
-    std::unique_ptr<File> file = native_->Open(image, OpenMode::ProbeRead);
+    uint64_t size = 0;
+    std::string why;
+    std::unique_ptr<File> file = OpenImage(*native_, image, OpenMode::ProbeRead, &size, &why);
     if (!file) return false;
     uint32_t total = 0;
     while (total < bytes) {
@@ -509,17 +534,21 @@ std::unique_ptr<Machine> CreateSimulatedMachine(MachineDescription description, 
   // in a path, a folder or an empty file should stop the run at once rather
   // than show up as a disk that cannot be read.
   for (const DriveDescription& drive : description.drives) {
-    const std::string where = "line " + std::to_string(drive.imageLine) + ": the image of [drive " +
-                              std::to_string(drive.number) + "] " + drive.image;
+    // Drives of an image list come from no line of any file.
+    const std::string where = (drive.imageLine > 0 ? "line " + std::to_string(drive.imageLine) + ": " : std::string()) +
+                              "the image of [drive " + std::to_string(drive.number) + "] " + drive.image;
     std::error_code ignored;
     if (std::filesystem::is_directory(std::filesystem::path(drive.image), ignored)) {
       if (error != nullptr) *error = where + " is a folder, not an image file";
       return nullptr;
     }
-    std::unique_ptr<File> image = native->Open(drive.image, OpenMode::ProbeRead);
     uint64_t bytes = 0;
-    if (!image || !image->Size(&bytes)) {
-      if (error != nullptr) *error = where + " cannot be opened: " + MessageFor(native->LastError());
+    std::string why;
+    std::unique_ptr<File> image = OpenImage(*native, drive.image, OpenMode::ProbeRead, &bytes, &why);
+    if (!image) {
+      if (error != nullptr) {
+        *error = where + " cannot be opened: " + (why.empty() ? MessageFor(native->LastError()) : why);
+      }
       return nullptr;
     }
     if (bytes < kSimSectorBytes) {

@@ -1,0 +1,355 @@
+// VMware disk files on an in-memory machine: the descriptor's keys and their
+// block rules, the four types, sizes and adapters, the sparse layout (zero
+// reads, grain allocation in both tables), and hostile headers and tables
+// that must be refused without a single write.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <utility>
+#include <string>
+#include <vector>
+
+#include "app/run_state.h"
+#include "base/le.h"
+#include "disk/disk_set.h"
+#include "disk/write_plan.h"
+#include "fake_machine.h"
+#include "vdisk/vmdk.h"
+#include "vdisk/vmdk_descriptor.h"
+#include "vdisk/vmdk_extent.h"
+
+namespace dh {
+namespace {
+
+// Writes at a sector of a device and flushes, as a disk write does.
+bool WriteAt(dh::DeviceHandle& device, uint64_t lba, const uint8_t* data, uint32_t bytes) {
+  return dh::WriteFull(device, lba * 512, data, bytes) && device.Flush();
+}
+
+using Bytes = std::vector<uint8_t>;
+using namespace vmdk;
+
+Bytes Block(const std::string& text) {
+  Bytes block(kBlockSize + 1, 0);
+  std::memcpy(block.data(), text.data(), std::min(text.size(), kBlockSize));
+  return block;
+}
+
+std::string Descriptor(const std::string& type, const std::string& extents, const std::string& adapter = "ide",
+                       bool geometry = true) {
+  std::string text = "# Disk DescriptorFile\nversion=1\ncreateType=\"" + type + "\"\n" + extents;
+  if (geometry) text += "ddb.geometry.cylinders = \"4\"\nddb.geometry.heads = \"16\"\nddb.geometry.sectors = \"63\"\n";
+  if (!adapter.empty()) text += "ddb.adapterType = \"" + adapter + "\"\n";
+  return text;
+}
+
+// A hosted sparse extent as VMware lays it out: header, descriptor,
+// redundant directory and tables, directory and tables, then grains.
+struct Sparse {
+  uint64_t capacity = 4096, grainSize = 128, overhead = 128, rgd = 21, gd = 26;
+  uint32_t gtes = 512, flags = 3;
+
+  uint64_t Tables() const { return (capacity / grainSize + gtes - 1) / gtes; }
+  uint64_t GtSectors() const { return (gtes * 4 + 511) / 512; }
+  uint64_t GtOf(uint64_t dir, uint64_t t) const { return dir + (Tables() * 4 + 511) / 512 + t * GtSectors(); }
+
+  Bytes Build(const std::string& descriptor) const {
+    Bytes b(overhead * 512, 0);
+    std::memcpy(b.data(), "KDMV", 4);
+    StoreLe32(&b[kHdrVersion], 1);
+    StoreLe32(&b[kHdrFlags], flags);
+    StoreLe64(&b[kHdrCapacity], capacity);
+    StoreLe64(&b[kHdrGrainSize], grainSize);
+    StoreLe64(&b[kHdrDescriptorOffset], descriptor.empty() ? 0 : 1);
+    StoreLe64(&b[kHdrDescriptorSize], descriptor.empty() ? 0 : 20);
+    StoreLe32(&b[kHdrGtesPerGt], gtes);
+    StoreLe64(&b[kHdrRgdOffset], rgd);
+    StoreLe64(&b[kHdrGdOffset], gd);
+    StoreLe64(&b[kHdrOverhead], overhead);
+    std::memcpy(&b[512], descriptor.data(), descriptor.size());
+    for (uint64_t t = 0; t < Tables(); ++t) {
+      StoreLe32(&b[rgd * 512 + t * 4], static_cast<uint32_t>(GtOf(rgd, t)));
+      StoreLe32(&b[gd * 512 + t * 4], static_cast<uint32_t>(GtOf(gd, t)));
+    }
+    return b;
+  }
+  uint32_t Gte(const Bytes& b, uint64_t dir, uint64_t grain) const {
+    return LoadLe32(&b[GtOf(dir, grain / gtes) * 512 + grain % gtes * 4]);
+  }
+  void SetGte(Bytes& b, uint64_t grain, uint32_t value) const {
+    for (uint64_t dir : {rgd, gd}) StoreLe32(&b[GtOf(dir, grain / gtes) * 512 + grain % gtes * 4], value);
+  }
+};
+
+const std::string kSparseDescriptor = Descriptor("monolithicSparse", "RW 4096 SPARSE \"disk.vmdk\"\n", "lsilogic");
+
+class VmdkTest : public ::testing::Test {
+ protected:
+  VmdkTest() : host_(&machine_) { ResetRun(); }
+
+  std::unique_ptr<VmdkDisk> Open(const std::string& path) { return OpenVmdk(path, machine_); }
+  test::FakeDrive& File(const std::string& path, Bytes bytes) { return machine_.AddFile(path, std::move(bytes)); }
+  test::FakeDrive& Text(const std::string& path, const std::string& text) {
+    return File(path, Bytes(text.begin(), text.end()));
+  }
+  // A monolithicSparse disk whose grain 0 holds an MBR at the overhead.
+  test::FakeDrive& SparseDisk(const Sparse& s = Sparse()) {
+    Bytes b = s.Build(kSparseDescriptor);
+    b.resize((s.overhead + s.grainSize) * 512);
+    s.SetGte(b, 0, static_cast<uint32_t>(s.overhead));
+    b[s.overhead * 512] = 0x33;
+    b[s.overhead * 512 + 510] = 0x55;
+    b[s.overhead * 512 + 511] = 0xAA;
+    return File("disk.vmdk", b);
+  }
+
+  test::FakeMachine machine_;
+  test::ScopedHost host_;
+};
+
+TEST(VmdkKeys, NumbersAndQuotedValuesFollowTheBlockRules) {
+  const Bytes b = Block(std::string("a = \"-4\" a = \"17\" k=\"") + std::string(50, 'x') + "\" k=\"" +
+                        std::string(51, 'y') + "\" q=\"" + std::string(51, 'z') + "\" q=\"ok\"" +
+                        std::string("\0\0zero = \"9\"", 12));
+  EXPECT_EQ(FindKeyNumber(b.data(), kBlockSize, "a = "), 17);  // the negative one is passed over
+  EXPECT_EQ(FindKeyNumber(b.data(), kBlockSize, "zero = "), 9);  // zero bytes do not end the search
+  EXPECT_EQ(FindKeyNumber(b.data(), kBlockSize, "missing = "), -1);
+  std::string v;
+  ASSERT_TRUE(FindQuotedValue(b.data(), kBlockSize, "k=\"", &v));
+  EXPECT_EQ(v, std::string(50, 'x'));  // 50 characters still close
+  ASSERT_TRUE(FindQuotedValue(b.data(), kBlockSize, "q=\"", &v));
+  EXPECT_EQ(v, "ok");  // 51 do not: the search goes on
+  // A key at the very end of the block reads nothing beyond it.
+  Bytes end(kBlockSize + 1, 'k');
+  EXPECT_FALSE(FindQuotedValue(end.data(), kBlockSize, "kk", &v));
+  EXPECT_EQ(FindKeyNumber(end.data(), kBlockSize, "kk"), 0);
+}
+
+TEST(VmdkKeys, TypesAndAdapters) {
+  const struct {
+    const char* createType;
+    int32_t type;
+    const char* description;
+  } types[] = {
+      {"monolithicFlat", 1, "VMware Pre-allocated Flat Disk File"},
+      {"twoGbMaxExtentFlat", 2, "VMware Pre-allocated 2GB Flat Disk File"},
+      {"monolithicSparse", 3, "VMware Standard Disk File"},
+      {"twoGbMaxExtentSparse", 4, "VMware 2GB Standard Disk File"},
+      {"monolithic", 1, "VMware Pre-allocated Flat Disk File"},
+      {"custom", 0, "Unknown Virtual Disk File"},
+      {"streamOptimized", 0, "Unknown Virtual Disk File"},
+  };
+  for (const auto& t : types) {
+    EXPECT_EQ(DiskTypeOf(t.createType), t.type) << t.createType;
+    EXPECT_STREQ(DescriptionOfType(DiskTypeOf(t.createType)), t.description) << t.createType;
+  }
+  const std::pair<const char*, const char*> adapters[] = {
+      {"lsilogic", "SCSI"}, {"buslogic", "SCSI"}, {"ide", "IDE"}, {"pvscsi", "UNKNOWN"}, {"lsisas1068", "UNKNOWN"}};
+  for (const auto& [adapter, text] : adapters) EXPECT_STREQ(AdapterTextOf(adapter), text) << adapter;
+}
+
+TEST_F(VmdkTest, FlatDescriptorOpensItsDataFileBesideItWithEitherSeparator) {
+  for (const std::string dir : {"C:\\vm\\", "/vm/"}) {
+    Bytes flat(4096 * 512, 0);
+    flat[0] = 0xEB;
+    flat[510] = 0x55;
+    flat[511] = 0xAA;
+    File(dir + "disk-flat.vmdk", flat);
+    Text(dir + "disk.vmdk", Descriptor("monolithicFlat", "RW 4096 FLAT \"disk-flat.vmdk\" 0\n", "pvscsi"));
+    auto disk = Open(dir + "disk.vmdk");
+    ASSERT_EQ(disk->errorCode, kSuccess) << dir;
+    EXPECT_TRUE(disk->opened && disk->mbrValid);
+    EXPECT_EQ(disk->dataPath, dir + "disk-flat.vmdk");
+    EXPECT_EQ(disk->sector0Image[0], 0xEB);
+    EXPECT_EQ(disk->dataStartSector, 0u);
+    EXPECT_EQ(disk->interfaceText, "UNKNOWN");
+    EXPECT_EQ(disk->descriptionText, "VMware Pre-allocated Flat Disk File");
+    EXPECT_EQ(disk->cylinders * disk->heads * disk->sectorsPerTrack, 4 * 16 * 63);
+  }
+}
+
+TEST_F(VmdkTest, ReadWriteExtentsAreAddedUpOnlyWithAFullGeometry) {
+  // Flat files as large as their extents, without holding their bytes.
+  for (auto [path, sectors] : {std::pair<const char*, uint64_t>{"a-f001.vmdk", 4192256}, {"a-f002.vmdk", 2048}}) {
+    test::FakeDrive& flat = File(path, Bytes(512, 0));
+    flat.isDevice = true;
+    flat.diskSizeOverride = sectors * 512;
+  }
+  const std::string extents = "RW 4192256 FLAT \"a-f001.vmdk\" 0\nRW 2048 FLAT \"a-f002.vmdk\" 0\n";
+  Text("a.vmdk", Descriptor("twoGbMaxExtentFlat", extents, "lsilogic"));
+  Text("b.vmdk", Descriptor("twoGbMaxExtentFlat", extents, "", false));
+  auto a = Open("a.vmdk");
+  EXPECT_EQ(a->errorCode, kSuccess);
+  EXPECT_EQ(a->totalSectors, 4194304u);
+  EXPECT_EQ(a->sizeBytes, 2147483648u);
+  EXPECT_EQ(a->interfaceText, "SCSI");
+  EXPECT_FALSE(a->mbrValid);  // zeros: an empty sector 0, no error
+  auto b = Open("b.vmdk");
+  EXPECT_EQ(b->errorCode, kSuccess);
+  EXPECT_EQ(b->totalSectors, 0u);
+  EXPECT_EQ(b->cylinders, 0);
+  EXPECT_EQ(b->interfaceText, "");
+}
+
+TEST_F(VmdkTest, RefusedFilesEndWithTheirCodeAndWriteNothing) {
+  File("data.vmdk", Bytes(4096 * 512, 0));
+  const struct {
+    std::string text;
+    ResultCode code;
+  } cases[] = {
+      {"this is no disk descriptor", kVmdkNotVmware2},
+      {"", kVmdkNotVmware2},
+      {Descriptor("custom", "RW 4096 FLAT \"data.vmdk\" 0\n"), kVmdkUnknownType},
+      {Descriptor("streamOptimized", "RW 4096 SPARSE \"data.vmdk\"\n"), kVmdkUnknownType},
+      {Descriptor("monolithicFlat", "RW 4096 FLAT \"missing.vmdk\" 0\n"), kVmdkOpenFailed},
+      {"# Disk DescriptorFile\nRW 4096 FLAT \"data.vmdk\" 0\n", kVmdkOpenFailed},  // no createType
+      {Descriptor("monolithicFlat", "RW 4096 FLAT \"" + std::string(51, 'n') + "\" 0\n"), kVmdkOpenFailed},
+      {Descriptor("monolithicFlat", "RW 99999999999999999999 FLAT \"data.vmdk\" 0\n"), kVmdkUnknownType},
+      {Descriptor("monolithicFlat", "RW 9223372036854775807 FLAT \"data.vmdk\" 0\nRW 5 FLAT \"data.vmdk\" 0\n"),
+       kVmdkUnknownType},
+      {Descriptor("monolithicFlat", "RW 4097 FLAT \"data.vmdk\" 0\n"), kVmdkUnknownType},  // beyond the file
+      {Descriptor("monolithicFlat", "RW 4096 FLAT \"data.vmdk\" 0\nRW 8 VMFSSPARSE \"data.vmdk\"\n"),
+       kVmdkUnknownType},
+      {Descriptor("monolithicFlat", "RW 4096 FLAT \"data.vmdk\" x\n"), kVmdkUnknownType},
+      {Descriptor("monolithicFlat", "RW 4096 FLAT \"data.vmdk\" 0 junk\n"), kVmdkUnknownType},
+      {Descriptor("monolithicSparse", "RW 4096 SPARSE \"data.vmdk\"\n"), kVmdkUnknownType},  // no header
+      {Descriptor("monolithicFlat", "RW 4096 FLAT \"d.vmdk\" 0\n"), kVmdkUnknownType},  // itself
+  };
+  for (const auto& c : cases) {
+    Text("d.vmdk", c.text);
+    auto disk = Open("d.vmdk");
+    EXPECT_EQ(disk->errorCode, c.code) << c.text;
+    EXPECT_FALSE(disk->device.IsOpen()) << c.text;
+  }
+  for (auto& [path, file] : machine_.devices) EXPECT_EQ(file.writeCalls, 0) << path;
+}
+
+TEST_F(VmdkTest, SparseDiskReadsItsFirstGrainAtTheOverheadAndZerosElsewhere) {
+  SparseDisk();
+  auto disk = Open("disk.vmdk");
+  ASSERT_EQ(disk->errorCode, kSuccess);
+  EXPECT_EQ(disk->diskType, kTypeMonolithicSparse);
+  EXPECT_EQ(disk->dataStartSector, 128u);
+  EXPECT_TRUE(disk->mbrValid);
+  EXPECT_EQ(disk->sector0Image[0], 0x33);  // byte 65536 of the file
+  EXPECT_EQ(disk->interfaceText, "SCSI");
+  Bytes sector(512, 0xCC);
+  ASSERT_TRUE(disk->device.ReadAt(200, sector.data(), 512));  // grain 1: no storage
+  EXPECT_EQ(sector, Bytes(512, 0));
+}
+
+TEST_F(VmdkTest, AWriteIntoAGrainWithoutStorageAppendsItAndPointsBothTablesAtIt) {
+  const Sparse s;
+  test::FakeDrive& file = SparseDisk(s);
+  auto disk = Open("disk.vmdk");
+  ASSERT_EQ(disk->errorCode, kSuccess);
+  const size_t before = file.bytes.size();
+  // Zeros into a grain without storage change nothing.
+  ASSERT_TRUE(WriteAt(disk->device, 300, Bytes(1024, 0).data(), 1024));
+  EXPECT_EQ(file.bytes.size(), before);
+  // Data straddling grains 2 and 3 allocates both, grain-aligned at the end.
+  Bytes data(1024, 0x5A);
+  ASSERT_TRUE(WriteAt(disk->device, 3 * 128 - 1, data.data(), 1024));
+  EXPECT_EQ(file.bytes.size(), before + 2 * 128 * 512);
+  for (uint64_t dir : {s.rgd, s.gd}) {
+    EXPECT_EQ(s.Gte(file.bytes, dir, 2), 256u);
+    EXPECT_EQ(s.Gte(file.bytes, dir, 3), 384u);
+  }
+  Bytes back(1536, 1);
+  ASSERT_TRUE(disk->device.ReadAt(3 * 128 - 2, back.data(), 1536));
+  EXPECT_EQ(Bytes(back.begin(), back.begin() + 512), Bytes(512, 0));
+  EXPECT_EQ(Bytes(back.begin() + 512, back.end()), data);
+}
+
+TEST_F(VmdkTest, AWriteThatCannotExtendTheFileFailsWith505) {
+  SparseDisk();
+  machine_.AddDrive(0, 64);
+  DiskSet disks(test::TestDrivers(), false);
+  disks.OpenVirtualDisk("disk.vmdk");
+  ASSERT_EQ(disks.firstError, kSuccess);
+  EXPECT_EQ(disks.diskKindText, "MBR");
+  EXPECT_EQ(disks.bootSectorLba, 0u);
+  EXPECT_EQ(disks.totalSectors, 4096u);
+  machine_.Find("disk.vmdk")->writeProtected = true;
+  const Bytes data(512, 7);
+  WritePlan plan;
+  plan.Allow(1000, 1);
+  WriteScope scope(disks, plan);
+  EXPECT_EQ(WriteSectors(disks, 1000, data.data(), 1), kWriteFailed);
+}
+
+TEST_F(VmdkTest, HostileSparseHeadersAndTablesAreRefusedWithoutAWrite) {
+  const Sparse s;
+  auto header = [](size_t at, uint64_t value, int width) {
+    return [=](Bytes& b) { width == 8 ? StoreLe64(&b[at], value) : StoreLe32(&b[at], static_cast<uint32_t>(value)); };
+  };
+  const struct {
+    const char* what;
+    std::function<void(Bytes&)> damage;
+  } cases[] = {
+      {"grain size 0", header(kHdrGrainSize, 0, 8)},
+      {"grain size 96", header(kHdrGrainSize, 96, 8)},
+      {"version 4", header(kHdrVersion, 4, 4)},
+      {"compressed", header(kHdrFlags, 3 | kFlagCompressedGrains, 4)},
+      {"no table entries", header(kHdrGtesPerGt, 0, 4)},
+      {"huge capacity", header(kHdrCapacity, UINT64_MAX, 8)},
+      {"directory beyond the file", header(kHdrGdOffset, 1u << 30, 8)},
+      {"directory on the header", header(kHdrGdOffset, 0, 8)},
+      {"overhead beyond the file", header(kHdrOverhead, 1u << 20, 8)},
+      {"descriptor beyond the metadata", header(kHdrDescriptorSize, UINT64_MAX, 8)},
+      {"table on the directory", [&](Bytes& b) { StoreLe32(&b[s.gd * 512], static_cast<uint32_t>(s.gd)); }},
+      {"table beyond the file", [&](Bytes& b) { StoreLe32(&b[s.gd * 512], 0xFFFFFFF0u); }},
+      {"entry in the header", [&](Bytes& b) { s.SetGte(b, 5, 1); }},
+      {"entry in the tables", [&](Bytes& b) { s.SetGte(b, 5, 27); }},
+      {"entry beyond the file", [&](Bytes& b) { s.SetGte(b, 5, 100000); }},
+  };
+  for (const auto& c : cases) {
+    Bytes b = s.Build(kSparseDescriptor);
+    b.resize((s.overhead + s.grainSize) * 512);
+    c.damage(b);
+    test::FakeDrive& file = File("disk.vmdk", b);
+    file.writeCalls = 0;
+    auto disk = Open("disk.vmdk");
+    EXPECT_EQ(disk->errorCode, kVmdkUnknownType) << c.what;
+    EXPECT_FALSE(disk->device.IsOpen()) << c.what;
+    EXPECT_EQ(file.writeCalls, 0) << c.what;
+    EXPECT_EQ(file.bytes, b) << c.what;
+  }
+}
+
+TEST_F(VmdkTest, ExtentsOfEveryKindMapInOrderAndOnlyReadWriteOnesTakeWrites) {
+  Sparse s;
+  s.capacity = 256;
+  File("s.vmdk", s.Build(""));
+  File("f.vmdk", Bytes(300 * 512, 0x11));
+  Text("d.vmdk", Descriptor("twoGbMaxExtentSparse",
+                            "RW 100 FLAT \"f.vmdk\" 200\nRW 256 SPARSE \"s.vmdk\"\nRW 50 ZERO\nRDONLY 10 FLAT \"f.vmdk\" 0\n"));
+  auto disk = Open("d.vmdk");
+  ASSERT_EQ(disk->errorCode, kSuccess);
+  EXPECT_EQ(disk->dataStartSector, s.overhead);  // from the first data file's header
+  uint64_t size = 0;
+  ASSERT_TRUE(disk->device.file()->Size(&size));
+  EXPECT_EQ(size, 416u * 512);
+  Bytes all(416 * 512, 0xEE);
+  ASSERT_TRUE(disk->device.ReadAt(0, all.data(), static_cast<uint32_t>(all.size())));
+  EXPECT_EQ(Bytes(all.begin(), all.begin() + 100 * 512), Bytes(100 * 512, 0x11));
+  EXPECT_EQ(Bytes(all.begin() + 100 * 512, all.begin() + 406 * 512), Bytes(306 * 512, 0));
+  EXPECT_EQ(Bytes(all.begin() + 406 * 512, all.end()), Bytes(10 * 512, 0x11));
+
+  // A write that reaches the zero or read-only extent is refused whole.
+  const Bytes data(2 * 512, 0x77);
+  const Bytes flatBefore = machine_.Find("f.vmdk")->bytes;
+  EXPECT_FALSE(WriteAt(disk->device, 355, data.data(), 1024));
+  EXPECT_FALSE(WriteAt(disk->device, 405, data.data(), 1024));
+  EXPECT_FALSE(WriteAt(disk->device, 416, data.data(), 512));
+  EXPECT_EQ(machine_.Find("f.vmdk")->bytes, flatBefore);
+  // One that spans the flat and the sparse extent lands in both.
+  ASSERT_TRUE(WriteAt(disk->device, 99, data.data(), 1024));
+  EXPECT_EQ(machine_.Find("f.vmdk")->bytes[299 * 512], 0x77);
+  EXPECT_EQ(s.Gte(machine_.Find("s.vmdk")->bytes, s.gd, 0), s.overhead);
+}
+
+}  // namespace
+}  // namespace dh
