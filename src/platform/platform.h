@@ -80,6 +80,19 @@ class File {
   virtual bool UpdateProperties() = 0;
 };
 
+// A file that is no device: every DeviceIoControl query fails, as Windows
+// answers them for a plain file.  Files made of other files (a virtual
+// disk's layout) start from here.
+class PlainFile : public File {
+ public:
+  bool GetDriveGeometry(DiskGeometry*) override { return false; }
+  bool GetDriveGeometryEx(DiskGeometry*, uint64_t*) override { return false; }
+  bool GetPartitionInfo(uint64_t*, uint64_t*) override { return false; }
+  bool GetDriveLayoutEx(LayoutEntry*) override { return false; }
+  bool GetDriveLayout(LayoutEntry*) override { return false; }
+  bool UpdateProperties() override { return false; }
+};
+
 // GetVersionExA with OSVERSIONINFOA.
 struct OsVersion {
   uint32_t majorVersion = 0;

@@ -80,7 +80,7 @@ class SparseExtent;
 // The virtual disk as one file.  Positions are bytes of the virtual disk;
 // a transfer that would run past its end is cut (reads) or refused
 // (writes).  The DeviceIoControl queries fail as they do on a plain file.
-class VmdkFile : public platform::File {
+class VmdkFile : public platform::PlainFile {
  public:
   // Builds the layout from a descriptor's extent lines; extent file names
   // are taken relative to the folder of `descriptorPath`.  303 when an
@@ -97,12 +97,6 @@ class VmdkFile : public platform::File {
   bool Write(const void* buffer, uint32_t bytes, uint32_t* done) override;
   bool Flush() override;
   bool Size(uint64_t* bytes) override;
-  bool GetDriveGeometry(platform::DiskGeometry*) override { return false; }
-  bool GetDriveGeometryEx(platform::DiskGeometry*, uint64_t*) override { return false; }
-  bool GetPartitionInfo(uint64_t*, uint64_t*) override { return false; }
-  bool GetDriveLayoutEx(platform::LayoutEntry*) override { return false; }
-  bool GetDriveLayout(platform::LayoutEntry*) override { return false; }
-  bool UpdateProperties() override { return false; }
 
  private:
   struct Extent {

@@ -283,7 +283,7 @@ DiskDrivers TestDrivers() {
 
 namespace {
 
-class ShiftedFile : public platform::File {
+class ShiftedFile : public platform::PlainFile {
  public:
   ShiftedFile(std::unique_ptr<platform::File> file, uint64_t base) : file_(std::move(file)), base_(base) {}
   bool Seek(uint64_t offset) override { return file_->Seek(base_ + offset); }
@@ -296,12 +296,6 @@ class ShiftedFile : public platform::File {
     *bytes = all - base_;
     return true;
   }
-  bool GetDriveGeometry(platform::DiskGeometry*) override { return false; }
-  bool GetDriveGeometryEx(platform::DiskGeometry*, uint64_t*) override { return false; }
-  bool GetPartitionInfo(uint64_t*, uint64_t*) override { return false; }
-  bool GetDriveLayoutEx(platform::LayoutEntry*) override { return false; }
-  bool GetDriveLayout(platform::LayoutEntry*) override { return false; }
-  bool UpdateProperties() override { return false; }
 
  private:
   std::unique_ptr<platform::File> file_;
