@@ -240,6 +240,7 @@ Result Expect(const Machine& m, int code, Args args, const std::string& text, co
   args.push_back("/result");
   Result r = m.Run(args, input);
   EXPECT_EQ(code, ResultOf(r)) << ::testing::PrintToString(args) << "\n" << r.out;
+  EXPECT_EQ(code & 0xFF, r.status) << ::testing::PrintToString(args);
   if (!text.empty()) {
     EXPECT_TRUE(Has(r, text)) << ::testing::PrintToString(args) << "\n" << r.out;
   }

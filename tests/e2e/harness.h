@@ -89,8 +89,8 @@ class Machine {
 Result RunProgram(const std::string& program, const std::vector<std::string>& args, const std::string& input,
                   const std::string& machineFile, const std::string& workDir);
 
-// Runs with "/result" added; expects that value and, when given, `text`
-// somewhere in the output.
+// Runs with "/result" added; expects that value, its low 8 bits as the exit
+// status and, when given, `text` somewhere in the output.
 Result Expect(const Machine& m, int code, Args args, const std::string& text = "", const std::string& input = "");
 // One run as a transcript shows it: "> " and the arguments, the output,
 // and "= " with the exit status.
