@@ -146,14 +146,20 @@ TEST_F(Gpt, DeletingAllEntriesOnEveryDiskKeepsUnknownOnes) {
   m.AddDrive(1, kDiskSectors);
   MakeMixedDisk(0);
   MakeMixedDisk(1);
+  const std::vector<uint8_t> protective = m.drive(0).Read(0);
   const Result r = m.Run({"/del", "/disk=*", "/part=*", "/confirm"});
   EXPECT_EQ(r.status, 0) << r.out;
   for (int n : {0, 1}) {
     ExpectSgdiskHappy(n);
     EXPECT_EQ(SgdiskParts(Image(n)), std::vector<Part>{(Part{24576, 30719, "8300"})}) << n;
   }
+  EXPECT_EQ(m.drive(0).Read(0), protective);
   const Result list = m.Run({"/list", "/disk=0", "/text"});
   EXPECT_NE(list.out.find("  No partitions found on this disk  "), std::string::npos) << list.out;
+  // Nothing left to delete: nothing changes.
+  const std::string before = m.Hashes();
+  EXPECT_EQ(m.Run({"/del", "/disk=*", "/part=*", "/confirm"}).status, 0);
+  EXPECT_EQ(m.Hashes(), before);
 }
 
 TEST_F(Gpt, FailedDeleteEndsWith202) {

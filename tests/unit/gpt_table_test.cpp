@@ -191,20 +191,6 @@ TEST_F(GptTableTest, RemovingClosesUpAndKeepsUnknownEntries) {
   expectMoved(LoadGpt());
 }
 
-TEST_F(GptTableTest, ClearingLeavesOnlyUnknownEntries) {
-  test::WriteGptDisk(*drive, kFourEntries);
-  const Bytes sector0 = Area(*drive, 0, 1);
-  LoadGpt();
-  EXPECT_EQ(ClearGptEntries(*disks), kSuccess);
-  EXPECT_EQ(SlotType(*drive, 0), GuidBytes(test::kLinuxFsType));
-  for (uint32_t slot = 1; slot < 128; ++slot) EXPECT_EQ(SlotType(*drive, slot), kUnused);
-  EXPECT_EQ(GptProblems(*drive), "");
-  EXPECT_EQ(Area(*drive, 0, 1), sector0);
-  EXPECT_EQ(GptOf(*disks)->EntryCount(), 0);
-  // Nothing left to delete: nothing is written.
-  ExpectNoWrite(kSuccess, [&] { return ClearGptEntries(*disks); });
-}
-
 TEST_F(GptTableTest, BackupNotWrittenWhereItWouldOverlapTheUsableArea) {
   test::WriteGptDisk(*drive, kFourEntries, kNoBackup);
   Poke(gpt::kLastUsableLba, kSectors - 2);  // no room left before the alternate header
