@@ -99,8 +99,9 @@ std::string Shown(const Args& args, const Result& r);
 std::string Transcript(const Machine& m, const std::vector<Args>& runs, const std::string& input = "");
 
 std::string DiskholdPath();
-// Compares output with the file tests/e2e/golden/<name>; on a difference the
-// actual output is saved beside the test's temporary files.
+// Compares output with the file tests/e2e/golden/<name>; on a difference, or
+// when there is no such file yet, the actual output is saved beside the
+// test's temporary files.
 void ExpectGolden(const std::string& name, const std::string& actual);
 // The whole value printed by "/result" (the last " Result:" line).
 int ResultOf(const Result& r);
