@@ -23,13 +23,6 @@ using e2e::Result;
 constexpr uint64_t kDiskSectors = 131072;  // 64 MiB
 const char* const kDiskGuid = "11223344-5566-7788-99AA-BBCCDDEEFF00";
 
-std::string Sh(const std::string& command) {
-  int status = 0;
-  std::string out = e2e::Shell(command + " 2>&1", &status);
-  EXPECT_EQ(status, 0) << command << "\n" << out;
-  return out;
-}
-
 // One partition as sgdisk -p reports it.
 struct Part {
   uint64_t start = 0;
@@ -49,7 +42,7 @@ struct Row {
 std::vector<Part> SgdiskParts(const std::string& image) {
   static const std::regex row(R"(^\s+\d+\s+(\d+)\s+(\d+)\s+\S+ \S+\s+([0-9A-F]{4})\b.*)");
   std::vector<Part> parts;
-  std::istringstream lines(Sh("sgdisk -p '" + image + "'"));
+  std::istringstream lines(e2e::ShellOk("sgdisk -p '" + image + "'"));
   std::smatch m;
   for (std::string line; std::getline(lines, line);) {
     if (std::regex_match(line, m, row)) parts.push_back({std::stoull(m[1]), std::stoull(m[2]), m[3]});
@@ -79,7 +72,7 @@ class Gpt : public ::testing::Test {
   // Eight known types and one entry of a type the program does not know
   // (HP-UX data) between them.
   void MakeMixedDisk(int n = 0) {
-    Sh("sgdisk -U " + std::string(kDiskGuid) +
+    e2e::ShellOk("sgdisk -U " + std::string(kDiskGuid) +
        " -n 1:2048:+1M -t 1:EF00 -n 2:0:+1M -t 2:0C01 -n 3:0:+4M -t 3:0700 -n 4:0:+1M -t 4:FD00"
        " -n 5:0:+1M -t 5:8200 -n 6:0:+2M -t 6:8E00 -n 7:0:+1M -t 7:AF00 -n 8:0:+3M -t 8:C001"
        " -n 9:0:+1M -t 9:0700 '" +
@@ -87,7 +80,7 @@ class Gpt : public ::testing::Test {
   }
 
   void ExpectSgdiskHappy(int n = 0) {
-    const std::string report = Sh("sgdisk -v '" + Image(n) + "'");
+    const std::string report = e2e::ShellOk("sgdisk -v '" + Image(n) + "'");
     EXPECT_NE(report.find("No problems found"), std::string::npos) << report;
   }
 
@@ -125,7 +118,7 @@ TEST_F(Gpt, ListingShowsTheKnownEntriesSgdiskReports) {
 
 TEST_F(Gpt, ListingOfAnSfdiskDisk) {
   if (!e2e::HaveTool("sfdisk")) GTEST_SKIP() << "sfdisk is not installed";
-  Sh("printf 'label: gpt\\nlabel-id: " + std::string(kDiskGuid) +
+  e2e::ShellOk("printf 'label: gpt\\nlabel-id: " + std::string(kDiskGuid) +
      "\\nstart=2048, size=2048, type=C12A7328-F81F-11D2-BA4B-00A0C93EC93B\\n"
      "size=4096, type=75894C1E-3AEB-11D3-B7C1-7B03A0000000\\n"
      "size=4096, type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7\\n' | sfdisk -q '" +
@@ -154,14 +147,20 @@ TEST_F(Gpt, DeletingAllEntriesOnEveryDiskKeepsUnknownOnes) {
   m.AddDrive(1, kDiskSectors);
   MakeMixedDisk(0);
   MakeMixedDisk(1);
+  const std::vector<uint8_t> protective = m.drive(0).Read(0);
   const Result r = m.Run({"/del", "/disk=*", "/part=*", "/confirm"});
   EXPECT_EQ(r.status, 0) << r.out;
   for (int n : {0, 1}) {
     ExpectSgdiskHappy(n);
     EXPECT_EQ(SgdiskParts(Image(n)), std::vector<Part>{(Part{24576, 30719, "C001"})}) << n;
   }
+  EXPECT_EQ(m.drive(0).Read(0), protective);
   const Result list = m.Run({"/list", "/disk=0", "/text"});
   EXPECT_NE(list.out.find("  No partitions found on this disk  "), std::string::npos) << list.out;
+  // Nothing left to delete: nothing changes.
+  const std::string before = m.Hashes();
+  EXPECT_EQ(m.Run({"/del", "/disk=*", "/part=*", "/confirm"}).status, 0);
+  EXPECT_EQ(m.Hashes(), before);
 }
 
 TEST_F(Gpt, FailedDeleteEndsWith202) {
@@ -174,7 +173,7 @@ TEST_F(Gpt, FailedDeleteEndsWith202) {
 }
 
 TEST_F(Gpt, MissingBackupShowsInvalidAndADeleteRebuildsIt) {
-  Sh("sgdisk -U " + std::string(kDiskGuid) + " -n 1:2048:+1M -t 1:0700 -n 2:0:+1M -t 2:8300 -n 3:0:+1M -t 3:8200 '" +
+  e2e::ShellOk("sgdisk -U " + std::string(kDiskGuid) + " -n 1:2048:+1M -t 1:0700 -n 2:0:+1M -t 2:8300 -n 3:0:+1M -t 3:8200 '" +
      Image() + "'");
   m.drive(0).Write(kDiskSectors - 1, std::vector<uint8_t>(512, 0));
   ExpectGolden("gpt_no_backup_text.txt", m.Run({"/list", "/text"}).out);
@@ -188,7 +187,7 @@ TEST_F(Gpt, MissingBackupShowsInvalidAndADeleteRebuildsIt) {
 }
 
 TEST_F(Gpt, EmptyAndTenAndMoreEntriesListings) {
-  Sh("sgdisk -o -U " + std::string(kDiskGuid) + " '" + Image() + "'");
+  e2e::ShellOk("sgdisk -o -U " + std::string(kDiskGuid) + " '" + Image() + "'");
   ExpectGolden("gpt_empty_text.txt", m.Run({"/list", "/text"}).out);
 
   m.AddDrive(0, kDiskSectors);  // a fresh, empty image
@@ -198,7 +197,7 @@ TEST_F(Gpt, EmptyAndTenAndMoreEntriesListings) {
     const std::string n = std::to_string(i + 1);
     command += " -n " + n + ":0:+1M -t " + n + ":" + codes[i];
   }
-  Sh(command + " '" + Image() + "'");
+  e2e::ShellOk(command + " '" + Image() + "'");
   m.Set("codepage", "65001");
   ExpectGolden("gpt_many_utf8.txt", m.Run({"/list"}).out);
 }

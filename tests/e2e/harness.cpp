@@ -96,6 +96,22 @@ std::vector<uint8_t> Mbr(const std::vector<std::vector<uint8_t>>& entries, uint3
   return s;
 }
 
+Bytes Ebr(const Bytes& logical, const Bytes& link) {
+  Bytes s = Mbr({logical, link.empty() ? Bytes(16, 0) : link}, 0);
+  s[0] = s[1] = 0;
+  return s;
+}
+
+Bytes Concat(std::initializer_list<Bytes> parts) {
+  Bytes all;
+  for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
+  return all;
+}
+
+void PutLe(Bytes& b, size_t at, uint64_t value, int bytes) {
+  for (int i = 0; i < bytes; ++i) b[at + static_cast<size_t>(i)] = static_cast<uint8_t>(value >> (8 * i));
+}
+
 Machine::Machine() {
   char tmpl[] = "/tmp/diskhold-e2e-XXXXXX";
   char* d = ::mkdtemp(tmpl);
@@ -115,6 +131,12 @@ Image& Machine::AddDrive(int number, uint64_t sectors, const std::map<std::strin
   drives_[number] = Image(PathOf(name), sectors);
   driveKeys_[number] = keys;
   return drives_[number];
+}
+
+std::string Machine::Hashes() const {
+  std::string all;
+  for (const auto& [n, img] : drives_) all += std::to_string(n) + "=" + img.Hash() + " ";
+  return all;
 }
 
 std::string Machine::WriteMachineFile() const {
@@ -225,6 +247,31 @@ Result RunProgram(const std::string& program, const std::vector<std::string>& ar
   return r;
 }
 
+Result Expect(const Machine& m, int code, Args args, const std::string& text, const std::string& input) {
+  args.push_back("/result");
+  Result r = m.Run(args, input);
+  EXPECT_EQ(code, ResultOf(r)) << ::testing::PrintToString(args) << "\n" << r.out;
+  // The shell sees the low 8 bits, and 1 for a failure whose low 8 bits are 0.
+  const int status = code != 0 && (code & 0xFF) == 0 ? 1 : (code & 0xFF);
+  EXPECT_EQ(status, r.status) << ::testing::PrintToString(args);
+  if (!text.empty()) {
+    EXPECT_TRUE(Has(r, text)) << ::testing::PrintToString(args) << "\n" << r.out;
+  }
+  return r;
+}
+
+std::string Shown(const Args& args, const Result& r) {
+  std::string line = ">";
+  for (const std::string& a : args) line += " " + a;
+  return line + "\n" + r.out + "= " + std::to_string(r.status) + "\n";
+}
+
+std::string Transcript(const Machine& m, const std::vector<Args>& runs, const std::string& input) {
+  std::string all;
+  for (const Args& args : runs) all += Shown(args, m.Run(args, input));
+  return all;
+}
+
 std::string DiskholdPath() {
   const char* env = std::getenv("DISKHOLD_EXE_OVERRIDE");
   return env ? env : DISKHOLD_EXE;
@@ -234,10 +281,10 @@ void ExpectGolden(const std::string& name, const std::string& actual) {
   const std::string here = __FILE__;
   const std::string path = here.substr(0, here.find_last_of("/\\") + 1) + "golden/" + name;
   const std::string expected = ReadFileText(path);
-  ASSERT_FALSE(expected.empty()) << "missing golden file " << path;
   if (actual == expected) return;
   const std::string saved = ::testing::TempDir() + name + ".actual";
   WriteFileText(saved, actual);
+  ASSERT_FALSE(expected.empty()) << "missing golden file " << path << "; output saved in " << saved;
   EXPECT_EQ(expected, actual) << name << "; output saved in " << saved;
 }
 
@@ -276,6 +323,13 @@ std::string Shell(const std::string& command, int* status) {
   while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
   int rc = ::pclose(p);
   if (status) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  return out;
+}
+
+std::string ShellOk(const std::string& command) {
+  int status = 0;
+  std::string out = Shell(command + " 2>&1", &status);
+  EXPECT_EQ(status, 0) << command << "\n" << out;
   return out;
 }
 

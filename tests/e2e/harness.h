@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <vector>
@@ -11,6 +12,8 @@
 namespace e2e {
 
 constexpr uint64_t kSector = 512;
+using Bytes = std::vector<uint8_t>;
+using Args = std::vector<std::string>;
 
 // One sparse image file; sectors are written straight to the file.
 class Image {
@@ -33,6 +36,12 @@ class Image {
 std::vector<uint8_t> Entry(uint8_t boot, uint8_t type, uint32_t start, uint32_t count);
 // A sector 0 with boot code 33 C0, a signature, the given entries and 55 AA.
 std::vector<uint8_t> Mbr(const std::vector<std::vector<uint8_t>>& entries, uint32_t signature = 0x12345678);
+// An EBR: no boot code, the logical partition's entry, the link (none when
+// empty) and 55 AA.
+Bytes Ebr(const Bytes& logical, const Bytes& link = {});
+Bytes Concat(std::initializer_list<Bytes> parts);
+// Stores the low `bytes` bytes of `value` little-endian at `at`.
+void PutLe(Bytes& b, size_t at, uint64_t value, int bytes);
 
 struct Result {
   std::string out;
@@ -65,6 +74,9 @@ class Machine {
   // empty value removes it.
   void SetProcessEnv(const std::string& name, const std::string& value) { processEnv_[name] = value; }
 
+  // The hashes of every image, for "nothing changed" checks.
+  std::string Hashes() const;
+
   std::string WriteMachineFile() const;
   // Runs diskhold with the arguments on this machine, stdin from the text
   // (closed at its end), in this folder as the working directory.
@@ -86,9 +98,19 @@ Result RunProgram(const std::string& program, const std::vector<std::string>& ar
                   const std::string& machineFile, const std::string& workDir,
                   const std::map<std::string, std::string>& env = {});
 
+// Runs with "/result" added; expects that value, its low 8 bits as the exit
+// status and, when given, `text` somewhere in the output.
+Result Expect(const Machine& m, int code, Args args, const std::string& text = "", const std::string& input = "");
+// One run as a transcript shows it: "> " and the arguments, the output,
+// and "= " with the exit status.
+std::string Shown(const Args& args, const Result& r);
+// The transcript of the runs in turn, for comparing with a golden file.
+std::string Transcript(const Machine& m, const std::vector<Args>& runs, const std::string& input = "");
+
 std::string DiskholdPath();
-// Compares output with the file tests/e2e/golden/<name>; on a difference the
-// actual output is saved beside the test's temporary files.
+// Compares output with the file tests/e2e/golden/<name>; on a difference, or
+// when there is no such file yet, the actual output is saved beside the
+// test's temporary files.
 void ExpectGolden(const std::string& name, const std::string& actual);
 // The whole value printed by "/result" (the last " Result:" line).
 int ResultOf(const Result& r);
@@ -99,5 +121,7 @@ void WriteFileText(const std::string& path, const std::string& text);
 bool HaveTool(const std::string& name);
 // Runs a shell command; returns its stdout, sets status.
 std::string Shell(const std::string& command, int* status = nullptr);
+// Runs a shell command that must succeed; returns stdout and stderr.
+std::string ShellOk(const std::string& command);
 
 }  // namespace e2e

@@ -13,12 +13,13 @@
 
 namespace {
 
+using e2e::Args;
+using e2e::Bytes;
+using e2e::Concat;
+using e2e::Entry;
 using e2e::ExpectGolden;
 using e2e::Has;
 using e2e::ResultOf;
-using Bytes = std::vector<uint8_t>;
-using Args = std::vector<std::string>;
-using e2e::Entry;
 
 constexpr uint64_t kDiskSectors = 16384;
 
@@ -40,11 +41,6 @@ Bytes Zeros(uint64_t sectors) { return Bytes(sectors * 512, 0); }
 Bytes Slice(const Bytes& bytes, size_t from, size_t count) {
   return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(from),
                bytes.begin() + static_cast<std::ptrdiff_t>(from + count));
-}
-
-Bytes Concat(Bytes a, const Bytes& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
 }
 
 // The MBR of the test disks: NTFS from 2048, FAT32 from 6144, a Linux
@@ -81,19 +77,12 @@ class SectorsTest : public ::testing::Test {
 
   static void Fill(const e2e::Image& image) { image.Write(0, FullImage(image.sectors())); }
 
-  e2e::Result Run(Args args, const std::string& input = "") {
+  e2e::Result Run(Args args) {
     args.push_back("/result");
-    return machine_.Run(args, input);
+    return machine_.Run(args);
   }
-
-  // Runs; expects the result value and, when given, a piece of the output.
   e2e::Result Expect(int code, const Args& args, const std::string& text = "", const std::string& input = "") {
-    e2e::Result r = Run(args, input);
-    EXPECT_EQ(code, ResultOf(r)) << ::testing::PrintToString(args) << "\n" << r.out;
-    if (!text.empty()) {
-      EXPECT_TRUE(Has(r, text)) << ::testing::PrintToString(args) << "\n" << r.out;
-    }
-    return r;
+    return e2e::Expect(machine_, code, args, text, input);
   }
 
   std::string File(const std::string& name) const { return machine_.PathOf(name); }
@@ -266,7 +255,7 @@ TEST_F(SectorsTest, RestoreMbrChecksSizeAndSignature) {
   EXPECT_EQ(unsigned512, disk.Read(0));
   disk.Write(0, TestMbr());
 
-  WriteFile("raw1024.bin", Concat(TestMbr(), Pattern(1, 9)));
+  WriteFile("raw1024.bin", Concat({TestMbr(), Pattern(1, 9)}));
   Expect(560, {"/restore=mbr", "/filename=raw1024.bin", "/confirm"},
          " Error 560: File size does not match requested command\n");
   EXPECT_EQ(before, disk.Hash());
@@ -278,7 +267,7 @@ TEST_F(SectorsTest, RestoreMbrChecksSizeAndSignature) {
   header[130] = 2;
   Bytes mbr = TestMbr();
   mbr[0x1B8] = 0x77;  // another signature
-  WriteFile("two.bin", Concat(Concat(header, mbr), Pattern(1, 9)));
+  WriteFile("two.bin", Concat({header, mbr, Pattern(1, 9)}));
   const std::string unchanged = disk.Hash();
   Expect(560, {"/restore=mbr", "/filename=two.bin", "/confirm"});
   EXPECT_EQ(unchanged, disk.Hash());
@@ -303,7 +292,7 @@ TEST_F(SectorsTest, RestoreToASectorNumber) {
   WriteFile("one.bin", Pattern(63, 0x33));
   Expect(0, {"/restore=63", "/filename=one.bin"},
          " The specified sector range was successfully restored from one.bin\n", "Y");
-  EXPECT_EQ(Concat(Concat(Pattern(62), Pattern(63, 0x33)), Pattern(64)), disk.Read(62, 3));
+  EXPECT_EQ(Concat({Pattern(62), Pattern(63, 0x33), Pattern(64)}), disk.Read(62, 3));
   // Declined: nothing is written.
   WriteFile("one.bin", Pattern(63, 0x44));
   Expect(129, {"/restore=63", "/filename=one.bin"}, "", "n");
@@ -371,9 +360,9 @@ TEST_F(SectorsTest, ShowRawFilesBySize) {
       {"boot.raw", boot},
       {"floppy.raw", floppy},
       {"other.raw", other},
-      {"track0.raw", Concat(mbr, Patterns(1, 62))},
+      {"track0.raw", Concat({mbr, Patterns(1, 62)})},
       {"unsigned_track0.raw", Patterns(0, 63)},
-      {"two.raw", Concat(mbr, Pattern(1))},
+      {"two.raw", Concat({mbr, Pattern(1)})},
       {"a_file_name_of_thirty_one_chars", mbr},  // 31 characters
       {"dd.raw", dd},
   };
@@ -455,12 +444,12 @@ TEST_F(SectorsTest, BadSectorsFailTheirAreaAndNothingBeyondIsTouched) {
 
   Expect(505, {"/wipe=range", "/range=2990-3010", "/confirm"},
          " Error 505: Unable to save the specified sectors to the selected disk\n\n");
-  EXPECT_EQ(Concat(Concat(Concat(Pattern(2989), Zeros(10)), Pattern(3000)), Concat(Zeros(10), Pattern(3011))),
+  EXPECT_EQ(Concat({Pattern(2989), Zeros(10), Pattern(3000), Zeros(10), Pattern(3011)}),
             disk.Read(2989, 23));
 
   // The last sectors of the disk, one of them bad, and sectors beyond it.
   Expect(505, {"/wipe=range", "/range=16377-16390", "/confirm"});
-  EXPECT_EQ(Concat(Concat(Pattern(16376), Zeros(3)), Concat(Pattern(16380), Zeros(3))), disk.Read(16376, 8));
+  EXPECT_EQ(Concat({Pattern(16376), Zeros(3), Pattern(16380), Zeros(3)}), disk.Read(16376, 8));
   EXPECT_EQ(kDiskSectors * 512, disk.Read(0, kDiskSectors + 10).size());
 }
 
@@ -536,7 +525,7 @@ TEST_F(SectorsTest, GptAreasOnGptAndMbrDisks) {
   EXPECT_EQ(area, disk.Read(0, 34));
 
   Expect(0, {"/wipe=gpt", "/confirm"}, " Specified sectors successfully cleared \n");
-  EXPECT_EQ(Concat(Zeros(34), Pattern(34)), disk.Read(0, 35));  // up to the first usable sector
+  EXPECT_EQ(Concat({Zeros(34), Pattern(34)}), disk.Read(0, 35));  // up to the first usable sector
 
   e2e::Image& mbrDisk = AddDisk(1);
   const std::string before = mbrDisk.Hash();

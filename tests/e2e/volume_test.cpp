@@ -1,9 +1,10 @@
-// Volume labels end to end: volumes made by the system's mkfs tools and a
-// hand-built NTFS volume show their labels in the listing, and a label
-// selects its partition across disks.
+// Volume labels and IDs end to end: volumes made by mkfs.fat and mkntfs and
+// a hand-built NTFS volume show their labels in the listing and their IDs
+// through volumeid=Read, and a label selects its partition across disks.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -12,16 +13,13 @@
 
 namespace {
 
+using e2e::Bytes;
 using e2e::Entry;
 using e2e::Image;
 using e2e::Machine;
 using e2e::Mbr;
+using e2e::PutLe;
 using e2e::Result;
-
-// Stores a little-endian value of `bytes` bytes.
-void Put(std::vector<uint8_t>& b, size_t at, uint32_t v, int bytes = 4) {
-  for (int i = 0; i < bytes; ++i) b[at + i] = static_cast<uint8_t>(v >> (8 * i));
-}
 
 // Formats a file of `megabytes` with the tool and copies it to `lba` of
 // the image.  False when the tool is missing or fails.
@@ -39,30 +37,30 @@ bool WriteMadeVolume(const Image& image, uint64_t lba, const std::string& tool, 
 }
 
 // An NTFS volume of 1 KiB records whose $Volume record holds the label as a
-// resident value.
+// resident value; serial number 0x9ABCDEF0.
 void WriteNtfsVolume(const Image& image, uint64_t lba, const std::string& label) {
-  std::vector<uint8_t> boot(512, 0);
+  Bytes boot(512, 0);
   std::memcpy(&boot[3], "NTFS    ", 8);
-  Put(boot, 11, 512, 2);
+  PutLe(boot, 11, 512, 2);
   boot[13] = 8;     // clusters of 4 KiB
   boot[48] = 4;     // MFT at cluster 4
   boot[64] = 0xF6;  // 1,024-byte file records
-  Put(boot, 72, 0x9ABCDEF0);
+  PutLe(boot, 72, 0x9ABCDEF0, 4);
   boot[510] = 0x55;
   boot[511] = 0xAA;
   image.Write(lba, boot);
 
-  std::vector<uint8_t> record(1024, 0);
+  Bytes record(1024, 0);
   std::memcpy(&record[0], "FILE", 4);
-  Put(record, 20, 56, 2);
+  PutLe(record, 20, 56, 2);
   const size_t valueLength = label.size() * 2;
   const size_t attrLength = (24 + valueLength + 7) / 8 * 8;
-  Put(record, 56, 0x60);
-  Put(record, 60, static_cast<uint32_t>(attrLength));
-  Put(record, 56 + 16, static_cast<uint32_t>(valueLength));
-  Put(record, 56 + 20, 24, 2);
+  PutLe(record, 56, 0x60, 4);
+  PutLe(record, 60, attrLength, 4);
+  PutLe(record, 56 + 16, valueLength, 4);
+  PutLe(record, 56 + 20, 24, 2);
   for (size_t i = 0; i < label.size(); ++i) record[56 + 24 + 2 * i] = static_cast<uint8_t>(label[i]);
-  Put(record, 56 + attrLength, 0xFFFFFFFF);
+  PutLe(record, 56 + attrLength, 0xFFFFFFFF, 4);
   image.Write(lba + 4 * 8 + 3 * 2, record);
 }
 
@@ -74,22 +72,36 @@ std::string RowWith(const std::string& out, const std::string& start) {
   return out.substr(begin, out.find('\n', at) - begin);
 }
 
-TEST(Volume, LabelsOfMadeVolumesInTheListing) {
+// Labels fill their column, cut or blank-filled to 11 characters; the
+// volume ID is the serial number's low four bytes.
+TEST(Volume, LabelsAndIdsOfMadeVolumes) {
   Machine m;
-  Image& disk = m.AddDrive(0, 2048 + 3 * 32768);
-  disk.Write(0, Mbr({Entry(0, 0x06, 2048, 32768), Entry(0, 0x0C, 2048 + 32768, 32768),
-                     Entry(0, 0x07, 2048 + 2 * 32768, 32768)}));
-  if (!WriteMadeVolume(disk, 2048, "mkfs.fat", "-F 16 -n MYDATA", 16) ||
-      !WriteMadeVolume(disk, 2048 + 32768, "mkfs.fat", "-F 32 -n 'TWO WORDS'", 16)) {
-    GTEST_SKIP() << "mkfs.fat is not available";
+  Image& disk = m.AddDrive(0, 2048 + 4 * 32768);
+  disk.Write(0, Mbr({Entry(0, 0x06, 2048, 32768), Entry(0, 0x0C, 34816, 32768), Entry(0, 0x07, 67584, 32768),
+                     Entry(0, 0x07, 100352, 32768)}));
+  if (!WriteMadeVolume(disk, 2048, "mkfs.fat", "-F 16 -n MYDATA -i 1234ABCD", 16) ||
+      !WriteMadeVolume(disk, 34816, "mkfs.fat", "-F 32 -n ARCHIVE2024 -i 89ABCDEF", 16) ||
+      !WriteMadeVolume(disk, 67584, "mkntfs", "-q -F -f -L 'Backup Disk'", 16)) {
+    GTEST_SKIP() << "mkfs.fat or mkntfs is not available";
   }
-  WriteNtfsVolume(disk, 2048 + 2 * 32768, "Backup");
+  WriteNtfsVolume(disk, 100352, "Data");
 
   Result r = m.Run({"/list", "/text", "/silent"});
   ASSERT_EQ(r.status, 0) << r.out << r.err;
-  for (const auto& [start, label] : {std::pair<const char*, const char*>{"2,048", " MYDATA      "},
-                                     {"34,816", " TWO WORDS   "}, {"67,584", " Backup      "}}) {
-    EXPECT_NE(RowWith(r.out, start).find(label), std::string::npos) << r.out;
+  const Bytes made = disk.Read(67584);
+  char madeId[16];
+  std::snprintf(madeId, sizeof madeId, "%02X%02X-f%02X%02X", made[75], made[74], made[73], made[72]);
+  struct Case {
+    const char* start;
+    const char* label;
+    std::string id;
+  };
+  const Case cases[] = {{"2,048", " MYDATA      ", "1234-fABCD"}, {"34,816", " ARCHIVE2024 ", "89AB-fCDEF"},
+                        {"67,584", " Backup Disk ", madeId}, {"100,352", " Data        ", "9ABC-fDEF0"}};
+  for (size_t i = 0; i < 4; ++i) {
+    EXPECT_NE(RowWith(r.out, cases[i].start).find(cases[i].label), std::string::npos) << r.out;
+    const Result id = m.Run({"/volumeid=Read", "/part=" + std::to_string(i + 1), "/silent"});
+    EXPECT_EQ(id.out, cases[i].id) << i;
   }
 }
 
@@ -108,7 +120,7 @@ TEST(Volume, LabelSelectsItsPartition) {
 
   Result r = m.Run({"/hide", "/vol=ARCHIVE", "/confirm", "/silent"});
   ASSERT_EQ(r.status, 0) << r.out << r.err;
-  const std::vector<uint8_t> mbr = second.Read(0);
+  const Bytes mbr = second.Read(0);
   EXPECT_EQ(mbr[446 + 4], 0x07);
   EXPECT_EQ(mbr[446 + 16 + 4], 0x17);
   EXPECT_EQ(first.Hash(), firstHash);

@@ -2,7 +2,9 @@
 #include "fake_machine.h"
 
 #include "app/command_table.h"
+#include "app/run_state.h"
 #include "base/frame.h"
+#include "base/le.h"
 #include "base/sink.h"
 #include "gpt/gpt_table.h"
 #include "mbr/partition.h"
@@ -312,6 +314,51 @@ std::unique_ptr<VirtualDisk> ShiftedVirtualDisk(std::unique_ptr<platform::File> 
   disk->sizeBytes = sectors * 512;
   disk->device.Attach(std::make_unique<ShiftedFile>(std::move(file), baseSectors * 512), "shifted");
   return disk;
+}
+
+void PutMbrEntry(uint8_t* sector, size_t offset, const MbrEntry& e) {
+  uint8_t* p = sector + offset;
+  const uint8_t bytes[8] = {e.boot, 1, 2, 3, e.type, 5, 6, 7};
+  std::memcpy(p, bytes, 8);
+  StoreLe32(p + 8, e.start);
+  StoreLe32(p + 12, e.count);
+}
+
+FakeDiskTest::FakeDiskTest() { ResetRun(); }
+FakeDiskTest::~FakeDiskTest() { ResetRun(); }
+
+FakeDrive& FakeDiskTest::MakeMbrDisk(const std::vector<MbrEntry>& slots, uint64_t sectors) {
+  drive = &machine.AddDrive(0, sectors);
+  for (int i = 0; i < 446; ++i) drive->Sector(0)[i] = static_cast<uint8_t>(i * 7 + 3);
+  for (size_t i = 0; i < slots.size(); ++i) {
+    if (slots[i].type != 0) PutMbrEntry(drive->Sector(0), 446 + 16 * i, slots[i]);
+  }
+  drive->SetBootSignature();
+  return *drive;
+}
+
+DiskSet& FakeDiskTest::Load(bool ignoreErrors) {
+  if (drive == nullptr) drive = machine.Find(DrivePath(0));
+  if (drive != nullptr) before = drive->bytes;
+  disks = std::make_unique<DiskSet>(TestDrivers(), ignoreErrors);
+  return *disks;
+}
+
+void FakeDiskTest::OpenUnloaded(uint64_t sectors) {
+  disks = std::make_unique<DiskSet>(TestDrivers(), false);
+  drive = &machine.AddDrive(0, sectors);
+  EXPECT_TRUE(disks->device.Open(DrivePath(0), platform::OpenMode::DiskReadWrite));
+}
+
+std::vector<uint8_t> FakeDiskTest::Slot(int slot) {
+  const uint8_t* p = drive->Sector(0) + 446 + 16 * slot;
+  return std::vector<uint8_t>(p, p + 16);
+}
+
+void FakeDiskTest::ExpectOnlyTableChanged() {
+  ASSERT_EQ(drive->bytes.size(), before.size());
+  EXPECT_EQ(0, std::memcmp(drive->bytes.data(), before.data(), 446));
+  EXPECT_EQ(0, std::memcmp(drive->bytes.data() + 510, before.data() + 510, before.size() - 510));
 }
 
 void RunHandler(DiskSet& disks) {

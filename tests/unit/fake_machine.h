@@ -5,6 +5,9 @@
 //   FakeDrive& disk = machine.AddDrive(0, 2048);   // \\.\PhysicalDrive0
 //   disk.badSectors.insert(7);
 //   ScopedHost host(&machine);                     // Host() is now `machine`
+//
+// FakeDiskTest bundles the usual fixture: a fresh run, a machine that is the
+// host, drive 0 with an MBR of given entries, and the disk set loaded from it.
 #pragma once
 
 #include <cstdint>
@@ -14,6 +17,8 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "disk/disk_set.h"
 #include "platform/platform.h"
@@ -179,5 +184,43 @@ std::unique_ptr<VirtualDisk> ShiftedVirtualDisk(std::unique_ptr<platform::File> 
 // Runs the handler of Options().command on `disks` the way the dispatcher
 // does after its selector checks and the question.
 void RunHandler(DiskSet& disks);
+
+// An MBR partition entry: boot indicator, type, first sector and count.
+struct MbrEntry {
+  uint8_t boot = 0;
+  uint8_t type = 0;
+  uint32_t start = 0;
+  uint32_t count = 0;
+};
+// Stores `e` as the 16-byte entry at `offset` of `sector`; its CHS bytes are
+// the pattern 1 2 3 and 5 6 7, so that a rebuilt entry shows.
+void PutMbrEntry(uint8_t* sector, size_t offset, const MbrEntry& e);
+
+class FakeDiskTest : public ::testing::Test {
+ protected:
+  FakeDiskTest();
+  ~FakeDiskTest() override;
+
+  // Drive 0 of `sectors` sectors: patterned boot code, the entries in slots
+  // 0.. (a type of 0 leaves the slot empty) and 55 AA.
+  FakeDrive& MakeMbrDisk(const std::vector<MbrEntry>& slots, uint64_t sectors = 8192);
+  // A fresh disk set loaded from the machine as a run loads it; `before`
+  // keeps drive 0's bytes as they were.
+  DiskSet& Load(bool ignoreErrors = false);
+  // Drive 0 of `sectors` zero sectors and a disk set made before it, so that
+  // nothing is loaded; its device is open on the drive.
+  void OpenUnloaded(uint64_t sectors);
+
+  // The 16 bytes of slot `slot` of drive 0's sector 0.
+  std::vector<uint8_t> Slot(int slot);
+  // Everything of drive 0 but the four entries of sector 0 is as it was.
+  void ExpectOnlyTableChanged();
+
+  FakeMachine machine;
+  ScopedHost host{&machine};
+  FakeDrive* drive = nullptr;
+  std::unique_ptr<DiskSet> disks;
+  std::vector<uint8_t> before;
+};
 
 }  // namespace dh::test

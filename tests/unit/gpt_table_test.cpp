@@ -30,13 +30,13 @@ const Bytes kUnused(16, 0);
 
 Bytes Area(FakeDrive& d, uint64_t first, uint64_t count) { return Bytes(d.Sector(first), d.Sector(first + count)); }
 
-class GptTableTest : public ::testing::Test {
+class GptTableTest : public test::FakeDiskTest {
  protected:
   void SetUp() override { drive = &machine.AddDrive(0, kSectors); }
 
   // A DiskSet made now loads disk 0, and with it the GPT.
-  GptTable& Load() {
-    disks = std::make_unique<DiskSet>(test::TestDrivers(), false);
+  GptTable& LoadGpt() {
+    Load();
     EXPECT_TRUE(disks->isGpt);
     EXPECT_NE(GptOf(*disks), nullptr);
     return *GptOf(*disks);
@@ -57,11 +57,6 @@ class GptTableTest : public ::testing::Test {
     EXPECT_EQ(edit(), code);
     EXPECT_EQ(drive->writeCalls, writes);
   }
-
-  test::FakeMachine machine;
-  test::ScopedHost host{&machine};
-  FakeDrive* drive = nullptr;
-  std::unique_ptr<DiskSet> disks;
 };
 
 const std::vector<GptTestEntry> kFourEntries = {
@@ -79,7 +74,7 @@ TEST_F(GptTableTest, ListsKnownEntriesInArrayOrder) {
                               {test::kBasicDataType, 6144, 8191, gpt::kAttrReadOnly | gpt::kAttrHidden}});
   std::memcpy(drive->Sector(6144) + 3, "NTFS", 4);
   std::memcpy(drive->Sector(2048) + 1032, "HFSJ", 4);
-  GptTable& table = Load();
+  GptTable& table = LoadGpt();
 
   EXPECT_EQ(table.firstError, kSuccess);
   EXPECT_TRUE(table.headerValid);
@@ -108,7 +103,7 @@ TEST_F(GptTableTest, ListsKnownEntriesInArrayOrder) {
 
 TEST_F(GptTableTest, ShortReadsAreCompleted) {
   test::WriteGptDisk(*drive, kFourEntries);
-  Load();
+  LoadGpt();
   drive->readLimit = 100;  // the device hands out at most 100 bytes a call
   disks->table = LoadGptTable(*disks);
   EXPECT_EQ(GptOf(*disks)->firstError, kSuccess);
@@ -128,7 +123,7 @@ TEST_F(GptTableTest, HostileHeadersAreInvalidAndAllocateNothing) {
     SCOPED_TRACE(what);
     test::WriteGptDisk(*drive, kFourEntries);
     Poke(offset, value, wide);
-    GptTable& table = Load();
+    GptTable& table = LoadGpt();
     EXPECT_EQ(table.firstError, kGptInvalid);
     EXPECT_FALSE(table.headerValid);
     EXPECT_EQ(table.EntryCount(), 0);
@@ -143,7 +138,7 @@ TEST_F(GptTableTest, HostileEntriesGiveBoundedNumbers) {
   test::WriteGptDisk(*drive, {{test::kBasicDataType, 9000, 100, 0},
                               {test::kBasicDataType, 0, UINT64_MAX, 0},
                               {test::kBasicDataType, UINT64_MAX, UINT64_MAX, 0}});
-  GptTable& table = Load();
+  GptTable& table = LoadGpt();
   ASSERT_EQ(table.EntryCount(), 3);
   EXPECT_EQ(table.Entry(1)->sectorCount, 0u);  // ends before it starts
   EXPECT_EQ(table.Entry(2)->sectorCount, UINT64_MAX);
@@ -155,10 +150,10 @@ TEST_F(GptTableTest, HostileEntriesGiveBoundedNumbers) {
 TEST_F(GptTableTest, UnreadableHeaderOrArray) {
   test::WriteGptDisk(*drive, kFourEntries);
   drive->badSectors = {1};
-  EXPECT_EQ(Load().firstError, kGptInvalid);
+  EXPECT_EQ(LoadGpt().firstError, kGptInvalid);
 
   drive->badSectors = {3};  // inside the primary array
-  GptTable& table = Load();
+  GptTable& table = LoadGpt();
   EXPECT_EQ(table.firstError, kGptFileRead);
   EXPECT_TRUE(table.headerValid);
   EXPECT_EQ(table.EntryCount(), 0);
@@ -170,7 +165,7 @@ TEST_F(GptTableTest, UnreadableHeaderOrArray) {
 
 TEST_F(GptTableTest, RemovingClosesUpAndKeepsUnknownEntries) {
   test::WriteGptDisk(*drive, kFourEntries);
-  GptTable& table = Load();
+  GptTable& table = LoadGpt();
   ASSERT_EQ(table.EntryCount(), 3);
   const int flushes = drive->flushCalls;
 
@@ -193,40 +188,13 @@ TEST_F(GptTableTest, RemovingClosesUpAndKeepsUnknownEntries) {
     EXPECT_EQ(t.Details(2)->shortTypeName, "LX-SWAP");
   };
   expectMoved(table);
-  expectMoved(Load());
-}
-
-TEST_F(GptTableTest, ClearingLeavesOnlyUnknownEntries) {
-  test::WriteGptDisk(*drive, kFourEntries);
-  const Bytes sector0 = Area(*drive, 0, 1);
-  Load();
-  EXPECT_EQ(ClearGptEntries(*disks), kSuccess);
-  EXPECT_EQ(SlotType(*drive, 0), GuidBytes(test::kUnknownType));
-  for (uint32_t slot = 1; slot < 128; ++slot) EXPECT_EQ(SlotType(*drive, slot), kUnused);
-  EXPECT_EQ(GptProblems(*drive), "");
-  EXPECT_EQ(Area(*drive, 0, 1), sector0);
-  EXPECT_EQ(GptOf(*disks)->EntryCount(), 0);
-  // Nothing left to delete: nothing is written.
-  ExpectNoWrite(kSuccess, [&] { return ClearGptEntries(*disks); });
-}
-
-TEST_F(GptTableTest, MissingBackupIsReportedAndADeleteRebuildsIt) {
-  test::WriteGptDisk(*drive, kFourEntries, kNoBackup);
-  GptTable& table = Load();
-  ASSERT_EQ(table.firstError, kGptBackupInvalid);
-  EXPECT_FALSE(table.backupValid);
-  EXPECT_EQ(table.EntryCount(), 3);
-  // The load-time 201 is not this write's result.
-  EXPECT_EQ(RemoveGptEntry(*disks, 1), kSuccess);
-  EXPECT_EQ(table.firstError, kGptBackupInvalid);
-  EXPECT_EQ(GptProblems(*drive), "");
-  EXPECT_EQ(LoadLe64(drive->Sector(kSectors - 1) + gpt::kEntryArrayLba), kSectors - 33);
+  expectMoved(LoadGpt());
 }
 
 TEST_F(GptTableTest, NothingIsWrittenWhereTheBackupWouldOverlapTheUsableArea) {
   test::WriteGptDisk(*drive, kFourEntries, kNoBackup);
   Poke(gpt::kLastUsableLba, kSectors - 2);  // no room left before the disk's last sector
-  GptTable& table = Load();
+  GptTable& table = LoadGpt();
   const Bytes before = drive->bytes;
   EXPECT_EQ(RemoveGptEntry(*disks, 1), kGptSaveFailed);
   EXPECT_EQ(drive->bytes, before);
@@ -235,7 +203,7 @@ TEST_F(GptTableTest, NothingIsWrittenWhereTheBackupWouldOverlapTheUsableArea) {
 
 TEST_F(GptTableTest, FailedWritesReturn202) {
   test::WriteGptDisk(*drive, kFourEntries);
-  GptTable& table = Load();
+  GptTable& table = LoadGpt();
   const Bytes before = drive->bytes;
   drive->writeProtected = true;
   EXPECT_EQ(RemoveGptEntry(*disks, 1), kGptSaveFailed);
@@ -247,7 +215,7 @@ TEST_F(GptTableTest, FailedWritesReturn202) {
   // An entry size this program does not write is not rewritten.
   drive->writeProtected = false;
   Poke(gpt::kEntrySizeField, 256, false);
-  EXPECT_EQ(Load().EntryCount(), 3);
+  EXPECT_EQ(LoadGpt().EntryCount(), 3);
   ExpectNoWrite(kGptSaveFailed, [&] { return RemoveGptEntry(*disks, 1); });
 }
 
@@ -256,7 +224,7 @@ TEST_F(GptTableTest, EntryCountNotAMultipleOfFour) {
                      GptLayout{5, 2, true});
   // Bytes behind the fifth entry in the array's last sector are not entries.
   std::memset(drive->Sector(3) + 128, 0x5A, 384);
-  GptTable& table = Load();
+  GptTable& table = LoadGpt();
   ASSERT_EQ(table.EntryCount(), 2);
   EXPECT_EQ(table.Entry(2)->gptEntryIndex, 4);
   EXPECT_EQ(GptSaveSectorCount(*disks), 4u);
@@ -271,7 +239,7 @@ TEST_F(GptTableTest, EntryCountNotAMultipleOfFour) {
 
 TEST_F(GptTableTest, SaveAndWipeSizes) {
   test::WriteGptDisk(*drive, kFourEntries);
-  Load();
+  LoadGpt();
   EXPECT_TRUE(GptHeaderValid(*disks));
   EXPECT_EQ(GptSaveSectorCount(*disks), 34u);
   EXPECT_EQ(GptWipeLastSector(*disks), 33u);
@@ -282,7 +250,7 @@ TEST_F(GptTableTest, SaveAndWipeSizes) {
                                                 {true, UINT64_MAX, kSectors - 1}, {true, uint64_t{0}, uint64_t{1}}}) {
     test::WriteGptDisk(*drive, empty ? std::vector<GptTestEntry>{} : kFourEntries);
     Poke(gpt::kFirstUsableLba, firstUsable);
-    Load();
+    LoadGpt();
     EXPECT_EQ(GptWipeLastSector(*disks), lastWiped) << firstUsable;
   }
 }
@@ -344,7 +312,7 @@ class GptRestoreTest : public GptTableTest {
 
 TEST_F(GptRestoreTest, RefusesWrongFilesAndWritesNothing) {
   test::WriteGptDisk(*drive, kFourEntries);
-  Load();
+  LoadGpt();
   Bytes noEfi = BackupFile(3, 34, 34);
   noEfi[1024] = 'X';
   Bytes badArray = BackupFile(3, 34, 34);

@@ -31,15 +31,17 @@ std::vector<uint8_t> SignatureRecord(uint32_t signature, uint64_t byteOffset) {
   return out;
 }
 
-class IdentifyTest : public ::testing::Test {
+class IdentifyTest : public test::FakeDiskTest {
  protected:
-  IdentifyTest() : host_(&machine_), disks_(std::make_unique<DiskSet>(test::TestDrivers(), false)) {
-    disks_->currentDisk = 0;
-    for (int i = 0; i < 4; ++i) disks_->savedSignature[i] = static_cast<uint8_t>(0x12345678 >> (8 * i));
+  // A set without drives whose current disk 0 has the signature 12345678.
+  IdentifyTest() {
+    Load();
+    disks->currentDisk = 0;
+    for (int i = 0; i < 4; ++i) disks->savedSignature[i] = static_cast<uint8_t>(0x12345678 >> (8 * i));
   }
 
   void SetString(const std::string& key, const std::string& value, const std::string& text) {
-    machine_.registryStrings[key + "\n" + value] = text;
+    machine.registryStrings[key + "\n" + value] = text;
   }
   // Disk `index` is listed with `instance`, whose key holds the given values.
   void AddDisk(int index, const std::string& instance, const std::string& friendlyName = "",
@@ -52,20 +54,16 @@ class IdentifyTest : public ::testing::Test {
   // A mounted volume: drive root, volume GUID and its MountedDevices record.
   void AddVolume(char letter, const std::string& guid, const std::vector<uint8_t>& record) {
     std::string root = std::string(1, letter) + ":\\";
-    machine_.logicalDrives.push_back(root);
-    machine_.volumeNames[root] = "\\\\?\\Volume{" + guid + "}\\";
-    machine_.registryBinary["SYSTEM\\MountedDevices\n\\??\\Volume{" + guid + "}"] = record;
+    machine.logicalDrives.push_back(root);
+    machine.volumeNames[root] = "\\\\?\\Volume{" + guid + "}\\";
+    machine.registryBinary["SYSTEM\\MountedDevices\n\\??\\Volume{" + guid + "}"] = record;
   }
-  std::string Description(int index) { return GetDiskDescription(*disks_, index); }
+  std::string Description(int index) { return GetDiskDescription(*disks, index); }
   // The letter found for a partition at `lba`, or 0.
   char Letter(uint64_t lba) {
     DriveLetterMatch found;
-    return FindDriveLetter(*disks_, lba, &found) ? found.letter : 0;
+    return FindDriveLetter(*disks, lba, &found) ? found.letter : 0;
   }
-
-  test::FakeMachine machine_;
-  test::ScopedHost host_;
-  std::unique_ptr<DiskSet> disks_;
 };
 
 TEST_F(IdentifyTest, BusAndDescription) {
@@ -96,14 +94,14 @@ TEST_F(IdentifyTest, BusAndDescription) {
   for (int i = 0; i < n; ++i) AddDisk(i, cases[i].instance, cases[i].friendlyName, cases[i].deviceDesc);
   AddDisk(n, "PCI\\Disk\\8", std::string(5000, 'x'));
   for (int i = 0; i < n; ++i) {
-    EXPECT_EQ(GetDiskBus(*disks_, i), cases[i].bus) << i;
+    EXPECT_EQ(GetDiskBus(*disks, i), cases[i].bus) << i;
     EXPECT_EQ(Description(i), cases[i].description) << i;
   }
   EXPECT_EQ(Description(n), std::string(kRegistryTextSize - 1, 'x'));
   // Unknown disks have nothing, and the buffer is not left with the last one.
-  EXPECT_EQ(GetDiskBus(*disks_, n + 1), "");
-  EXPECT_EQ(GetDiskBus(*disks_, -1), "");
-  EXPECT_EQ(disks_->diskDescription, "");
+  EXPECT_EQ(GetDiskBus(*disks, n + 1), "");
+  EXPECT_EQ(GetDiskBus(*disks, -1), "");
+  EXPECT_EQ(disks->diskDescription, "");
   EXPECT_EQ(Description(n + 1), "");
 }
 
@@ -121,13 +119,13 @@ TEST_F(IdentifyTest, EnumInfoWritesOnlyWhatItFinds) {
 
 TEST_F(IdentifyTest, VirtualDiskTextsComeFromTheVirtualDisk) {
   AddDisk(0, "IDE\\Disk\\1", "Physical ATA Device");
-  disks_->isVirtual = true;
-  EXPECT_EQ(GetDiskBus(*disks_, 0), "");
+  disks->isVirtual = true;
+  EXPECT_EQ(GetDiskBus(*disks, 0), "");
   EXPECT_EQ(Description(0), "");
-  disks_->virtualDisk = std::make_unique<VmdkDisk>();
-  disks_->virtualDisk->interfaceText = "lsilogic";
-  disks_->virtualDisk->descriptionText = "VMware  Virtual  disk";
-  EXPECT_EQ(GetDiskBus(*disks_, 0), "lsilogic");
+  disks->virtualDisk = std::make_unique<VmdkDisk>();
+  disks->virtualDisk->interfaceText = "lsilogic";
+  disks->virtualDisk->descriptionText = "VMware  Virtual  disk";
+  EXPECT_EQ(GetDiskBus(*disks, 0), "lsilogic");
   EXPECT_EQ(Description(0), "VMware Virtual  disk");
 }
 
@@ -138,7 +136,7 @@ TEST_F(IdentifyTest, PartitionsOfAnMbrDiskFindTheirLettersByOffset) {
   // Offsets beyond 32 bits of bytes are compared in full.
   AddVolume('F', "f-guid", SignatureRecord(0x12345678, 0x123456789ull * 512));
   DriveLetterMatch found;
-  ASSERT_TRUE(FindDriveLetter(*disks_, 2048, &found));
+  ASSERT_TRUE(FindDriveLetter(*disks, 2048, &found));
   EXPECT_EQ(found.letter, 'C');
   EXPECT_EQ(found.volumeName, "\\\\?\\Volume{c-guid}\\");
   EXPECT_EQ(Letter(411648), 'D');
@@ -146,7 +144,7 @@ TEST_F(IdentifyTest, PartitionsOfAnMbrDiskFindTheirLettersByOffset) {
 
   DriveLetterMatch none;
   none.letter = 'Z';
-  EXPECT_FALSE(FindDriveLetter(*disks_, 63, &none));
+  EXPECT_FALSE(FindDriveLetter(*disks, 63, &none));
   EXPECT_EQ(none.letter, 'Z');
   EXPECT_EQ(none.volumeName, "");
 }
@@ -159,17 +157,17 @@ TEST_F(IdentifyTest, DevicePathAndRemovableMediaRecordsNameAWholeDisk) {
   EXPECT_EQ(Letter(2048), 'G');
   EXPECT_EQ(Letter(999999), 'G');
   // Another disk's instance path does not match.
-  disks_->currentDisk = 1;
+  disks->currentDisk = 1;
   AddDisk(1, "USBSTOR\\Disk&Ven_Kingston\\0013729C");
   EXPECT_EQ(Letter(2048), 0);
 
   // Removable media match by the disk's parent prefix; no prefix, no match.
   AddDisk(2, "USBSTOR\\Disk&Ven_Generic\\1", "", "", "7&2a3b&0");
   AddVolume('R', "r-guid", Utf16("\\??\\STORAGE#RemovableMedia#7&2a3b&0&RM#{53f5630d}"));
-  disks_->currentDisk = 2;
+  disks->currentDisk = 2;
   EXPECT_EQ(Letter(0), 'R');
   AddDisk(3, "STORAGE\\RemovableMedia\\7&2a3b&0&RM");
-  disks_->currentDisk = 3;
+  disks->currentDisk = 3;
   EXPECT_EQ(Letter(0), 0);
 }
 
@@ -177,21 +175,21 @@ TEST_F(IdentifyTest, MalformedRecordsAndFailingRootsAreSkipped) {
   AddDisk(0, "IDE\\Disk\\1");
   // A root without a volume name, a record shorter than a signature record,
   // a record of odd length, and a record too short for the "\??\" prefix.
-  machine_.logicalDrives.push_back("A:\\");
+  machine.logicalDrives.push_back("A:\\");
   AddVolume('B', "b-guid", {0x78, 0x56, 0x34});
   AddVolume('C', "c-guid", {'\\', 0, '?', 0, '?'});
   AddVolume('D', "d-guid", Utf16("\\?"));
   // A volume whose record is missing, and a name too short to hold a GUID.
-  machine_.logicalDrives.insert(machine_.logicalDrives.end(), {"E:\\", "F:\\"});
-  machine_.volumeNames["E:\\"] = "\\\\?\\Volume{e-guid}\\";
-  machine_.volumeNames["F:\\"] = "\\\\";
+  machine.logicalDrives.insert(machine.logicalDrives.end(), {"E:\\", "F:\\"});
+  machine.volumeNames["E:\\"] = "\\\\?\\Volume{e-guid}\\";
+  machine.volumeNames["F:\\"] = "\\\\";
   AddVolume('G', "g-guid", SignatureRecord(0x12345678, 4096ull * 512));
   EXPECT_EQ(Letter(4096), 'G');
 
   // Long volume names are cut to the result.
   AddVolume('K', std::string(80, 'a'), SignatureRecord(0x12345678, 512));
   DriveLetterMatch found;
-  ASSERT_TRUE(FindDriveLetter(*disks_, 1, &found));
+  ASSERT_TRUE(FindDriveLetter(*disks, 1, &found));
   EXPECT_EQ(found.letter, 'K');
   EXPECT_EQ(found.volumeName.size(), kVolumeNameLength);
   EXPECT_EQ(found.volumeName.substr(0, 11), "\\\\?\\Volume{");

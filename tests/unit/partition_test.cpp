@@ -7,64 +7,47 @@
 
 #include <chrono>
 #include <cstring>
+#include <string>
+#include <tuple>
 
 #include "disk/disk_set.h"
 #include "base/le.h"
 #include "fake_machine.h"
-#include "gpt/gpt_table.h"
 #include "mbr/type_table.h"
 
 namespace dh {
 namespace {
 
-using test::FakeDrive;
-using test::FakeMachine;
-using test::ScopedHost;
+using test::MbrEntry;
 
 constexpr uint8_t kNtfs = 0x07;
 constexpr uint8_t kExtended = 0x0F;
 
-void PutEntry(uint8_t* sector, size_t offset, uint8_t boot, uint8_t type, uint32_t first, uint32_t count) {
-  uint8_t* e = sector + offset;
-  std::memset(e, 0, mbr::kEntrySize);
-  e[mbr::kEntryBoot] = boot;
-  e[mbr::kEntryType] = type;
-  StoreLe32(e + mbr::kEntryFirstSector, first);
-  StoreLe32(e + mbr::kEntrySectorCount, count);
-}
-
-void PutSlot(uint8_t* mbrSector, size_t slot, uint8_t type, uint32_t first, uint32_t count, uint8_t boot = 0) {
-  PutEntry(mbrSector, mbr::kEntryOffset + mbr::kEntrySize * slot, boot, type, first, count);
-}
-
-class PartitionTableTest : public ::testing::Test {
+class PartitionTableTest : public test::FakeDiskTest {
  protected:
-  static constexpr uint64_t kSectors = 8192;
-
+  // The set loads nothing; each test loads the table itself from drive 0.
   void SetUp() override {
-    // The set is made while the machine has no drive, so nothing is loaded;
-    // each test then loads the table itself from drive 0.
-    disks = std::make_unique<DiskSet>(test::TestDrivers(), false);
-    drive = &machine.AddDrive(0, kSectors);
-    ASSERT_TRUE(disks->device.Open(test::DrivePath(0), platform::OpenMode::DiskReadWrite));
+    OpenUnloaded(8192);
     drive->SetBootSignature();
   }
 
-  uint8_t* Mbr() { return drive->Sector(0); }
+  void PutSlot(size_t slot, uint8_t type, uint32_t first, uint32_t count, uint8_t boot = 0) {
+    test::PutMbrEntry(drive->Sector(0), mbr::kEntryOffset + mbr::kEntrySize * slot, {boot, type, first, count});
+  }
 
   // An EBR at `lba`: its logical partition `relStart` sectors after the EBR,
   // and a link `nextRel` sectors after the extended start (no link when 0).
   void PutEbr(uint64_t lba, uint8_t type, uint32_t relStart, uint32_t count, uint32_t nextRel) {
     uint8_t* ebr = drive->Sector(lba);
-    PutEntry(ebr, mbr::kEntryOffset, 0, type, relStart, count);
+    test::PutMbrEntry(ebr, mbr::kEntryOffset, {0, type, relStart, count});
     if (nextRel != 0) {
-      PutEntry(ebr, mbr::kEbrLinkOffset, 0, 0x05, nextRel, 64);
+      test::PutMbrEntry(ebr, mbr::kEbrLinkOffset, {0, 0x05, nextRel, 64});
     } else {
       std::memset(ebr + mbr::kEbrLinkOffset, 0, mbr::kEntrySize);
     }
   }
 
-  PartitionTable& Load() {
+  PartitionTable& LoadTable() {
     std::memcpy(disks->sector0, drive->Sector(0), 512);
     disks->mediumPresent = true;
     disks->bootSignatureValid = disks->sector0[510] == 0x55 && disks->sector0[511] == 0xAA;
@@ -74,10 +57,6 @@ class PartitionTableTest : public ::testing::Test {
     return *table;
   }
 
-  FakeMachine machine;
-  ScopedHost host{&machine};
-  FakeDrive* drive = nullptr;
-  std::unique_ptr<DiskSet> disks;
   std::unique_ptr<PartitionTable> table;
 };
 
@@ -87,19 +66,11 @@ TEST(DecodeEntry, DecodesEveryField) {
                            0x00, 0x08, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF};
   std::memcpy(r.rawEntry, raw, 16);
   DecodeEntry(r, 0x07, true);
-  EXPECT_EQ(r.active, 1);
-  EXPECT_EQ(r.type, 0x07);
-  EXPECT_EQ(r.typeName, "NTFS");
-  EXPECT_EQ(r.hidden, 0);
-  EXPECT_EQ(r.startHead, 0xFEu);
-  EXPECT_EQ(r.startSector, 0x3Fu);
-  EXPECT_EQ(r.startCylinder, 0x312u);
-  EXPECT_EQ(r.endHead, 0x21u);
-  EXPECT_EQ(r.endSector, 0x03u);
-  EXPECT_EQ(r.endCylinder, 0x334u);
-  EXPECT_EQ(r.startLba, 2048u);
-  EXPECT_EQ(r.sectorCount, 0xFFFFFFFFu);
-  EXPECT_EQ(r.sizeBytes, 0xFFFFFFFFull * 512);
+  EXPECT_EQ(std::make_tuple(r.active, r.type, r.typeName, r.hidden), std::make_tuple(1, 0x07u, std::string("NTFS"), 0));
+  EXPECT_EQ(std::make_tuple(r.startHead, r.startSector, r.startCylinder, r.endHead, r.endSector, r.endCylinder),
+            std::make_tuple(0xFEu, 0x3Fu, 0x312u, 0x21u, 0x03u, 0x334u));
+  EXPECT_EQ(std::make_tuple(r.startLba, r.sectorCount, r.sizeBytes),
+            std::make_tuple(uint64_t{2048}, uint64_t{0xFFFFFFFF}, uint64_t{0xFFFFFFFF} * 512));
 }
 
 TEST(DecodeEntry, HiddenRuleTypeChangesAndEmptyEntries) {
@@ -133,34 +104,30 @@ TEST(DecodeEntry, HiddenRuleTypeChangesAndEmptyEntries) {
 }
 
 TEST_F(PartitionTableTest, PrimariesAreNumberedAcrossEmptySlots) {
-  PutSlot(Mbr(), 0, kNtfs, 63, 100, 0x81);
-  PutSlot(Mbr(), 2, 0x1D, 200, 50, 0x80);
-  PartitionTable& t = Load();
+  PutSlot(0, kNtfs, 63, 100, 0x81);
+  PutSlot(2, 0x1D, 200, 50, 0x80);
+  PartitionTable& t = LoadTable();
   EXPECT_TRUE(disks->tableLoaded);
   ASSERT_EQ(t.Count(kKindAll), 2);
   PartitionRecord* first = t.Get(1, kKindPrimary);
   PartitionRecord* second = t.Get(2, kKindPrimary);
-  EXPECT_EQ(first->slot, 0);
-  EXPECT_EQ(first->primaryNumber, 1);
-  EXPECT_EQ(first->active, 0);  // 0x81 is not active
-  EXPECT_EQ(first->isPrimary, 1);
-  EXPECT_EQ(second->slot, 2);
-  EXPECT_EQ(second->primaryNumber, 2);
-  EXPECT_EQ(second->active, 1);
-  EXPECT_EQ(second->hidden, 1);
+  // 0x81 is not active.
+  EXPECT_EQ(std::make_tuple(first->slot, first->primaryNumber, first->active, first->isPrimary),
+            std::make_tuple(0, 1, 0, 1));
+  EXPECT_EQ(std::make_tuple(second->slot, second->primaryNumber, second->active, second->hidden, second->startLba),
+            std::make_tuple(2, 2, 1, 1, uint64_t{200}));
   EXPECT_EQ(second->typeName, "UNKNWN");
-  EXPECT_EQ(second->startLba, 200u);
-  EXPECT_EQ(std::memcmp(second->rawEntry, Mbr() + 478, 16), 0);
+  EXPECT_EQ(std::memcmp(second->rawEntry, drive->Sector(0) + 478, 16), 0);
 }
 
 TEST_F(PartitionTableTest, TablesWithoutPartitions) {
-  EXPECT_EQ(Load().Count(kKindAll), 0);  // 55 AA with four empty entries
-  PutSlot(Mbr(), 0, kNtfs, 63, 100);
-  Mbr()[511] = 0;
-  EXPECT_EQ(Load().Count(kKindAll), 0);  // no boot signature
+  EXPECT_EQ(LoadTable().Count(kKindAll), 0);  // 55 AA with four empty entries
+  PutSlot(0, kNtfs, 63, 100);
+  drive->Sector(0)[511] = 0;
+  EXPECT_EQ(LoadTable().Count(kKindAll), 0);  // no boot signature
 
   drive->SetBootSignature();
-  std::memcpy(disks->sector0, Mbr(), 512);
+  std::memcpy(disks->sector0, drive->Sector(0), 512);
   disks->mediumPresent = false;
   disks->tableLoaded = false;
   PartitionTable noMedium(disks.get());
@@ -169,10 +136,10 @@ TEST_F(PartitionTableTest, TablesWithoutPartitions) {
   EXPECT_TRUE(disks->tableLoaded);
 
   // With the chain walk disabled only the primaries count.
-  PutSlot(Mbr(), 1, kExtended, 1000, 3000);
+  PutSlot(1, kExtended, 1000, 3000);
   PutEbr(1000, kNtfs, 63, 100, 0);
   disks->walkExtended = false;
-  PartitionTable& t = Load();
+  PartitionTable& t = LoadTable();
   EXPECT_EQ(t.Count(kKindAll), 2);
   // Numbers out of range, and kinds that do not exist.
   EXPECT_EQ(t.Get(0, kKindPrimary), nullptr);
@@ -185,13 +152,13 @@ TEST_F(PartitionTableTest, TablesWithoutPartitions) {
 }
 
 TEST_F(PartitionTableTest, LogicalsFollowTheirExtendedPrimary) {
-  PutSlot(Mbr(), 0, kNtfs, 63, 937);
-  PutSlot(Mbr(), 1, kExtended, 1000, 3000);
-  PutSlot(Mbr(), 2, 0x0B, 5000, 100);
+  PutSlot(0, kNtfs, 63, 937);
+  PutSlot(1, kExtended, 1000, 3000);
+  PutSlot(2, 0x0B, 5000, 100);
   PutEbr(1000, kNtfs, 63, 100, 200);
   PutEbr(1200, 0x83, 63, 100, 400);
   PutEbr(1400, 0x82, 2, 50, 0);
-  PartitionTable& t = Load();
+  PartitionTable& t = LoadTable();
 
   ASSERT_EQ(t.records.size(), 6u);
   EXPECT_EQ(t.Count(kKindPrimary), 3);
@@ -221,14 +188,14 @@ TEST_F(PartitionTableTest, LogicalsFollowTheirExtendedPrimary) {
 }
 
 TEST_F(PartitionTableTest, EmptyEbrEntriesAndPartialLinksAreFollowed) {
-  PutSlot(Mbr(), 0, 0x05, 1000, 3000);
+  PutSlot(0, 0x05, 1000, 3000);
   PutEbr(1000, kNtfs, 63, 100, 200);
   PutEbr(1200, 0, 0, 0, 400);  // no partition here, but a link
   PutEbr(1400, 0x83, 63, 100, 600);
   // A link whose type byte alone is zero still leads on.
   drive->Sector(1400)[mbr::kEbrLinkOffset + mbr::kEntryType] = 0;
   PutEbr(1600, 0x82, 63, 100, 0);
-  PartitionTable& t = Load();
+  PartitionTable& t = LoadTable();
   ASSERT_EQ(t.Count(kKindLogical), 3);
   EXPECT_EQ(t.Get(1, kKindLogical)->ebrLba, 1000u);
   EXPECT_EQ(t.Get(2, kKindLogical)->ebrLba, 1400u);
@@ -238,47 +205,47 @@ TEST_F(PartitionTableTest, EmptyEbrEntriesAndPartialLinksAreFollowed) {
 }
 
 TEST_F(PartitionTableTest, ChainsThatLoopEnd) {
-  PutSlot(Mbr(), 0, kExtended, 1000, 3000);
+  PutSlot(0, kExtended, 1000, 3000);
   // Self link: a link of 0 points at the chain's start.
   PutEbr(1000, kNtfs, 63, 100, 0);
-  PutEntry(drive->Sector(1000), mbr::kEbrLinkOffset, 0, 0x05, 0, 64);
-  EXPECT_EQ(Load().Count(kKindLogical), 1);
+  test::PutMbrEntry(drive->Sector(1000), mbr::kEbrLinkOffset, {0, 0x05, 0, 64});
+  EXPECT_EQ(LoadTable().Count(kKindLogical), 1);
 
   // The third EBR links back to the second.
   PutEbr(1000, kNtfs, 63, 100, 200);
   PutEbr(1200, kNtfs, 63, 100, 400);
   PutEbr(1400, kNtfs, 63, 100, 200);
-  EXPECT_EQ(Load().Count(kKindLogical), 3);
+  EXPECT_EQ(LoadTable().Count(kKindLogical), 3);
   EXPECT_EQ(table->records.size(), 4u);
 }
 
 TEST_F(PartitionTableTest, ChainsThatCannotBeReadEnd) {
-  PutSlot(Mbr(), 0, kExtended, 1000, 3000);
+  PutSlot(0, kExtended, 1000, 3000);
   PutEbr(1000, kNtfs, 63, 100, 200);
   PutEbr(1200, kNtfs, 63, 100, 400);
   PutEbr(1400, kNtfs, 63, 100, 0);
   drive->badSectors.insert(1200);
-  EXPECT_EQ(Load().Count(kKindLogical), 1);
+  EXPECT_EQ(LoadTable().Count(kKindLogical), 1);
 
   // A link beyond the end of the disk fails its read.
   drive->badSectors.clear();
   PutEbr(1200, kNtfs, 63, 100, 0xFFFFFFFFu);
-  EXPECT_EQ(Load().Count(kKindLogical), 2);
+  EXPECT_EQ(LoadTable().Count(kKindLogical), 2);
 
   // A device that hands a sector over in pieces still gives the whole EBR:
   // the reads go on until it is complete.
   drive->readLimit = 200;
-  EXPECT_EQ(Load().Count(kKindLogical), 2);
+  EXPECT_EQ(LoadTable().Count(kKindLogical), 2);
 }
 
 TEST_F(PartitionTableTest, TwoExtendedPrimariesNumberTheirLogicalsInOneSequence) {
-  PutSlot(Mbr(), 0, kExtended, 1000, 1000);
-  PutSlot(Mbr(), 1, 0x05, 3000, 1000);
-  PutSlot(Mbr(), 2, 0x05, 3000, 1000);  // the same chain again
+  PutSlot(0, kExtended, 1000, 1000);
+  PutSlot(1, 0x05, 3000, 1000);
+  PutSlot(2, 0x05, 3000, 1000);  // the same chain again
   PutEbr(1000, kNtfs, 63, 100, 200);
   PutEbr(1200, kNtfs, 63, 100, 0);
   PutEbr(3000, 0x83, 63, 100, 0);
-  PartitionTable& t = Load();
+  PartitionTable& t = LoadTable();
   EXPECT_EQ(t.Count(kKindPrimary), 3);
   EXPECT_EQ(t.Count(kKindExtended), 3);
   ASSERT_EQ(t.Count(kKindLogical), 3);
@@ -292,12 +259,12 @@ TEST_F(PartitionTableTest, ChainOfTenThousandLogicalsLoadsQuickly) {
   constexpr uint32_t kLogicals = 10000;
   constexpr uint32_t kStart = 2048;
   drive->bytes.resize((kStart + 2 * kLogicals + 16) * 512);
-  PutSlot(Mbr(), 0, kExtended, kStart, 2 * kLogicals);
+  PutSlot(0, kExtended, kStart, 2 * kLogicals);
   for (uint32_t i = 0; i < kLogicals; ++i) {
     PutEbr(kStart + 2 * i, kNtfs, 1, 1, i + 1 < kLogicals ? 2 * (i + 1) : 0);
   }
   auto begin = std::chrono::steady_clock::now();
-  PartitionTable& t = Load();
+  PartitionTable& t = LoadTable();
   auto elapsed = std::chrono::steady_clock::now() - begin;
   EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count(), 1000);
   ASSERT_EQ(t.Count(kKindLogical), static_cast<int32_t>(kLogicals));
@@ -311,9 +278,9 @@ TEST_F(PartitionTableTest, ChainOnAVirtualDiskCountsFromItsSectorZero) {
   disks->virtualDisk =
       test::ShiftedVirtualDisk(machine.Open(test::DrivePath(0), platform::OpenMode::DiskReadWrite), 100, 4000);
   disks->isVirtual = true;
-  PutSlot(Mbr(), 0, kExtended, 1000, 3000);
+  PutSlot(0, kExtended, 1000, 3000);
   PutEbr(1100, kNtfs, 63, 100, 0);
-  PartitionTable& t = Load();
+  PartitionTable& t = LoadTable();
   ASSERT_EQ(t.Count(kKindLogical), 1);
   EXPECT_EQ(t.Get(1, kKindLogical)->ebrLba, 1000u);
   EXPECT_EQ(t.Get(1, kKindLogical)->startLba, 1063u);
@@ -322,10 +289,10 @@ TEST_F(PartitionTableTest, ChainOnAVirtualDiskCountsFromItsSectorZero) {
 TEST_F(PartitionTableTest, SortByStartIsAPlainSelectionSort) {
   // Starts 5, 5, 3 (A, B, C) end as C, B, A: equal starts never exchange,
   // and the sort is not stable.
-  PutSlot(Mbr(), 0, kNtfs, 5, 1);
-  PutSlot(Mbr(), 1, 0x83, 5, 1);
-  PutSlot(Mbr(), 2, 0x0B, 3, 1);
-  PartitionTable& t = Load();
+  PutSlot(0, kNtfs, 5, 1);
+  PutSlot(1, 0x83, 5, 1);
+  PutSlot(2, 0x0B, 3, 1);
+  PartitionTable& t = LoadTable();
   t.SortByStart();
   EXPECT_EQ(t.sorted, 0);
   EXPECT_EQ(t.records[0]->slot, 2);
@@ -337,11 +304,11 @@ TEST_F(PartitionTableTest, SortByStartIsAPlainSelectionSort) {
 }
 
 TEST_F(PartitionTableTest, SortMovesLogicalsAheadOfALaterPrimary) {
-  PutSlot(Mbr(), 0, kNtfs, 5000, 100);
-  PutSlot(Mbr(), 1, kExtended, 1000, 3000);
+  PutSlot(0, kNtfs, 5000, 100);
+  PutSlot(1, kExtended, 1000, 3000);
   PutEbr(1000, kNtfs, 63, 100, 200);
   PutEbr(1200, kNtfs, 63, 100, 0);
-  PartitionTable& t = Load();
+  PartitionTable& t = LoadTable();
   t.SortByStart();
   EXPECT_EQ(t.sorted, 0);
   const uint64_t expected[] = {1000, 1063, 1263, 5000};
@@ -353,7 +320,7 @@ TEST_F(PartitionTableTest, SuperfloppyTakesItsPartitionFromTheDriveLayout) {
   disks->superFloppy = 1;
   drive->layoutExOk = true;
   drive->layoutEx = {0, 0x3D, 32256, 1048576, true};
-  PartitionTable& t = Load();
+  PartitionTable& t = LoadTable();
   ASSERT_EQ(t.Count(kKindAll), 1);
   const PartitionRecord& r = *t.records[0];
   EXPECT_EQ(r.type, 0x3D);
@@ -368,7 +335,7 @@ TEST_F(PartitionTableTest, SuperfloppyTakesItsPartitionFromTheDriveLayout) {
 
   // A style other than MBR gives zeros; an unknown type is UNKNWN.
   drive->layoutEx = {1, 0x07, 512, 512, true};
-  Load();
+  LoadTable();
   EXPECT_EQ(table->records[0]->type, 0);
   EXPECT_EQ(table->records[0]->startLba, 0u);
   EXPECT_EQ(table->records[0]->typeName, "UNKNWN");
@@ -379,7 +346,7 @@ TEST_F(PartitionTableTest, SuperfloppyFallsBackToTheOldLayoutQuery) {
   disks->superFloppy = 1;
   drive->layoutOk = true;
   drive->layout = {0, 0x07, 512, 4096, true};
-  EXPECT_EQ(Load().records.at(0)->typeName, "NTFS");
+  EXPECT_EQ(LoadTable().records.at(0)->typeName, "NTFS");
 
   DriveLayoutResult result;
   drive->layout.present = false;
@@ -389,53 +356,25 @@ TEST_F(PartitionTableTest, SuperfloppyFallsBackToTheOldLayoutQuery) {
 
   drive->layoutOk = false;
   EXPECT_FALSE(QueryDriveLayout(disks->device, &result));
-  EXPECT_EQ(Load().Count(kKindAll), 0);
+  EXPECT_EQ(LoadTable().Count(kKindAll), 0);
 }
 
-TEST_F(PartitionTableTest, PartitionCountAndGetPartitionFollowTheDiskKind) {
-  PutSlot(Mbr(), 0, kNtfs, 63, 100);
-  PutSlot(Mbr(), 1, kExtended, 1000, 3000);
-  PutEbr(1000, kNtfs, 63, 100, 0);
+using DiskLoadTest = test::FakeDiskTest;
+
+TEST_F(DiskLoadTest, CountsLookupsAndTheActivePartition) {
+  MakeMbrDisk({{0x80, kNtfs, 63, 100}, {}, {}, {0, kExtended, 1000, 2000}});
+  test::PutMbrEntry(drive->Sector(1000), mbr::kEntryOffset, {0x80, 0x0B, 63, 100});
   Load();
-  disks->table = std::move(table);
+  ASSERT_NE(MbrTable(*disks), nullptr);
+  EXPECT_TRUE(disks->tableLoaded);
   EXPECT_EQ(PartitionCount(*disks, kKindAll), 3);
   EXPECT_EQ(PartitionCount(*disks, kKindLogical), 1);
+  // Kinds that do not exist and numbers out of range find nothing.
   EXPECT_EQ(PartitionCount(*disks, 4), 0);
   EXPECT_EQ(PartitionCount(*disks, -1), 0);
-  EXPECT_EQ(GetPartition(*disks, 1, kKindLogical)->startLba, 1063u);
   EXPECT_EQ(GetPartition(*disks, 4, kKindAll), nullptr);
-
-  // On a GPT disk the GPT entries count, whatever the kind.
-  auto gpt = std::make_unique<GptTable>(disks.get());
-  GptTable* g = gpt.get();
-  disks->table = std::move(gpt);
-  EXPECT_EQ(PartitionCount(*disks, kKindLogical), 0);
-  EXPECT_EQ(GetPartition(*disks, 1, kKindAll), nullptr);
-  g->entries.push_back(std::make_unique<PartitionRecord>());
-  g->entries.push_back(std::make_unique<PartitionRecord>());
-  EXPECT_EQ(PartitionCount(*disks, kKindLogical), 2);
-  EXPECT_EQ(PartitionCount(*disks, 7), 2);
-  EXPECT_EQ(GetPartition(*disks, 2, kKindPrimary), g->entries[1].get());
-  EXPECT_EQ(GetPartition(*disks, 3, kKindPrimary), nullptr);
-  EXPECT_EQ(GetPartition(*disks, 0, kKindPrimary), nullptr);
-}
-
-TEST(PartitionTableLoad, DiskLoadingBuildsTheTable) {
-  FakeMachine machine;
-  ScopedHost host(&machine);
-  FakeDrive& drive = machine.AddDrive(0, 4096);
-  drive.Sector(0)[0] = 0x33;
-  drive.Sector(0)[1] = 0xC0;
-  drive.SetBootSignature();
-  PutSlot(drive.Sector(0), 0, kNtfs, 63, 100, 0x80);
-  PutSlot(drive.Sector(0), 3, kExtended, 1000, 2000);
-  PutEntry(drive.Sector(1000), mbr::kEntryOffset, 0x80, 0x0B, 63, 100);
-  DiskSet disks(test::TestDrivers(), false);
-  ASSERT_NE(MbrTable(disks), nullptr);
-  EXPECT_TRUE(disks.tableLoaded);
-  EXPECT_EQ(PartitionCount(disks, kKindAll), 3);
-  EXPECT_EQ(GetPartition(disks, 3, kKindAll)->typeName, "FAT32");
-  EXPECT_EQ(disks.activeIndex, 3);  // the last active partition wins
+  EXPECT_EQ(GetPartition(*disks, 3, kKindAll)->typeName, "FAT32");
+  EXPECT_EQ(disks->activeIndex, 3);  // the last active partition wins
 }
 
 }  // namespace

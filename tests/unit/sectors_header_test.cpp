@@ -84,29 +84,20 @@ TEST(BackupHeaderLayout, UnterminatedTextsOfAForeignHeaderStayInTheirFields) {
   EXPECT_EQ(4u, h.labels[2].size());
 }
 
-class BackupHeaderDiskTest : public ::testing::Test {
- protected:
-  BackupHeaderDiskTest() : host_(&machine_) {
-    ResetRun();
-  }
-
-  test::FakeMachine machine_;
-  test::ScopedHost host_;
-};
+using BackupHeaderDiskTest = test::FakeDiskTest;
 
 TEST_F(BackupHeaderDiskTest, GptEntriesBeyondTheFourthHaveNoSlotButMayBeTheSource) {
-  test::FakeDrive& drive = machine_.AddDrive(0, 20000);
   std::vector<test::GptTestEntry> entries;
   for (uint64_t i = 0; i < 6; ++i) entries.push_back({test::kBasicDataType, 2048 + i * 1000, 2047 + (i + 1) * 1000});
-  test::WriteGptDisk(drive, entries);
-  DiskSet disks(test::TestDrivers(), false);
-  ASSERT_TRUE(disks.isGpt);
-  ASSERT_EQ(6, PartitionCount(disks, kKindPrimary));
+  test::WriteGptDisk(machine.AddDrive(0, 20000), entries);
+  Load();
+  ASSERT_TRUE(disks->isGpt);
+  ASSERT_EQ(6, PartitionCount(*disks, kKindPrimary));
   const char* labels[] = {"ONE", "TWO", "THREE", "FOUR", "FIVE", "SIXTH"};
-  for (int32_t n = 1; n <= 6; ++n) GetPartition(disks, n, kKindPrimary)->volumeLabel = labels[n - 1];
+  for (int32_t n = 1; n <= 6; ++n) GetPartition(*disks, n, kKindPrimary)->volumeLabel = labels[n - 1];
 
   uint8_t out[512];
-  FillBackupHeader(disks, out, kBackupVbr, 2048 + 5 * 1000, 7);
+  FillBackupHeader(*disks, out, kBackupVbr, 2048 + 5 * 1000, 7);
   const BackupHeader h = DecodeBackupHeader(out);
   EXPECT_FALSE(h.mbrDisk);
   EXPECT_EQ(6, h.partitionCount);
@@ -119,23 +110,16 @@ TEST_F(BackupHeaderDiskTest, GptEntriesBeyondTheFourthHaveNoSlotButMayBeTheSourc
 }
 
 TEST_F(BackupHeaderDiskTest, MbrSourceIsThePartitionStartingAtTheFirstSector) {
-  test::FakeDrive& drive = machine_.AddDrive(0, 8192);
-  for (uint32_t slot : {1u, 2u}) {
-    uint8_t* e = drive.Sector(0) + 446 + 16 * slot;
-    e[4] = slot == 1 ? 0x07 : 0x0B;
-    StoreLe32(e + 8, 2048 * slot);
-    StoreLe32(e + 12, 2048);
-  }
-  drive.SetBootSignature();
-  DiskSet disks(test::TestDrivers(), false);
-  ASSERT_EQ(2, PartitionCount(disks, kKindPrimary));
+  MakeMbrDisk({{}, {0, 0x07, 2048, 2048}, {0, 0x0B, 4096, 2048}});
+  Load();
+  ASSERT_EQ(2, PartitionCount(*disks, kKindPrimary));
 
   uint8_t out[512];
-  FillBackupHeader(disks, out, kBackupVbr, 4096, 3);
+  FillBackupHeader(*disks, out, kBackupVbr, 4096, 3);
   EXPECT_TRUE(DecodeBackupHeader(out).mbrDisk);
   EXPECT_EQ(2, LoadLe16(out + 53));
   EXPECT_EQ(Bytes({2, 2, 0x0B}), Bytes(out + 214, out + 217));  // the second partition sits in slot 2
-  FillBackupHeader(disks, out, kBackupMbr, 0, 1);
+  FillBackupHeader(*disks, out, kBackupMbr, 0, 1);
   EXPECT_EQ(Bytes(3, 0), Bytes(out + 214, out + 217));
 }
 
@@ -143,11 +127,11 @@ TEST_F(BackupHeaderDiskTest, ReadersTakeOnlyAWholeSectorBeginningWithDD) {
   Bytes header(512, 0);
   header[0] = header[1] = 'D';
   header[10] = 6;
-  machine_.AddFile("full.bin", header);
-  machine_.AddFile("short.bin", Bytes(header.begin(), header.end() - 1));
+  machine.AddFile("full.bin", header);
+  machine.AddFile("short.bin", Bytes(header.begin(), header.end() - 1));
   Bytes other = header;
   other[1] = 'X';
-  machine_.AddFile("other.bin", other);
+  machine.AddFile("other.bin", other);
   uint8_t buffer[512];
   EXPECT_EQ(6, ReadBackupKind("full.bin", buffer));
   for (const char* name : {"short.bin", "other.bin", "missing.bin"}) EXPECT_EQ(0, ReadBackupKind(name, buffer)) << name;
@@ -155,7 +139,7 @@ TEST_F(BackupHeaderDiskTest, ReadersTakeOnlyAWholeSectorBeginningWithDD) {
   EXPECT_EQ(0u, GetFileSizeByName("missing.bin"));
 
   // A device that hands over a few bytes per read still gives the header.
-  machine_.Find("full.bin")->readLimit = 100;
+  machine.Find("full.bin")->readLimit = 100;
   EXPECT_EQ(6, ReadBackupKind("full.bin", buffer));
 }
 

@@ -33,24 +33,15 @@ Bytes Sectors(uint64_t first, uint64_t count, uint8_t salt) {
   return all;
 }
 
-class SectorOpsTest : public ::testing::Test {
+class SectorOpsTest : public test::FakeDiskTest {
  protected:
-  SectorOpsTest() : host_(&machine_) {
-    ResetRun();
-  }
-
   // Drive 0 full of a pattern, with one primary partition so that it loads
   // as an MBR disk.
   test::FakeDrive& MakeDisk(uint64_t sectors) {
-    test::FakeDrive& d = machine_.AddDrive(0, sectors);
-    d.bytes = Sectors(0, sectors, 1);
-    uint8_t* s = d.Sector(0);
-    std::memset(s + 446, 0, 64);
-    s[446 + 4] = 0x07;
-    StoreLe32(s + 446 + 8, 64);
-    StoreLe32(s + 446 + 12, 100);
-    d.SetBootSignature();
-    return d;
+    MakeMbrDisk({{0, 0x07, 64, 100}}, sectors);
+    const Bytes pattern = Sectors(0, sectors, 1);
+    std::copy(pattern.begin() + 512, pattern.end(), drive->bytes.begin() + 512);
+    return *drive;
   }
 
   // A new run on disks loaded afresh.
@@ -58,9 +49,6 @@ class SectorOpsTest : public ::testing::Test {
     ResetRun();
     return std::make_unique<DiskSet>(test::TestDrivers(), false);
   }
-
-  test::FakeMachine machine_;
-  test::ScopedHost host_;
 };
 
 // The plan of a command that may write anywhere on the disk.
@@ -94,7 +82,7 @@ TEST_F(SectorOpsTest, WipeWritesChunksRetriesAFailedOneSectorBySectorAndStopsAtT
 TEST_F(SectorOpsTest, RestoreWritesMiBChunksAndFlushesOnce) {
   test::FakeDrive& d = MakeDisk(10000);
   const Bytes data = Sectors(0, 6144, 9);
-  machine_.AddFile("three.bin", data);
+  machine.AddFile("three.bin", data);
   DiskSet disks(test::TestDrivers(), false);
   WriteScope scope(disks, AnySector());
   d.writeCalls = 0;
@@ -110,7 +98,7 @@ TEST_F(SectorOpsTest, RestoreWritesMiBChunksAndFlushesOnce) {
 TEST_F(SectorOpsTest, RestoreAndCopyNeverReachPastTheEndOfTheDisk) {
   test::FakeDrive& d = MakeDisk(5000);
   const Bytes data = Sectors(0, 3000, 4);
-  machine_.AddFile("big.bin", data);
+  machine.AddFile("big.bin", data);
   DiskSet disks(test::TestDrivers(), false);
   WriteScope scope(disks, AnySector());
   // A file that holds more than fits from the target on is refused before
@@ -134,7 +122,7 @@ TEST_F(SectorOpsTest, RestoreTakesNoMoreThanTheHeaderDeclares) {
   three[510] = 0x55;
   three[511] = 0xAA;
   file.insert(file.end(), three.begin(), three.end());
-  machine_.AddFile("mbr.bin", file);
+  machine.AddFile("mbr.bin", file);
   const Bytes before = d.bytes;
   DiskSet disks(test::TestDrivers(), false);
   WriteScope scope(disks, AnySector());
@@ -144,7 +132,7 @@ TEST_F(SectorOpsTest, RestoreTakesNoMoreThanTheHeaderDeclares) {
 
   // A count that no byte size can hold is more than any command asks for.
   StoreLe64(file.data() + backup::kSectorCountOffset, UINT64_MAX / 256);
-  machine_.AddFile("huge.bin", file);
+  machine.AddFile("huge.bin", file);
   EXPECT_EQ(kFileSizeMismatch, RestoreFromFile(*Fresh(), "huge.bin", 0, 63, false, StdOut()));
 }
 
@@ -154,14 +142,14 @@ TEST_F(SectorOpsTest, SaveRangeCopesWithShortReadsAndShowsProgressOnlyWhenLong) 
   DiskSet disks(test::TestDrivers(), false);
   WriteScope scope(disks, AnySector());
   EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "quiet.bin", 100, 13000, kBackupRaw, StdOut()));
-  EXPECT_EQ(0, machine_.clearScreenCalls);
-  EXPECT_EQ(Bytes(d.Sector(100), d.Sector(13100)), machine_.Find("quiet.bin")->bytes);
+  EXPECT_EQ(0, machine.clearScreenCalls);
+  EXPECT_EQ(Bytes(d.Sector(100), d.Sector(13100)), machine.Find("quiet.bin")->bytes);
 
   testing::internal::CaptureStdout();
   EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "long.bin", 0, 13001, kBackupDisk, StdOut()));
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(1, machine_.clearScreenCalls);
-  const Bytes& file = machine_.Find("long.bin")->bytes;
+  EXPECT_EQ(1, machine.clearScreenCalls);
+  const Bytes& file = machine.Find("long.bin")->bytes;
   ASSERT_EQ((1 + 13001u) * 512, file.size());
   EXPECT_EQ(Bytes(d.Sector(0), d.Sector(13001)), Bytes(file.begin() + 512, file.end()));
 }
@@ -171,11 +159,11 @@ TEST_F(SectorOpsTest, SaveFailuresOfTheBackupFile) {
   DiskSet disks(test::TestDrivers(), false);
   WriteScope scope(disks, AnySector());
   // A file that takes no writes fails the save, the last chunk too.
-  machine_.AddFile("locked.bin").writeProtected = true;
+  machine.AddFile("locked.bin").writeProtected = true;
   EXPECT_EQ(kBackupWriteFailed, SaveRangeToFile(disks, "locked.bin", 0, 10, kBackupRaw, StdOut()));
   EXPECT_EQ(kBackupWriteFailed, SaveSectorsToFile(*Fresh(), "locked.bin", 0, 1, kBackupMbr));
   // An existing file that cannot be replaced, and a path that cannot exist.
-  machine_.AddFile("kept.bin").refusedModes.insert(platform::OpenMode::CreateAlways);
+  machine.AddFile("kept.bin").refusedModes.insert(platform::OpenMode::CreateAlways);
   EXPECT_EQ(kCannotOverwrite, SaveSectorsToFile(*Fresh(), "kept.bin", 0, 1, kBackupMbr));
   EXPECT_EQ(kInvalidPath, SaveSectorsToFile(*Fresh(), "\\\\.\\nowhere", 0, 1, kBackupMbr));
 }

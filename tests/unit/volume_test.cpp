@@ -1,28 +1,20 @@
 // Volume boot record inspection: file system detection, FAT and NTFS labels
-// on hand-built volumes and on images made by the system's mkfs tools,
-// hostile boot sectors and MFT records, the volume ID text and the error box.
+// on hand-built volumes, hostile boot sectors and MFT records, the volume ID
+// text and the error box.  Volumes made by mkfs.fat and mkntfs are read end
+// to end (e2e/volume_test).
 #include "disk/volume.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
-#include "disk/disk_set.h"
 #include "base/le.h"
 #include "fake_machine.h"
 
 namespace dh {
 namespace {
-
-using test::FakeDrive;
-using test::FakeMachine;
-using test::ScopedHost;
 
 constexpr uint64_t kDiskSectors = 16384;
 constexpr uint64_t kVolumeLba = 2048;
@@ -116,15 +108,10 @@ std::vector<uint8_t> NonResidentAttr(uint32_t type, const std::vector<uint8_t>& 
   return a;
 }
 
-class VolumeTest : public ::testing::Test {
+class VolumeTest : public test::FakeDiskTest {
  protected:
-  void SetUp() override {
-    // The set is made before the drive exists, so it loads nothing; the
-    // tests read through its device.
-    disks = std::make_unique<DiskSet>(test::TestDrivers(), false);
-    drive = &machine.AddDrive(0, kDiskSectors);
-    ASSERT_TRUE(disks->device.Open(test::DrivePath(0), platform::OpenMode::DiskReadWrite));
-  }
+  // The tests read through the device of a set that loaded nothing.
+  void SetUp() override { OpenUnloaded(kDiskSectors); }
 
   uint8_t* At(uint64_t byteOffset) { return drive->bytes.data() + byteOffset; }
 
@@ -194,11 +181,6 @@ class VolumeTest : public ::testing::Test {
   }
 
   std::vector<uint8_t> StandardInfo() { return ResidentAttr(0x10, std::vector<uint8_t>(48, 0x11)); }
-
-  FakeMachine machine;
-  ScopedHost host{&machine};
-  FakeDrive* drive = nullptr;
-  std::unique_ptr<DiskSet> disks;
 };
 
 // ---- FAT ------------------------------------------------------------------------
@@ -483,21 +465,14 @@ TEST_F(VolumeTest, ErrorBoxShowsTheLastSystemError) {
 
 // ---- whole disks: labels at load, the volume ID ---------------------------------
 
-void PutMbrEntry(uint8_t* mbr, int slot, uint8_t type, uint32_t start, uint32_t count) {
-  uint8_t* e = mbr + 446 + 16 * slot;
-  e[4] = type;
-  StoreLe32(e + 8, start);
-  StoreLe32(e + 12, count);
-}
-
 class LoadedDiskTest : public VolumeTest {
  protected:
   // Loads the drive as disk 0 of a new set.
-  void Load() {
+  void LoadDisk() {
     drive->SetBootSignature();
     drive->Sector(0)[0] = 0x33;
     drive->Sector(0)[1] = 0xC0;
-    disks = std::make_unique<DiskSet>(test::TestDrivers(), false);
+    Load();
     ASSERT_EQ(disks->diskCount, 1);
   }
   std::string LabelOf(int32_t n) {
@@ -507,11 +482,8 @@ class LoadedDiskTest : public VolumeTest {
 };
 
 TEST_F(LoadedDiskTest, LabelsAndVolumeIdsOfEachPartition) {
-  uint8_t* mbr = drive->Sector(0);
-  PutMbrEntry(mbr, 0, 0x06, 2048, 2048);
-  PutMbrEntry(mbr, 1, 0x0C, 4096, 2048);
-  PutMbrEntry(mbr, 2, 0x07, 6144, 2048);
-  PutMbrEntry(mbr, 3, 0x0B, 8192, 2048);
+  const test::MbrEntry entries[] = {{0, 0x06, 2048, 2048}, {0, 0x0C, 4096, 2048}, {0, 0x07, 6144, 2048}, {0, 0x0B, 8192, 2048}};
+  for (size_t slot = 0; slot < 4; ++slot) test::PutMbrEntry(drive->Sector(0), 446 + 16 * slot, entries[slot]);
 
   uint8_t* fat16 = PutFatBoot(2048, kFsFat16);
   StoreLe32(fat16 + vbr::kFat16Serial, 0x1234ABCD);
@@ -522,7 +494,7 @@ TEST_F(LoadedDiskTest, LabelsAndVolumeIdsOfEachPartition) {
   StoreLe64(PutNtfsBoot(6144) + vbr::kNtfsSerial, 0x1122334455667788ULL);
   PutRecord(6144 * 512 + 4 * 4096 + 3 * 1024, {ResidentAttr(0x60, Utf16(u"System"))});
   // Partition 4 is typed FAT32 but holds no boot sector.
-  Load();
+  LoadDisk();
 
   EXPECT_EQ(LabelOf(1), "FAT16 VOL");
   EXPECT_EQ(LabelOf(2), "WORK");
@@ -539,77 +511,9 @@ TEST_F(LoadedDiskTest, LabelsAndVolumeIdsOfEachPartition) {
   // Unreadable boot sectors give no ID and no label.
   drive->badSectors.insert(4096);
   EXPECT_EQ(VolumeIdText(*disks, 2), "");
-  Load();
+  LoadDisk();
   EXPECT_EQ(LabelOf(1), "FAT16 VOL");
   EXPECT_EQ(LabelOf(2), "");
-}
-
-// ---- images made by the system's tools ------------------------------------------
-
-// Runs a formatting tool on a fresh image file and returns the image's
-// bytes; empty when the tool is missing or fails.
-std::vector<uint8_t> MakeImage(const std::string& tool, const std::string& options, uint64_t bytes) {
-#ifdef _WIN32
-  // The formatting tools are Linux programs; a Windows build (under Wine)
-  // cannot run them through the shell.
-  (void)tool;
-  (void)options;
-  (void)bytes;
-  return {};
-#endif
-  if (!std::filesystem::exists(tool)) return {};
-  const std::filesystem::path path =
-      std::filesystem::temp_directory_path() / ("diskhold_volume_test_" + std::to_string(std::rand()) + ".img");
-  {
-    std::ofstream file(path, std::ios::binary);
-    file.seekp(static_cast<std::streamoff>(bytes - 1));
-    file.put('\0');
-  }
-  const std::string command = tool + " " + options + " '" + path.string() + "' >/dev/null 2>&1";
-  std::vector<uint8_t> image;
-  if (std::system(command.c_str()) == 0) {
-    std::ifstream file(path, std::ios::binary);
-    image.resize(static_cast<size_t>(bytes));
-    if (!file.read(reinterpret_cast<char*>(image.data()), static_cast<std::streamsize>(bytes))) image.clear();
-  }
-  std::filesystem::remove(path);
-  return image;
-}
-
-TEST_F(LoadedDiskTest, ImagesMadeByMkfsFat) {
-  const std::vector<uint8_t> fat16 = MakeImage("/sbin/mkfs.fat", "-F 16 -n MYDATA -i 1234ABCD", 16u << 20);
-  const std::vector<uint8_t> fat32 = MakeImage("/sbin/mkfs.fat", "-F 32 -n 'ARCHIVE 24' -i 89ABCDEF", 40u << 20);
-  if (fat16.empty() || fat32.empty()) GTEST_SKIP() << "mkfs.fat is not available";
-
-  drive = &machine.AddDrive(0, 2048 + (16u << 11) + (40u << 11));
-  std::memcpy(drive->Sector(2048), fat16.data(), fat16.size());
-  std::memcpy(drive->Sector(2048 + (16u << 11)), fat32.data(), fat32.size());
-  PutMbrEntry(drive->Sector(0), 0, 0x06, 2048, 16u << 11);
-  PutMbrEntry(drive->Sector(0), 1, 0x0C, 2048 + (16u << 11), 40u << 11);
-  Load();
-
-  EXPECT_EQ(LabelOf(1), "MYDATA");
-  EXPECT_EQ(LabelOf(2), "ARCHIVE 24");
-  EXPECT_EQ(VolumeIdText(*disks, 1), "1234-fABCD");
-  EXPECT_EQ(VolumeIdText(*disks, 2), "89AB-fCDEF");
-  std::string name;
-  EXPECT_EQ(ReadPartitionBootSector(*disks, 2048, &name), kFsFat16);
-  EXPECT_EQ(name, "FAT16");
-  EXPECT_EQ(ReadPartitionBootSector(*disks, 2048 + (16u << 11), &name), kFsFat32);
-  EXPECT_EQ(name, "FAT32");
-}
-
-TEST_F(LoadedDiskTest, ImageMadeByMkntfs) {
-  const std::vector<uint8_t> ntfs = MakeImage("/usr/sbin/mkntfs", "-q -F -f -L 'Backup Disk'", 8u << 20);
-  if (ntfs.empty()) GTEST_SKIP() << "mkntfs is not available";
-
-  drive = &machine.AddDrive(0, 2048 + (8u << 11));
-  std::memcpy(drive->Sector(2048), ntfs.data(), ntfs.size());
-  PutMbrEntry(drive->Sector(0), 0, 0x07, 2048, 8u << 11);
-  Load();
-
-  EXPECT_EQ(LabelOf(1), "Backup Disk");
-  EXPECT_EQ(VolumeIdText(*disks, 1), FormatVolumeId(ntfs.data() + vbr::kNtfsSerial));
 }
 
 }  // namespace
