@@ -13,6 +13,7 @@
 // native backend otherwise.  No file outside src/platform includes an OS header.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -186,6 +187,11 @@ class Machine {
   // FormatMessageA from the system table; the text ends with "\r\n".
   // False when the system has no text for the code.
   virtual bool SystemMessageText(uint32_t code, std::string* text) = 0;
+
+  // ---- entropy ------------------------------------------------------------
+  // Fills `bytes` bytes from the system's cryptographic random source
+  // (RtlGenRandom); false when the source cannot deliver them.
+  virtual bool RandomBytes(void* out, size_t bytes) = 0;
 };
 
 // The machine of this run: the simulated one when DISKHOLD_MACHINE names a
