@@ -32,25 +32,18 @@ int HexValue(char c) {
   return -1;
 }
 
-// Sector 0 read into the image, or why not; `read` tells whether the
-// image holds the disk's bytes at all.
-struct Reload {
-  ResultCode code = kSuccess;
-  bool read = false;
-};
-
-Reload ReloadImage(DiskSet& disks) {
-  Reload result;
+// Reads sector 0 into the zeroed image and rebuilds the model from it when
+// it ends in 55 AA, else records 510.  False when the read failed: the
+// image then holds zeros, not the disk's bytes.
+bool ReloadImage(DiskSet& disks) {
   std::memset(disks.sector0, 0, sizeof disks.sector0);
-  result.code = ReadSector(disks, 0, disks.sector0);
-  result.read = result.code == kSuccess;
-  if (result.read && HasBootMarker(disks.sector0)) {
+  if (ReadSector(disks, 0, disks.sector0) != kSuccess) return false;
+  if (HasBootMarker(disks.sector0)) {
     disks.LoadDisk(false);
-  } else if (result.read) {
-    result.code = kNoMbrHere;
+  } else {
     disks.RecordError(kNoMbrHere);
   }
-  return result;
+  return true;
 }
 
 // The image as it stands goes to sector 0; the model keeps the signature
@@ -62,8 +55,6 @@ void WriteImage(DiskSet& disks) {
 }
 
 }  // namespace
-
-ResultCode ReloadSector0(DiskSet& disks) { return ReloadImage(disks).code; }
 
 SignatureBytes SignatureFromText(const std::string& text) {
   SignatureBytes bytes{};
@@ -107,12 +98,12 @@ std::vector<SignatureBytes> MachineSignatures() {
 }
 
 ResultCode SetDiskSignature(DiskSet& disks, int32_t mode, const std::string& text) {
-  const Reload reload = ReloadImage(disks);
+  const bool read = ReloadImage(disks);
   if (mode != kSignatureZero && mode != kSignatureGenerate && mode != kSignatureWrite) {
     disks.RecordError(kInvalidSignatureMode);
     return disks.firstError;
   }
-  if (!reload.read || disks.firstError != kSuccess) return disks.firstError;
+  if (!read || disks.firstError != kSuccess) return disks.firstError;
 
   SignatureBytes signature{};
   if (mode == kSignatureGenerate) {
@@ -129,9 +120,8 @@ ResultCode SetDiskSignature(DiskSet& disks, int32_t mode, const std::string& tex
 }
 
 ResultCode WriteStatusByte(DiskSet& disks, uint8_t value) {
-  const Reload reload = ReloadImage(disks);
   // A 510 still writes: the byte is the script's, whatever the rest holds.
-  if (!reload.read) return disks.firstError;
+  if (!ReloadImage(disks)) return disks.firstError;
   disks.sector0[kStatusByteOffset] = value;
   WriteImage(disks);
   return disks.firstError;

@@ -36,12 +36,6 @@ constexpr int kSignatureDraws = 16;
 // The four signature bytes in disk order (byte 440 first).
 using SignatureBytes = std::array<uint8_t, 4>;
 
-// Zeroes the sector0 image and reads sector 0 into it.  When it ends in
-// 55 AA the disk model is rebuilt from the image (no second read);
-// otherwise 510 is recorded.  Returns this call's failure (506 when the
-// read failed, 510) or 0; the disk set records it as well.
-ResultCode ReloadSector0(DiskSet& disks);
-
 // The bytes a /Value text stands for: characters 2k and 2k+1 are one
 // hexadecimal number, read up to their first non-hexadecimal character,
 // whose low 8 bits go to byte 443 - k.  "AC67AC67" gives 67 AC 67 AC.  A
@@ -58,18 +52,21 @@ bool DrawSignature(const SignatureBytes& current, const std::vector<SignatureByt
 // drive whose sector 0 cannot be read gives 0.
 std::vector<SignatureBytes> MachineSignatures();
 
-// Stores a new disk signature: mode 0 zeroes it, 1 generates one (from the
-// random source, never 0, the disk's current one or another drive's), 2
-// stores `text` as SignatureFromText reads it; any other mode records 557.
+// Stores a new disk signature in a fresh copy of sector 0; when that copy
+// ends in 55 AA the disk model is first rebuilt from it (no second read).
+// Mode 0 zeroes the signature, 1 generates one (from the random source,
+// never 0, the disk's current one or another drive's), 2 stores `text` as
+// SignatureFromText reads it; any other mode records 557.
 // Writes only when sector 0 was read and no error is recorded: a sector 0
 // without 55 AA records 510 and is not written (unless `ignore` keeps the
 // 510 from being recorded).  A signature that cannot be generated records
 // 557.  Returns the disk set's first error (0 under `ignore`).
 ResultCode SetDiskSignature(DiskSet& disks, int32_t mode, const std::string& text);
 
-// Stores the status byte.  Unlike the signature it is written also when
-// sector 0 lacks 55 AA (the result is then 510), but never when sector 0
-// could not be read.  Returns the disk set's first error.
+// Stores the status byte in a fresh copy of sector 0 (the model rebuilt as
+// above).  Unlike the signature it is written also when sector 0 lacks
+// 55 AA (the result is then 510), but never when sector 0 could not be
+// read.  Returns the disk set's first error.
 ResultCode WriteStatusByte(DiskSet& disks, uint8_t value);
 
 }  // namespace dh
