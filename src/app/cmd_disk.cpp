@@ -9,9 +9,12 @@
 #include "base/sink.h"
 #include "base/text.h"
 #include "disk/disk_set.h"
+#include "disk/mbr_layout.h"
 #include "disk/volume.h"
+#include "edit/signature.h"
 #include "mbr/boot_images.h"
 #include "mbr/boot_repair.h"
+#include "sectors/sector_ops.h"
 
 namespace dh {
 
@@ -105,7 +108,11 @@ void HandleRepair(CommandContext& c) {
 
 void HandleFlashMbr(CommandContext& c) { RecordOutcome(c.disks.firstError, kCmdFlashMbr); }
 
-void HandleStatus(CommandContext&) { NotAvailable("status"); }
+void HandleStatus(CommandContext& c) {
+  ReadSectorIntoImage(c.disks, 0, true);
+  c.state.statusByte = c.disks.sector0[kStatusByteOffset];
+  RecordOutcome(c.disks.firstError, kCmdStatus);
+}
 
 void HandleStatusWrite(CommandContext& c) {
   const int64_t value = ReadDecimal64(c.options.valueText);
@@ -114,28 +121,58 @@ void HandleStatusWrite(CommandContext& c) {
     return;
   }
   c.state.statusByte = static_cast<uint8_t>(value);
-  NotAvailable("status=");
+  WriteStatusByte(c.disks, c.state.statusByte);
+  RecordOutcome(c.disks.firstError, kCmdStatusWrite);
 }
 
+namespace {
+
+// signature=Read: the bytes go to the run state most significant first, the
+// order the report prints them in.
+void ReadSignature(CommandContext& c) {
+  ReadSectorIntoImage(c.disks, 0, true);
+  RecordOutcome(c.disks.firstError, kCmdSignature);
+  for (size_t i = 0; i < sizeof c.state.signatureBytes; ++i) {
+    c.state.signatureBytes[i] = c.disks.sector0[mbr::kDiskSignatureOffset + 3 - i];
+  }
+  c.options.command = kStepSignatureRead;
+  RecordOutcome(c.disks.firstError, kStepSignatureRead);
+}
+
+void ChangeSignature(CommandContext& c, int32_t step, int32_t mode, const std::string& text) {
+  c.options.command = step;
+  SetDiskSignature(c.disks, mode, text);
+  RecordOutcome(c.disks.firstError, step);
+}
+
+}  // namespace
+
 void HandleSignature(CommandContext& c) {
+  // Without a "/Signature=" argument (signature:Read, say) there is
+  // nothing to do, and nothing fails.
   if (!FindArgument("/Signature")) return;
   const std::string action = CurrentArgumentValue();
-  if (EqualsIgnoreCase(action, "Write")) {
+  if (EqualsIgnoreCase(action, "Read")) {
+    ReadSignature(c);
+  } else if (EqualsIgnoreCase(action, "Generate")) {
+    ChangeSignature(c, kStepSignatureGenerate, kSignatureGenerate, "");
+  } else if (EqualsIgnoreCase(action, "Zero")) {
+    ChangeSignature(c, kStepSignatureZero, kSignatureZero, "");
+  } else if (EqualsIgnoreCase(action, "Write")) {
     c.options.command = kStepSignatureWrite;
     if (!FindArgument("/Value")) {
       SetResultIfNone(kSignatureOption);
       return;
     }
-    if (CurrentArgumentValue().size() != 8) {
+    const std::string value = CurrentArgumentValue();
+    if (value.size() != 8) {
       SetResultIfNone(kSignatureValueLength);
       return;
     }
-  } else if (!EqualsIgnoreCase(action, "Read") && !EqualsIgnoreCase(action, "Generate") &&
-             !EqualsIgnoreCase(action, "Zero")) {
+    ChangeSignature(c, kStepSignatureWrite, kSignatureWrite, value);
+  } else {
     SetResultIfNone(kSignatureOption);
-    return;
   }
-  NotAvailable("signature=");
 }
 
 void HandleVolumeId(CommandContext& c) {

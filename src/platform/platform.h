@@ -14,6 +14,7 @@
 // the native backend otherwise.  No file outside src/platform includes an OS header.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -200,6 +201,11 @@ class Machine {
   // FormatMessageA from the system table; the text ends with "\r\n".
   // False when the system has no text for the code.
   virtual bool SystemMessageText(uint32_t code, std::string* text) = 0;
+
+  // ---- entropy ------------------------------------------------------------
+  // Fills `bytes` bytes from the system's cryptographic random source
+  // (RtlGenRandom); false when the source cannot deliver them.
+  virtual bool RandomBytes(void* out, size_t bytes) = 0;
 };
 
 // Disk images kept in a container (VMware disk files) are understood by a

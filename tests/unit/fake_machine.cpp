@@ -275,6 +275,28 @@ bool FakeMachine::SystemMessageText(uint32_t code, std::string* text) {
   return true;
 }
 
+bool FakeMachine::RandomBytes(void* out, size_t bytes) {
+  ++randomCalls;
+  if (randomFails) {
+    lastError = 31;  // ERROR_GEN_FAILURE
+    return false;
+  }
+  uint8_t* at = static_cast<uint8_t*>(out);
+  for (size_t i = 0; i < bytes; ++i) {
+    if (!randomBytes.empty()) {
+      at[i] = randomBytes.front();
+      randomBytes.pop_front();
+    } else {
+      // xorshift32: varied bytes for tests that do not care which.
+      randomState_ ^= randomState_ << 13;
+      randomState_ ^= randomState_ >> 17;
+      randomState_ ^= randomState_ << 5;
+      at[i] = static_cast<uint8_t>(randomState_ >> 24);
+    }
+  }
+  return true;
+}
+
 DiskDrivers TestDrivers() {
   DiskDrivers drivers;
   drivers.loadMbr = LoadMbrTable;

@@ -117,6 +117,11 @@ class FakeMachine : public platform::Machine {
   std::string computerName = "TESTPC";
   std::map<std::string, std::string> environment;
   std::vector<std::string> messageBoxes;
+  // RandomBytes hands these out first, then bytes of a fixed sequence; it
+  // fails while `randomFails` is set.  Every call is counted.
+  std::deque<uint8_t> randomBytes;
+  bool randomFails = false;
+  int randomCalls = 0;
 
   // platform::Machine
   std::unique_ptr<platform::File> Open(const std::string& path, platform::OpenMode mode) override;
@@ -157,6 +162,10 @@ class FakeMachine : public platform::Machine {
   void MessageBox(const std::string& text, const std::string&) override { messageBoxes.push_back(text); }
   uint32_t LastError() override { return lastError; }
   bool SystemMessageText(uint32_t code, std::string* text) override;
+  bool RandomBytes(void* out, size_t bytes) override;
+
+ private:
+  uint32_t randomState_ = 0x2545F491u;
 };
 
 // "\\.\PhysicalDrive<number>"

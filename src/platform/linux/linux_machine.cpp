@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <langinfo.h>
 #include <locale.h>
+#include <sys/random.h>
 #include <sys/reboot.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -43,6 +44,9 @@ constexpr uint32_t kEwxShutdown = 1;
 constexpr uint32_t kEwxReboot = 2;
 constexpr uint32_t kEwxForce = 4;
 constexpr uint32_t kEwxPowerOff = 8;
+
+// ERROR_GEN_FAILURE: what the random source reports when it cannot deliver.
+constexpr uint32_t kErrorGenFailure = 31;
 
 bool EqualsNoCase(const std::string& a, const std::string& b) {
   if (a.size() != b.size()) return false;
@@ -315,7 +319,42 @@ class LinuxMachine final : public Machine {
     return true;
   }
 
+  bool RandomBytes(void* out, size_t bytes) override {
+    uint8_t* at = static_cast<uint8_t*>(out);
+    size_t done = 0;
+    while (done < bytes) {
+      const ssize_t n = ::getrandom(at + done, bytes - done, 0);
+      if (n > 0) {
+        done += static_cast<size_t>(n);
+      } else if (n < 0 && errno == EINTR) {
+        continue;
+      } else if (n < 0 && errno == ENOSYS) {
+        // Kernels before 3.17 have only the device.
+        return ReadUrandom(at + done, bytes - done);
+      } else {
+        return Fail(kErrorGenFailure);
+      }
+    }
+    return true;
+  }
+
  private:
+  bool ReadUrandom(uint8_t* at, size_t bytes) {
+    const int fd = ::open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return Fail(kErrorGenFailure);
+    size_t done = 0;
+    while (done < bytes) {
+      const ssize_t n = ::read(fd, at + done, bytes - done);
+      if (n > 0) {
+        done += static_cast<size_t>(n);
+      } else if (!(n < 0 && errno == EINTR)) {
+        break;
+      }
+    }
+    ::close(fd);
+    return done == bytes ? true : Fail(kErrorGenFailure);
+  }
+
   bool Fail(uint32_t code) {
     *lastError_ = code;
     return false;

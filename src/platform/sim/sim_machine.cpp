@@ -345,6 +345,13 @@ class SimMachine : public Machine {
     return true;
   }
 
+  // The host's own source: simulated disks cloned in the same second must
+  // still get signatures of their own.
+  bool RandomBytes(void* out, size_t bytes) override {
+    if (!native_->RandomBytes(out, bytes)) return Fail(native_->LastError());
+    return true;
+  }
+
  private:
   bool Fail(uint32_t code) {
     errors_->lastError = code;

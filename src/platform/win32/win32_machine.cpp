@@ -3,6 +3,7 @@
 #include "platform/win32/win32_api.h"
 
 #include <conio.h>
+#include <ntsecapi.h>
 
 #include <algorithm>
 #include <climits>
@@ -380,6 +381,20 @@ class Win32Machine final : public Machine {
     }
     text->assign(message, length);
     ::LocalFree(message);
+    return true;
+  }
+
+  // ---- entropy ------------------------------------------------------------
+  bool RandomBytes(void* out, size_t bytes) override {
+    // RtlGenRandom rather than BCryptGenRandom: it is in advapi32, which
+    // every build links, and it is there on the systems before Vista too.
+    uint8_t* at = static_cast<uint8_t*>(out);
+    while (bytes > 0) {
+      const ULONG chunk = bytes > 0x10000 ? 0x10000 : static_cast<ULONG>(bytes);
+      if (!::RtlGenRandom(at, chunk)) return Stored(ERROR_GEN_FAILURE);
+      at += chunk;
+      bytes -= chunk;
+    }
     return true;
   }
 

@@ -1,0 +1,284 @@
+// Disk signature and status byte against in-memory drives: which bytes
+// each write may change, when nothing may be written at all, and how a
+// generated signature avoids the values it must not take.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app/run_state.h"
+#include "disk/disk_set.h"
+#include "edit/signature.h"
+#include "fake_machine.h"
+#include "platform/platform.h"
+
+namespace dh {
+namespace {
+
+using test::FakeDrive;
+using Bytes = std::vector<uint8_t>;
+using Sig = SignatureBytes;
+
+TEST(SignatureText, PairsGoMostSignificantFirst) {
+  const struct {
+    const char* text;
+    Sig bytes;
+  } cases[] = {
+      {"AC67AC67", {0x67, 0xAC, 0x67, 0xAC}},
+      {"12345678", {0x78, 0x56, 0x34, 0x12}},
+      {"abcdef01", {0x01, 0xEF, 0xCD, 0xAB}},
+      // A pair is read up to its first non-hexadecimal character.
+      {"1G2H3I4J", {0x04, 0x03, 0x02, 0x01}},
+      {"G1xx00FF", {0xFF, 0x00, 0x00, 0x00}},
+      {"+1-1 1 1", {0x00, 0x00, 0x00, 0x00}},
+      // Pairs beyond the text are 00; characters beyond eight are not read.
+      {"AB", {0x00, 0x00, 0x00, 0xAB}},
+      {"", {0x00, 0x00, 0x00, 0x00}},
+      {"1122334455", {0x44, 0x33, 0x22, 0x11}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(SignatureFromText(c.text), c.bytes) << c.text;
+}
+
+// The native source (getrandom on Linux, RtlGenRandom on Windows, where
+// these tests run under Wine): any length, and no two draws alike.
+TEST(NativeRandom, FillsBuffersOfAnyLength) {
+  std::unique_ptr<platform::Machine> native = platform::CreateNativeMachine();
+  EXPECT_TRUE(native->RandomBytes(nullptr, 0));
+  Bytes a(64), b(64);
+  ASSERT_TRUE(native->RandomBytes(a.data(), a.size()));
+  ASSERT_TRUE(native->RandomBytes(b.data(), b.size()));
+  EXPECT_NE(a, b);
+  // Beyond the chunk one call of the system hands out.
+  Bytes big(300000, 0);
+  ASSERT_TRUE(native->RandomBytes(big.data(), big.size()));
+  EXPECT_LT(std::count(big.end() - 4096, big.end(), 0), 100);
+}
+
+class SignatureTest : public ::testing::Test {
+ protected:
+  SignatureTest() : host_(&machine_) { ResetRun(); }
+
+  // A drive whose sector 0 is a byte pattern with a signature and,
+  // optionally, 55 AA; the sectors after it hold a pattern too.
+  FakeDrive& MakeDrive(int number, Sig signature, bool marker = true) {
+    FakeDrive& d = machine_.AddDrive(number, 256);
+    for (size_t i = 0; i < d.bytes.size(); ++i) d.bytes[i] = static_cast<uint8_t>(i * 13 + 5);
+    std::memcpy(d.Sector(0) + 440, signature.data(), 4);
+    // One empty-typed entry table: a valid, partitionless MBR.
+    std::memset(d.Sector(0) + 446, 0, 64);
+    if (marker) {
+      d.SetBootSignature();
+    } else {
+      d.Sector(0)[511] = 0;
+    }
+    return d;
+  }
+
+  void Load(bool ignore = false) {
+    disks_ = std::make_unique<DiskSet>(test::TestDrivers(), ignore);
+    before_ = drive().bytes;
+  }
+
+  FakeDrive& drive(int number = 0) { return machine_.devices[test::DrivePath(number)]; }
+  Sig SignatureOnDisk(int number = 0) {
+    Sig s;
+    std::memcpy(s.data(), drive(number).Sector(0) + 440, 4);
+    return s;
+  }
+  // Every byte of the drive outside the (first, count) ranges is as it was.
+  void ExpectOnlyChanged(std::initializer_list<std::pair<size_t, size_t>> allowed) {
+    const Bytes& now = drive().bytes;
+    ASSERT_EQ(now.size(), before_.size());
+    for (size_t i = 0; i < now.size(); ++i) {
+      bool mayChange = false;
+      for (const auto& [first, count] : allowed) mayChange = mayChange || (i >= first && i < first + count);
+      if (!mayChange) {
+        ASSERT_EQ(now[i], before_[i]) << "byte " << i;
+      }
+    }
+  }
+  bool Unchanged() { return drive().bytes == before_; }
+  void QueueRandom(std::initializer_list<Sig> draws) {
+    for (const Sig& s : draws) machine_.randomBytes.insert(machine_.randomBytes.end(), s.begin(), s.end());
+  }
+
+  test::FakeMachine machine_;
+  test::ScopedHost host_;
+  std::unique_ptr<DiskSet> disks_;
+  Bytes before_;
+};
+
+TEST_F(SignatureTest, EachModeWritesOnlyTheFourSignatureBytesAndFlushes) {
+  const struct {
+    int32_t mode;
+    const char* text;
+    Sig expected;
+  } cases[] = {
+      {kSignatureZero, "", {0, 0, 0, 0}},
+      {kSignatureWrite, "AC67AC67", {0x67, 0xAC, 0x67, 0xAC}},
+      {kSignatureGenerate, "", {0x10, 0x20, 0x30, 0x40}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.mode);
+    machine_.devices.clear();
+    MakeDrive(0, {1, 2, 3, 4});
+    Load();
+    QueueRandom({{0x10, 0x20, 0x30, 0x40}});
+    EXPECT_EQ(kSuccess, SetDiskSignature(*disks_, c.mode, c.text));
+    EXPECT_EQ(SignatureOnDisk(), c.expected);
+    EXPECT_EQ(1, drive().writeCalls);
+    EXPECT_EQ(1, drive().flushCalls);
+    ExpectOnlyChanged({{440, 4}});
+    EXPECT_EQ(0, std::memcmp(disks_->savedSignature, c.expected.data(), 4));
+  }
+}
+
+TEST_F(SignatureTest, NothingIsWrittenWithoutMarkerForABadModeOrAnUnreadableSector) {
+  const struct {
+    const char* name;
+    bool marker;
+    bool unreadable;
+    int32_t mode;
+    ResultCode code;
+  } cases[] = {
+      {"zero without 55 AA", false, false, kSignatureZero, kNoMbrHere},
+      {"write without 55 AA", false, false, kSignatureWrite, kNoMbrHere},
+      {"generate without 55 AA", false, false, kSignatureGenerate, kNoMbrHere},
+      {"mode 3", true, false, 3, kInvalidSignatureMode},
+      {"mode -1 without 55 AA", false, false, -1, kNoMbrHere},
+      {"unreadable", true, true, kSignatureZero, kReadFailed},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    machine_.devices.clear();
+    MakeDrive(0, {1, 2, 3, 4}, c.marker);
+    Load();
+    if (c.unreadable) drive().badSectors.insert(0);
+    EXPECT_EQ(c.code, SetDiskSignature(*disks_, c.mode, "AC67AC67"));
+    EXPECT_EQ(0, drive().writeCalls);
+    EXPECT_TRUE(Unchanged());
+  }
+}
+
+TEST_F(SignatureTest, UnderIgnoreAnUnreadableSectorIsStillNeverWritten) {
+  // The image would be zeros: writing it would wipe the partition table.
+  MakeDrive(0, {1, 2, 3, 4});
+  Load(true);
+  drive().badSectors.insert(0);
+  EXPECT_EQ(kSuccess, SetDiskSignature(*disks_, kSignatureWrite, "AC67AC67"));
+  EXPECT_EQ(kSuccess, WriteStatusByte(*disks_, 9));
+  EXPECT_EQ(0, drive().writeCalls);
+}
+
+TEST_F(SignatureTest, ASuperfloppyIsRefused) {
+  // Bytes 434..443 of a volume boot record are boot code.
+  FakeDrive& d = machine_.AddDrive(0, 256, platform::kMediaRemovable);
+  std::memcpy(d.Sector(0) + 3, "NTFS    ", 8);
+  d.SetBootSignature();
+  Load();
+  EXPECT_EQ(kRemovableNoMbr, SetDiskSignature(*disks_, kSignatureZero, ""));
+  ResetRun();
+  Load();
+  EXPECT_EQ(kRemovableNoMbr, WriteStatusByte(*disks_, 5));
+  EXPECT_EQ(0, drive().writeCalls);
+}
+
+TEST_F(SignatureTest, GenerateSkipsZeroTheCurrentAndOtherDrivesSignatures) {
+  MakeDrive(0, {1, 2, 3, 4});
+  MakeDrive(1, {9, 9, 9, 9});
+  MakeDrive(2, {7, 7, 7, 7});
+  Load();
+  QueueRandom({{0, 0, 0, 0}, {1, 2, 3, 4}, {9, 9, 9, 9}, {7, 7, 7, 7}, {0xAA, 0, 0, 0}});
+  EXPECT_EQ(kSuccess, SetDiskSignature(*disks_, kSignatureGenerate, ""));
+  EXPECT_EQ(SignatureOnDisk(), (Sig{0xAA, 0, 0, 0}));
+  EXPECT_EQ(5, machine_.randomCalls);
+  // The scan of the other drives wrote nothing there.
+  EXPECT_EQ(0, drive(1).writeCalls);
+  EXPECT_EQ(0, drive(2).writeCalls);
+}
+
+TEST_F(SignatureTest, GenerateGivesUpOnABrokenSourceAndWritesNothing) {
+  MakeDrive(0, {1, 2, 3, 4});
+  Load();
+  machine_.randomFails = true;
+  EXPECT_EQ(kInvalidSignatureMode, SetDiskSignature(*disks_, kSignatureGenerate, ""));
+  EXPECT_TRUE(Unchanged());
+
+  // A source that only ever repeats the current signature: bounded draws.
+  ResetRun();
+  Load();
+  machine_.randomFails = false;
+  machine_.randomCalls = 0;
+  for (int i = 0; i < 2 * kSignatureDraws; ++i) QueueRandom({{1, 2, 3, 4}});
+  EXPECT_EQ(kInvalidSignatureMode, SetDiskSignature(*disks_, kSignatureGenerate, ""));
+  EXPECT_EQ(kSignatureDraws, machine_.randomCalls);
+  EXPECT_EQ(0, drive().writeCalls);
+}
+
+TEST_F(SignatureTest, MachineSignaturesReadsEveryDriveAndZeroForAnUnreadableOne) {
+  MakeDrive(0, {1, 2, 3, 4});
+  MakeDrive(1, {5, 6, 7, 8}, false);
+  MakeDrive(3, {9, 10, 11, 12});
+  drive(3).badSectors.insert(0);
+  EXPECT_EQ(MachineSignatures(), (std::vector<Sig>{{1, 2, 3, 4}, {5, 6, 7, 8}, {0, 0, 0, 0}}));
+}
+
+TEST_F(SignatureTest, StatusByteIsWrittenAloneAlsoWithoutMarker) {
+  for (bool marker : {true, false}) {
+    SCOPED_TRACE(marker);
+    machine_.devices.clear();
+    ResetRun();
+    MakeDrive(0, {1, 2, 3, 4}, marker);
+    Load();
+    EXPECT_EQ(marker ? kSuccess : kNoMbrHere, WriteStatusByte(*disks_, 254));
+    EXPECT_EQ(254, drive().Sector(0)[434]);
+    EXPECT_EQ(1, drive().flushCalls);
+    ExpectOnlyChanged({{434, 1}});
+  }
+  ResetRun();
+  Load();
+  drive().badSectors.insert(0);
+  const int writes = drive().writeCalls;
+  EXPECT_EQ(kReadFailed, WriteStatusByte(*disks_, 3));
+  EXPECT_EQ(writes, drive().writeCalls);
+}
+
+TEST_F(SignatureTest, TheModelIsRebuiltFromWhatIsOnDiskNow) {
+  MakeDrive(0, {1, 2, 3, 4});
+  Load();
+  ASSERT_EQ(0, PartitionCount(*disks_, kKindPrimary));
+  // Changed behind the disk set's back: one NTFS entry, which the write
+  // keeps and the model then shows.
+  uint8_t* entry = drive().Sector(0) + 446;
+  entry[4] = 0x07;
+  entry[8] = 63;
+  entry[12] = 100;
+  EXPECT_EQ(kSuccess, SetDiskSignature(*disks_, kSignatureZero, ""));
+  EXPECT_EQ(1, PartitionCount(*disks_, kKindPrimary));
+  EXPECT_EQ(0x07, drive().Sector(0)[446 + 4]);
+}
+
+TEST_F(SignatureTest, AVirtualDiskIsWrittenThroughItsOwnDevice) {
+  // Sector 0 of the virtual disk lies 100 sectors into the file.
+  FakeDrive& host = machine_.AddDrive(0, 400);
+  for (size_t i = 0; i < host.bytes.size(); ++i) host.bytes[i] = static_cast<uint8_t>(i * 3);
+  host.SetBootSignature(100);
+  Load();
+  disks_->virtualDisk =
+      test::ShiftedVirtualDisk(machine_.Open(test::DrivePath(0), platform::OpenMode::DiskReadWrite), 100, 300);
+  disks_->isVirtual = true;
+  disks_->LoadDisk(true);
+  before_ = drive().bytes;
+  EXPECT_EQ(kSuccess, SetDiskSignature(*disks_, kSignatureWrite, "AC67AC67"));
+  EXPECT_EQ(kSuccess, WriteStatusByte(*disks_, 7));
+  EXPECT_EQ(7, host.Sector(100)[434]);
+  EXPECT_EQ(Bytes({0x67, 0xAC, 0x67, 0xAC}), Bytes(host.Sector(100) + 440, host.Sector(100) + 444));
+  ExpectOnlyChanged({{100 * 512 + 434, 1}, {100 * 512 + 440, 4}});
+}
+
+}  // namespace
+}  // namespace dh
