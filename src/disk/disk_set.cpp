@@ -29,6 +29,14 @@ std::string DriveLetterText(const PartitionRecord& record, const DiskSet& disks)
   return DriveLetterText(record, disks.isVirtual);
 }
 
+std::string DiskNameField(const DiskSet& disks, int32_t diskNumber) {
+  if (disks.isVirtual) return "Virtual" + std::string(19, ' ');
+  // "%-2d" and 24 blanks: a number of three digits pushes the field out.
+  std::string number = std::to_string(diskNumber);
+  if (number.size() < 2) number += ' ';
+  return number + std::string(24, ' ');
+}
+
 std::string DriveLetterText(const PartitionRecord& record, bool virtualDisk) {
   if (virtualDisk) return "NA";
   if (static_cast<unsigned char>(record.driveLetter) > ' ') return std::string(1, record.driveLetter) + ":";

@@ -150,6 +150,10 @@ class DiskSet {
 // otherwise.
 std::string DriveLetterText(const PartitionRecord& record, const DiskSet& disks);
 
+// The name of the current disk in a report header, 26 characters wide: the
+// disk number left-aligned, or "Virtual" for a virtual disk file.
+std::string DiskNameField(const DiskSet& disks, int32_t diskNumber);
+
 // Sector operations (they record their failures).
 ResultCode CountDisks(DiskSet& disks);
 bool OpenDisk(DeviceHandle& handle, int32_t driveNumber);

@@ -86,11 +86,7 @@ void PrintDiskBlock(DiskSet& disks, int32_t diskNumber, const ListRequest& reque
 
   const std::string kind = CText(disks.diskKindText);
   const std::string kindField = "MBR/GPT:         " + kind + FillTo(kind, 27);
-  if (disks.isVirtual) {
-    out.Inner(" Disk: Virtual" + Blanks(19) + kindField);
-  } else {
-    out.Inner(" Disk: " + LeftNumber(diskNumber, 2) + Blanks(24) + kindField);
-  }
+  out.Inner(" Disk: " + DiskNameField(disks, diskNumber) + kindField);
 
   if (const GptTable* gpt = GptOf(disks)) {
     PrintGptDetails(disks, *gpt, out);
