@@ -463,6 +463,8 @@ TEST_F(SimMachineTest, FormatEngineModes) {
   EXPECT_EQ(calls, (Calls{{11, 0, false}}));
 
   EXPECT_EQ(Load("[machine]\nformatengine = none\n").LoadFormatEngine(), FormatEngineState::LibraryMissing);
+  // By default the host's mkntfs is the engine, present or not.
+  EXPECT_EQ(Load("").LoadFormatEngine() == FormatEngineState::Ready, CreateNativeMachine()->NtfsFormatterPresent());
   Machine& noEntry = Load("[machine]\nformatengine = noentry\n");
   EXPECT_EQ(noEntry.LoadFormatEngine(), FormatEngineState::EntryMissing);
   EXPECT_FALSE(noEntry.FormatEx(u"", 0x0C, u"NTFS", u"MYLABEL", false, 0, record, {}));
