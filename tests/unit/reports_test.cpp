@@ -283,6 +283,26 @@ TEST_F(BootMenuTest, ASuperfloppyIsRefusedBeforeTheMenu) {
   EXPECT_EQ(machine_.lines.size(), 1u);  // nothing was asked
 }
 
+TEST_F(BootMenuTest, AVirtualDiskShowsNoDriveLetters) {
+  machine_.AddDrive(0, 8192);
+  FakeDrive& file = machine_.AddFile("disk.vmdk", std::vector<uint8_t>(4096 * 512, 0));
+  PutEntry(file, 0, 0x00, 0x07, 2048, 2048);
+  file.SetBootSignature();
+  g_machine = &machine_;
+  DiskDrivers drivers = test::TestDrivers();
+  drivers.openVirtual = OpenFakeVirtual;
+  DiskSet disks(drivers, false);
+  disks.OpenVirtualDisk("disk.vmdk");
+  machine_.lines.push_back("1");
+  StringSink out;
+  RunMenu(disks, out);
+  g_machine = nullptr;
+  EXPECT_NE(out.text.find("\n  1  <Virtual>    NA 07-NTFS    1.0M   No      No            2,048"), std::string::npos)
+      << out.text;
+  EXPECT_EQ(State().completedStep, kCmdBootMenu);
+  EXPECT_EQ(file.Sector(0)[446], 0x80);
+}
+
 TEST_F(BootMenuTest, InfoLeavesTheLastDiskCurrent) {
   machine_.AddDrive(0, 16065);
   machine_.AddDrive(1, 16065 * 2);
