@@ -1,5 +1,5 @@
 // Commands on sector 0's own fields, its boot code and the volumes:
-// repair=, FlashMBR, status, status=, signature=, volumeid= and format.
+// repair=, FlashMBR, status, status=, signature= and volumeid=.
 #include <cstdio>
 
 #include "app/command_table.h"
@@ -184,7 +184,5 @@ void HandleVolumeId(CommandContext& c) {
   RecordOutcome(c.disks.firstError, kCmdVolumeId);
   c.options.command = kStepVolumeIdRead;
 }
-
-void HandleFormat(CommandContext&) { NotAvailable("format"); }
 
 }  // namespace dh

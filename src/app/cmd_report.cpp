@@ -1,5 +1,5 @@
-// The reports and queries: list, tablist, writeini, info, and the exit
-// values of isfixed, diskcount and partcount.
+// The reports and queries: list, tablist, writeini, info, the boot menu,
+// and the exit values of isfixed, diskcount and partcount.
 #include <cstdio>
 
 #include "app/command_table.h"
@@ -7,15 +7,14 @@
 #include "app/handlers.h"
 #include "app/messages.h"
 #include "disk/disk_set.h"
+#include "edit/partition_edit.h"
 #include "platform/platform.h"
+#include "report/info.h"
+#include "report/ini_report.h"
 #include "report/listing.h"
 #include "report/text_fields.h"
 
 namespace dh {
-
-void NotAvailable(const char* name) {
-  std::fprintf(stderr, "diskhold: %s is not available in this build; nothing was changed\n", name);
-}
 
 void HandleList(CommandContext& c) {
   const RunOptions& o = c.options;
@@ -38,10 +37,42 @@ void HandleWriteIni(CommandContext& c) {
     return;
   }
   AssignValueText(c.options.valueText, CurrentArgumentValue());
-  NotAvailable("writeini");
+  IniReportRequest request;
+  request.diskNumber = c.options.diskNumber;
+  request.diskFileName = c.options.diskFileName;
+  if (WriteIniFile(c.disks, c.options.valueText, request) != kSuccess) {
+    SetResultIfNone(kIniWriteFailed);
+    return;
+  }
+  // A disk that failed to load was reported all the same; its code is the
+  // run's result.
+  SetResultIfNone(c.disks.firstError);
+  c.state.completedStep = kCmdWriteIni;
 }
 
-void HandleInfo(CommandContext&) { NotAvailable("info"); }
+void HandleInfo(CommandContext& c) { ShowDiskInfo(c.disks, c.out); }
+
+void RunBootMenuStep(CommandContext& c) {
+  // The menu offers MBR entries: a GPT disk has none, and a superfloppy's
+  // sector 0 is a boot record whose bytes are no entries to rewrite.
+  if (const ResultCode refusal = MbrEditRefusal(c.disks)) {
+    SetResultIfNone(refusal);
+    return;
+  }
+  const BootMenuChoice choice = RunBootMenu(c.disks, c.out);
+  if (!choice.asked) return;
+  if (!choice.valid) {
+    SetResultIfNone(kInvalidPartitionId);
+    return;
+  }
+  SetPartitionActive(c.disks, choice.number, true);
+  AssignValueText(c.options.valueText, std::to_string(choice.number));
+  if (c.disks.firstError == kSuccess) {
+    c.state.completedStep = kCmdBootMenu;
+  } else {
+    SetResultIfNone(c.disks.firstError);
+  }
+}
 
 const char* WriteIniText(int32_t step, const RunOptions&) {
   return step == kCmdWriteIni ? "MBR information was successfully written to %s" : nullptr;

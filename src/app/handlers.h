@@ -57,13 +57,15 @@ void HandleCompare(CommandContext& c);
 void HandleList(CommandContext& c);
 void HandleWriteIni(CommandContext& c);
 void HandleInfo(CommandContext& c);
+// The boot menu, which runs after the dispatcher when nothing failed.
+void RunBootMenuStep(CommandContext& c);
 const char* WriteIniText(int32_t step, const RunOptions& o);
 const char* BootMenuText(int32_t step, const RunOptions& o);
 int32_t IsFixedExit(const RunOptions& o, const RunState& s, const DiskSet* disks);
 int32_t DiskCountExit(const RunOptions& o, const RunState& s, const DiskSet* disks);
 int32_t PartCountExit(const RunOptions& o, const RunState& s, const DiskSet* disks);
 
-// Sector 0 fields, boot code and volumes (cmd_disk.cpp).
+// Sector 0 fields, boot code and volume IDs (cmd_disk.cpp).
 void ParseRepair(const std::string& argument, const std::string& value);
 void ParseStatusWrite(const std::string& argument, const std::string& value);
 std::string AskRepair(const RunOptions& o, const DiskSet& disks);
@@ -81,10 +83,9 @@ void HandleStatus(CommandContext& c);
 void HandleStatusWrite(CommandContext& c);
 void HandleSignature(CommandContext& c);
 void HandleVolumeId(CommandContext& c);
+
+// Volume formatting (cmd_format.cpp).
 void HandleFormat(CommandContext& c);
 
-// What a command whose operation this build does not carry says: it goes
-// to the error stream and changes nothing.
-void NotAvailable(const char* name);
 
 }  // namespace dh

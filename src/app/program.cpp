@@ -8,6 +8,7 @@
 #include "app/confirm.h"
 #include "app/dispatcher.h"
 #include "app/grammar.h"
+#include "app/handlers.h"
 #include "app/messages.h"
 #include "app/run_state.h"
 #include "app/shutdown.h"
@@ -145,9 +146,7 @@ int32_t RunDiskhold(int argc, char** argv) {
     ResolveSelectors(drivers, o.ignoreErrors);
     CommandContext context{o, s, *disks, StdOut(), frame, codePage};
     DispatchCommand(context);
-    if (o.command == kCmdBootMenu && s.resultCode == kSuccess) {
-      std::fprintf(stderr, "diskhold: bootmenu is not available in this build; nothing was changed\n");
-    }
+    if (o.command == kCmdBootMenu && s.resultCode == kSuccess) RunBootMenuStep(context);
     PrintFinalReport(disks->currentDisk);
   }
 

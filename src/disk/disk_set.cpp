@@ -99,7 +99,9 @@ void DiskSet::SelectDisk(int32_t index) {
     RecordError(kInvalidDisk);
     return;
   }
-  if (index == currentDisk && !firstSelection_) return;
+  // While a virtual disk is loaded, the drive of currentDisk is not: it is
+  // loaded again.
+  if (index == currentDisk && !firstSelection_ && !isVirtual) return;
   currentDisk = index;
   // The virtual disk stays allocated; the physical drive is current again.
   isVirtual = false;

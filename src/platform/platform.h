@@ -126,9 +126,34 @@ struct FormatCallbackData {
 using FormatCallback = std::function<bool(int command, uint32_t subAction, const FormatCallbackData& data)>;
 
 enum class FormatEngineState {
-  LibraryMissing,  // LoadLibraryA("fmifs.dll") failed
+  LibraryMissing,  // LoadLibraryA("fmifs.dll") failed (elsewhere: no mkntfs)
   EntryMissing,    // GetProcAddress("FormatEx") failed
   Ready,
+};
+
+// Where the volume to format lies on its disk.  FormatEx of Windows needs
+// only the volume name; the engine of the other systems, mkntfs of
+// ntfs-3g, formats a host path: the partition's own device node, or else a
+// staging file of the partition's size, which `writeStaged` then copies
+// onto the partition (the caller holds that write to the partition).
+struct FormatPlace {
+  std::string drivePath;  // "\\.\PhysicalDriveN"; empty for a virtual disk
+  uint64_t startLba = 0;
+  uint64_t sectorCount = 0;  // 0: the partition cannot be formatted
+  uint32_t heads = 0;        // the disk's geometry, for the boot sector
+  uint32_t sectorsPerTrack = 0;
+  std::function<bool(File& staged)> writeStaged;
+};
+
+// One run of mkntfs on a host path.
+struct NtfsFormatJob {
+  std::string path;            // a partition's device node, or a staging file
+  uint64_t hiddenSectors = 0;  // the partition's first sector (--partition-start)
+  uint64_t sectorCount = 0;    // the volume's size; a plain file must be this large
+  uint32_t heads = 0;          // 0: left to mkntfs
+  uint32_t sectorsPerTrack = 0;
+  std::string label;
+  bool quick = true;
 };
 
 class Machine {
@@ -157,11 +182,19 @@ class Machine {
   // ---- format engine (fmifs.dll FormatEx) -------------------------------
   virtual FormatEngineState LoadFormatEngine() = 0;
   // Runs FormatEx; returns false when the call itself could not be made.
+  // Windows formats the volume `driveRoot` names; the other systems format
+  // `place` with mkntfs, quick, with the label given, and report like
+  // FormatEx: percentages as command 0, the end as command 11.
   virtual bool FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, const std::u16string& fileSystem,
                         const std::u16string& label, bool quick, uint32_t clusterSize,
-                        const FormatCallback& callback) = 0;
+                        const FormatCallback& callback, const FormatPlace& place) = 0;
   // Lets the thread handle one message already queued; never waits.
   virtual void PumpOneMessage() = 0;
+  // mkntfs: whether it can be started here (LastError 126 when not), and
+  // one run of it, reporting as FormatEx does.  False when it could not be
+  // started; Windows has none.
+  virtual bool NtfsFormatterPresent() = 0;
+  virtual bool RunNtfsFormatter(const NtfsFormatJob& job, const FormatCallback& callback) = 0;
 
   // ---- version, rights, shutdown -----------------------------------------
   virtual bool GetVersionEx(OsVersion* out) = 0;

@@ -261,6 +261,27 @@ bool FakeMachine::GetNumberFormat(const std::string& value, const platform::Numb
   return true;
 }
 
+bool FakeMachine::FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, const std::u16string& fileSystem,
+                           const std::u16string& label, bool quick, uint32_t clusterSize,
+                           const platform::FormatCallback& callback, const platform::FormatPlace& place) {
+  formatCalls.push_back({driveRoot, mediaFlag, fileSystem, label, quick, clusterSize, place});
+  if (formatEngine != platform::FormatEngineState::Ready) return false;
+  for (uint32_t percent : formatProgress) {
+    platform::FormatCallbackData data;
+    data.percent = percent;
+    callback(0, 0, data);
+  }
+  bool written = true;
+  if (!formatStaged.empty()) {
+    std::unique_ptr<platform::File> staged = Open(formatStaged, OpenMode::ReadExisting);
+    written = staged && place.writeStaged && place.writeStaged(*staged);
+  }
+  platform::FormatCallbackData end;
+  end.success = formatSucceeds && written;
+  callback(11, 0, end);
+  return true;
+}
+
 bool FakeMachine::GetEnv(const std::string& name, std::string* value) {
   auto it = environment.find(name);
   if (it == environment.end()) return false;

@@ -103,6 +103,23 @@ class FakeMachine : public platform::Machine {
   std::map<std::string, std::string> volumeNames;  // mount point -> volume name
 
   platform::FormatEngineState formatEngine = platform::FormatEngineState::LibraryMissing;
+  // FormatEx keeps each call.  When the engine is Ready it reports
+  // `formatProgress` as command 0, hands the file `formatStaged` (when
+  // named) to the place's writer, and ends with command 11: success when
+  // `formatSucceeds` and the writer agreed.
+  struct FormatCall {
+    std::u16string driveRoot;
+    uint32_t mediaFlag = 0;
+    std::u16string fileSystem;
+    std::u16string label;
+    bool quick = true;
+    uint32_t clusterSize = 0;
+    platform::FormatPlace place;
+  };
+  std::vector<FormatCall> formatCalls;
+  std::vector<uint32_t> formatProgress;
+  bool formatSucceeds = true;
+  std::string formatStaged;
 
   platform::OsVersion version{6, 1, 2};
   bool elevated = true;
@@ -131,11 +148,13 @@ class FakeMachine : public platform::Machine {
   std::vector<std::string> LogicalDriveStrings() override { return logicalDrives; }
   bool VolumeNameForMountPoint(const std::string& mountPoint, std::string* volumeName) override;
   platform::FormatEngineState LoadFormatEngine() override { return formatEngine; }
-  bool FormatEx(const std::u16string&, uint32_t, const std::u16string&, const std::u16string&, bool, uint32_t,
-                const platform::FormatCallback&) override {
-    return false;
-  }
-  void PumpOneMessage() override {}
+  bool FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, const std::u16string& fileSystem,
+                const std::u16string& label, bool quick, uint32_t clusterSize, const platform::FormatCallback& callback,
+                const platform::FormatPlace& place) override;
+  void PumpOneMessage() override { ++pumpCalls; }
+  int pumpCalls = 0;
+  bool NtfsFormatterPresent() override { return false; }
+  bool RunNtfsFormatter(const platform::NtfsFormatJob&, const platform::FormatCallback&) override { return false; }
   bool GetVersionEx(platform::OsVersion* out) override {
     *out = version;
     return true;

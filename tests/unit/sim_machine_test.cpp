@@ -461,7 +461,7 @@ TEST_F(SimMachineTest, FormatEngineModes) {
   const std::string before = FileText("d.img");
   Machine& ok = Load("[machine]\nformatengine = ok\n[drive 0]\nimage = d.img\n");
   EXPECT_EQ(ok.LoadFormatEngine(), FormatEngineState::Ready);
-  ASSERT_TRUE(ok.FormatEx(u"\\\\?\\Volume{x}\\", 0x0C, u"NTFS", u"MYLABEL", false, 0, record));
+  ASSERT_TRUE(ok.FormatEx(u"\\\\?\\Volume{x}\\", 0x0C, u"NTFS", u"MYLABEL", false, 0, record, {}));
   EXPECT_EQ(calls, (Calls{{0, 0, false}, {0, 25, false}, {0, 50, false}, {0, 75, false}, {0, 100, false},
                           {11, 0, true}}));
   EXPECT_EQ(FileText("d.img"), before);  // nothing is really formatted
@@ -469,13 +469,15 @@ TEST_F(SimMachineTest, FormatEngineModes) {
   calls.clear();
   Machine& fail = Load("[machine]\nformatengine = fail\n");
   EXPECT_EQ(fail.LoadFormatEngine(), FormatEngineState::Ready);
-  ASSERT_TRUE(fail.FormatEx(u"", 0x0C, u"NTFS", u"MYLABEL", false, 0, record));
+  ASSERT_TRUE(fail.FormatEx(u"", 0x0C, u"NTFS", u"MYLABEL", false, 0, record, {}));
   EXPECT_EQ(calls, (Calls{{11, 0, false}}));
 
-  EXPECT_EQ(Load("").LoadFormatEngine(), FormatEngineState::LibraryMissing);
+  EXPECT_EQ(Load("[machine]\nformatengine = none\n").LoadFormatEngine(), FormatEngineState::LibraryMissing);
+  // By default the host's mkntfs is the engine, present or not.
+  EXPECT_EQ(Load("").LoadFormatEngine() == FormatEngineState::Ready, CreateNativeMachine()->NtfsFormatterPresent());
   Machine& noEntry = Load("[machine]\nformatengine = noentry\n");
   EXPECT_EQ(noEntry.LoadFormatEngine(), FormatEngineState::EntryMissing);
-  EXPECT_FALSE(noEntry.FormatEx(u"", 0x0C, u"NTFS", u"MYLABEL", false, 0, record));
+  EXPECT_FALSE(noEntry.FormatEx(u"", 0x0C, u"NTFS", u"MYLABEL", false, 0, record, {}));
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 // The native machine on Linux: whole-disk block devices stand in for the
 // physical drives, sysfs for the registry's disk records, termios and ANSI
 // escapes for the console, the C library's locales for the user's number
-// format.  Windows services without a Linux counterpart (drive letters, the
-// format engine, elevation) answer as an empty or absent service would.
+// format, mkntfs for the format engine.  Windows services without a Linux
+// counterpart (drive letters, elevation) answer as an empty or absent
+// service would.
 #include "platform/linux/linux_machine.h"
 
 #include <fcntl.h>
@@ -23,9 +24,11 @@
 #include <optional>
 
 #include "platform/common/number_format.h"
+#include "platform/common/staged_format.h"
 #include "platform/common/system_messages.h"
 #include "platform/linux/linux_file.h"
 #include "platform/linux/linux_support.h"
+#include "platform/linux/ntfs_formatter.h"
 #include "platform/linux/sysfs.h"
 
 namespace dh::platform::linux_native {
@@ -143,15 +146,50 @@ class LinuxMachine final : public Machine {
   bool VolumeNameForMountPoint(const std::string&, std::string*) override { return Fail(kErrorFileNotFound); }
 
   // ---- format engine ----------------------------------------------------
+  // mkntfs stands in for "fmifs.dll": present when it is on PATH.
   FormatEngineState LoadFormatEngine() override {
-    *lastError_ = kErrorModNotFound;
-    return FormatEngineState::LibraryMissing;
+    return NtfsFormatterPresent() ? FormatEngineState::Ready : FormatEngineState::LibraryMissing;
   }
-  bool FormatEx(const std::u16string&, uint32_t, const std::u16string&, const std::u16string&, bool, uint32_t,
-                const FormatCallback&) override {
+
+  bool FormatEx(const std::u16string&, uint32_t, const std::u16string&, const std::u16string& label, bool, uint32_t,
+                const FormatCallback& callback, const FormatPlace& place) override {
+    // A virtual disk's partitions have no node: they are staged.
+    if (place.drivePath.empty()) return FormatStaged(*this, NarrowText(label), place, callback);
+    // A drive's partition is formatted on its own node, which holds mkntfs
+    // to the partition; one the kernel does not know is not formatted.
+    std::string node;
+    DrivePath parsed;
+    if (place.sectorCount != 0 && ParsePhysicalDrivePath(place.drivePath, &parsed) && parsed.valid &&
+        parsed.number < Disks().size()) {
+      const std::string name =
+          FindPartitionName(roots_.sysRoot, Disks()[parsed.number], place.startLba, place.sectorCount);
+      if (!name.empty()) node = roots_.devRoot + "/" + name;
+    }
+    if (node.empty()) {
+      std::fflush(stdout);
+      std::fprintf(stderr, "diskhold: the system has no device for the partition at sector %llu of %s\n",
+                   static_cast<unsigned long long>(place.startLba), place.drivePath.c_str());
+      FormatCallbackData end;
+      if (callback) callback(11, 0, end);
+      return true;
+    }
+    return RunNtfsFormatter(JobForPlace(place, node, NarrowText(label)), callback);
+  }
+
+  void PumpOneMessage() override {}
+
+  bool NtfsFormatterPresent() override {
+    if (!FindOnPath("mkntfs").empty()) return true;
     return Fail(kErrorModNotFound);
   }
-  void PumpOneMessage() override {}
+
+  bool RunNtfsFormatter(const NtfsFormatJob& job, const FormatCallback& callback) override {
+    const std::string program = FindOnPath("mkntfs");
+    if (program.empty()) return Fail(kErrorModNotFound);
+    int error = 0;
+    if (!RunMkntfs(program, job, callback, &error)) return Fail(WindowsErrorFromErrno(error));
+    return true;
+  }
 
   // ---- version, rights, shutdown -----------------------------------------
   bool GetVersionEx(OsVersion* out) override {

@@ -234,6 +234,20 @@ uint8_t LayoutTypeFromBootSector(const uint8_t* sector, size_t size) {
   return 0x00;
 }
 
+bool ParseSysfsNumber(const std::string& text, uint64_t* number) {
+  const std::string digits = TrimSysfsText(text);
+  if (digits.empty()) return false;
+  uint64_t value = 0;
+  for (char c : digits) {
+    if (c < '0' || c > '9') return false;
+    if (__builtin_mul_overflow(value, 10u, &value) || __builtin_add_overflow(value, static_cast<uint64_t>(c - '0'), &value)) {
+      return false;
+    }
+  }
+  *number = value;
+  return true;
+}
+
 std::string TrimSysfsText(const std::string& text) {
   const char* kBlank = " \t\r\n";
   std::string cut = text.substr(0, text.find('\0'));

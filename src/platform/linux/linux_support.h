@@ -85,6 +85,10 @@ struct DiskIdentity {
 };
 DiskIdentity IdentifyDisk(const DiskFacts& facts, uint32_t index);
 
+// A decimal sysfs number ("2048\n"), blanks and line ends around it
+// allowed; false for anything else or a value beyond 64 bits.
+bool ParseSysfsNumber(const std::string& text, uint64_t* number);
+
 // Trims blanks and line ends from both ends (sysfs pads and ends its texts).
 std::string TrimSysfsText(const std::string& text);
 

@@ -72,6 +72,33 @@ bool IsRemovableDisk(const std::string& blockDir) {
   return flag == "1";
 }
 
+std::string FindPartitionName(const std::string& sysRoot, const std::string& name, uint64_t startLba,
+                              uint64_t sectorCount) {
+  const std::string diskDir = sysRoot + "/block/" + name;
+  DIR* dir = ::opendir(diskDir.c_str());
+  if (dir == nullptr) return std::string();
+  // A disk has at most a few hundred partitions; the cap bounds a strange tree.
+  constexpr int kMaxEntries = 4096;
+  std::string found;
+  for (int i = 0; i < kMaxEntries && found.empty(); ++i) {
+    dirent* entry = ::readdir(dir);
+    if (entry == nullptr) break;
+    const std::string child = entry->d_name;
+    if (child == "." || child == ".." || child.find('/') != std::string::npos) continue;
+    const std::string childDir = diskDir + "/" + child;
+    // Only partitions have a "partition" attribute.
+    if (TrimSysfsText(ReadSysfsText(childDir + "/partition")).empty()) continue;
+    uint64_t start = 0;
+    uint64_t size = 0;
+    if (ParseSysfsNumber(ReadSysfsText(childDir + "/start"), &start) &&
+        ParseSysfsNumber(ReadSysfsText(childDir + "/size"), &size) && start == startLba && size == sectorCount) {
+      found = child;
+    }
+  }
+  ::closedir(dir);
+  return found;
+}
+
 std::string BlockDirOfDevice(const std::string& sysRoot, uint32_t major, uint32_t minor) {
   return sysRoot + "/dev/block/" + std::to_string(major) + ":" + std::to_string(minor);
 }

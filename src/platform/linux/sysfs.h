@@ -25,6 +25,12 @@ DiskFacts ReadDiskFacts(const std::string& sysRoot, const std::string& name);
 // A partition's directory holds no flag of its own: its disk's is used.
 bool IsRemovableDisk(const std::string& blockDir);
 
+// The partition of disk `name` that starts at `startLba` and holds
+// `sectorCount` sectors (sysfs counts in 512-byte units): its block name
+// ("sdb1", "nvme0n1p2"); empty when the kernel knows no such partition.
+std::string FindPartitionName(const std::string& sysRoot, const std::string& name, uint64_t startLba,
+                              uint64_t sectorCount);
+
 // <sysRoot>/dev/block/<major>:<minor>: the sysfs directory of a device node.
 std::string BlockDirOfDevice(const std::string& sysRoot, uint32_t major, uint32_t minor);
 

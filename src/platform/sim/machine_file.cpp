@@ -352,7 +352,9 @@ class Parser {
       if (Number(key, value, 4, &n)) out_->negativeNumber = static_cast<uint32_t>(n);
     } else if (key == "formatengine") {
       const std::string v = Lower(value);
-      if (v == "none") {
+      if (v == "mkntfs") {
+        out_->formatEngine = FormatEngineMode::Mkntfs;
+      } else if (v == "none") {
         out_->formatEngine = FormatEngineMode::None;
       } else if (v == "noentry") {
         out_->formatEngine = FormatEngineMode::NoEntry;
@@ -361,7 +363,7 @@ class Parser {
       } else if (v == "fail") {
         out_->formatEngine = FormatEngineMode::Fail;
       } else {
-        Fail("bad value for formatengine: \"" + value + "\" (none, noentry, ok or fail)");
+        Fail("bad value for formatengine: \"" + value + "\" (mkntfs, none, noentry, ok or fail)");
       }
     } else if (key == "shutdownlog") {
       out_->shutdownLog = value.empty() ? std::string() : ResolveMachinePath(path_, value);

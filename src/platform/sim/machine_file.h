@@ -27,8 +27,10 @@ namespace dh::platform::sim {
 
 enum class MediaKind { Fixed, Removable, Absent };
 
-// What LoadFormatEngine and FormatEx do.
-enum class FormatEngineMode { None, NoEntry, Ok, Fail };
+// What LoadFormatEngine and FormatEx do: the host's mkntfs (the default),
+// or, for fault tests, an engine that is missing, lacks its entry point,
+// or only reports success or failure without formatting.
+enum class FormatEngineMode { Mkntfs, None, NoEntry, Ok, Fail };
 
 // What the token elevation query answers; Unknown makes the query fail, as
 // when the token cannot be opened.
@@ -84,7 +86,7 @@ struct MachineDescription {
   std::string grouping = "3;0";  // as LOCALE_SGROUPING gives it
   uint32_t leadingZero = 1;
   uint32_t negativeNumber = 1;
-  FormatEngineMode formatEngine = FormatEngineMode::None;
+  FormatEngineMode formatEngine = FormatEngineMode::Mkntfs;
   std::string shutdownLog;  // resolved path; empty: no log
   bool shutdownPrivilege = true;
   // The machine's environment ("systemdrive" included), names as written.

@@ -1,6 +1,6 @@
 // The simulated machine.  Nothing here is performed on the host beyond
-// reading and writing the image files and the shutdown log: no shutdown, no
-// format, no host environment, no host registry.
+// reading and writing the image files and the shutdown log, and mkntfs for
+// `format`: no shutdown, no host environment, no host registry.
 #include "platform/sim/sim_machine.h"
 
 #include <cstdio>
@@ -10,6 +10,7 @@
 
 #include "base/le.h"
 #include "platform/common/number_format.h"
+#include "platform/common/staged_format.h"
 #include "platform/common/system_messages.h"
 #include "platform/sim/sim_drive.h"
 
@@ -227,17 +228,27 @@ class SimMachine : public Machine {
     switch (d_.formatEngine) {
       case FormatEngineMode::None: Fail(kErrorModuleNotFound); return FormatEngineState::LibraryMissing;
       case FormatEngineMode::NoEntry: Fail(kErrorProcNotFound); return FormatEngineState::EntryMissing;
+      case FormatEngineMode::Mkntfs:
+        if (NtfsFormatterPresent()) return FormatEngineState::Ready;
+        return FormatEngineState::LibraryMissing;
       default: return FormatEngineState::Ready;
     }
   }
 
   bool FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, const std::u16string& fileSystem,
                 const std::u16string& label, bool quick, uint32_t clusterSize,
-                const FormatCallback& callback) override {
+                const FormatCallback& callback, const FormatPlace& place) override {
     if (d_.formatEngine == FormatEngineMode::None) return Fail(kErrorModuleNotFound);
     if (d_.formatEngine == FormatEngineMode::NoEntry) return Fail(kErrorProcNotFound);
-    // Tell the tester what would have been formatted; the image is never
-    // touched.
+    // The real engine: a drive's image is a host file the program writes
+    // through the disk's own device, so the volume is staged and handed
+    // back to be written there.
+    if (d_.formatEngine == FormatEngineMode::Mkntfs) {
+      if (!FormatStaged(*native_, Narrow(label), place, callback)) return Fail(native_->LastError());
+      return true;
+    }
+    // The fault engines tell the tester what would have been formatted;
+    // the image is never touched.
     std::fprintf(stderr,
                  "diskhold: format requested (root \"%s\", file system \"%s\", label \"%s\", media %u, quick %d, "
                  "cluster %u), simulated machine: not performed\n",
@@ -259,6 +270,17 @@ class SimMachine : public Machine {
   }
 
   void PumpOneMessage() override {}
+
+  // mkntfs runs on the host, on host files only.
+  bool NtfsFormatterPresent() override {
+    if (native_->NtfsFormatterPresent()) return true;
+    return Fail(kErrorModuleNotFound);
+  }
+
+  bool RunNtfsFormatter(const NtfsFormatJob& job, const FormatCallback& callback) override {
+    if (native_->RunNtfsFormatter(job, callback)) return true;
+    return Fail(native_->LastError());
+  }
 
   // ---- version, rights, shutdown -----------------------------------------
 

@@ -158,8 +158,9 @@ class Win32Machine final : public Machine {
   FormatEngineState LoadFormatEngine() override { return formatEngine_.Load(errors_); }
 
   bool FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, const std::u16string& fileSystem,
-                const std::u16string& label, bool quick, uint32_t clusterSize,
-                const FormatCallback& callback) override {
+                const std::u16string& label, bool quick, uint32_t clusterSize, const FormatCallback& callback,
+                const FormatPlace&) override {
+    // FormatEx finds the volume by its name alone.
     return formatEngine_.Run(driveRoot, mediaFlag, fileSystem, label, quick, clusterSize, callback);
   }
 
@@ -168,6 +169,16 @@ class Win32Machine final : public Machine {
     // none, and waiting for one would stop the format.
     MSG message;
     if (::PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE)) ::DispatchMessageA(&message);
+  }
+
+  // Windows formats through FormatEx; mkntfs is not part of it.
+  bool NtfsFormatterPresent() override {
+    *errors_ = ERROR_MOD_NOT_FOUND;
+    return false;
+  }
+  bool RunNtfsFormatter(const NtfsFormatJob&, const FormatCallback&) override {
+    *errors_ = ERROR_MOD_NOT_FOUND;
+    return false;
   }
 
   // ---- version, rights, shutdown -----------------------------------------

@@ -1,0 +1,150 @@
+// mkntfs as the Linux backend runs it: its arguments, its output read for
+// percentages, the partition node found in a sysfs tree of the test's own,
+// and whole runs of stand-in programs that report, succeed and fail.
+#ifdef __linux__
+
+#include "platform/linux/ntfs_formatter.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "platform/linux/sysfs.h"
+
+namespace dh::platform::linux_native {
+namespace {
+
+namespace fs = std::filesystem;
+
+class NtfsFormatterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() / ("dh_mkntfs_" + std::to_string(::getpid()) + "_" +
+                                        ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  void WriteFile(const fs::path& path, const std::string& text, bool executable = false) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+    if (executable) ::chmod(path.c_str(), 0755);
+  }
+
+  fs::path dir_;
+};
+
+TEST_F(NtfsFormatterTest, ArgumentsForAFileAndForADevice) {
+  NtfsFormatJob job;
+  job.path = "/tmp/stage.img";
+  job.hiddenSectors = 2048;
+  job.sectorCount = 65536;
+  job.heads = 255;
+  job.sectorsPerTrack = 63;
+  job.label = "MYLABEL";
+  EXPECT_EQ(MkntfsArguments("mkntfs", job, true),
+            (std::vector<std::string>{"mkntfs", "--quick", "--label", "MYLABEL", "--partition-start", "2048", "--heads",
+                                      "255", "--sectors-per-track", "63", "--force", "--sector-size", "512",
+                                      "/tmp/stage.img", "65536"}));
+  // A device tells its own size; a geometry no boot sector holds is left out.
+  job.path = "/dev/sdb1";
+  job.heads = 256;
+  EXPECT_EQ(MkntfsArguments("mkntfs", job, false),
+            (std::vector<std::string>{"mkntfs", "--quick", "--label", "MYLABEL", "--partition-start", "2048",
+                                      "/dev/sdb1"}));
+  job.path = "-rf";
+  EXPECT_EQ(MkntfsArguments("mkntfs", job, false).back(), "./-rf");
+}
+
+TEST_F(NtfsFormatterTest, PercentagesAndTextFromTheOutput) {
+  MkntfsOutput out;
+  // Counters rewritten with backspaces, split across chunks.
+  std::vector<uint32_t> seen;
+  for (const std::string& chunk : {std::string("Initializing device with zeroes:   0%\b\b\b\b  1"),
+                                   std::string("2%\b\b\b\b 99%\b\b\b\b100%"), std::string(" - Done.\n1000% 7%\n")}) {
+    for (uint32_t p : out.Feed(chunk.data(), chunk.size())) seen.push_back(p);
+  }
+  EXPECT_EQ(seen, (std::vector<uint32_t>{0, 12, 99, 100, 7}));
+  EXPECT_EQ(out.text(), "Initializing device with zeroes:  100% - Done.\n1000% 7%\n");
+  MkntfsOutput big;
+  const std::string flood(100000, 'y');
+  big.Feed(flood.data(), flood.size());
+  EXPECT_EQ(big.text().size(), 4096u);
+}
+
+TEST_F(NtfsFormatterTest, ThePartitionNodeComesFromSysfs) {
+  const fs::path sys = dir_ / "sys";
+  WriteFile(sys / "block/sdb/size", "131072\n");
+  for (auto [name, start, size] : {std::tuple{"sdb1", "2048", "65536"}, std::tuple{"sdb2", "67584", "40960"}}) {
+    WriteFile(sys / "block/sdb" / name / "partition", "1\n");
+    WriteFile(sys / "block/sdb" / name / "start", std::string(start) + "\n");
+    WriteFile(sys / "block/sdb" / name / "size", std::string(size) + "\n");
+  }
+  WriteFile(sys / "block/sdb/queue/start", "2048\n");  // not a partition
+  EXPECT_EQ(FindPartitionName(sys.string(), "sdb", 67584, 40960), "sdb2");
+  EXPECT_EQ(FindPartitionName(sys.string(), "sdb", 2048, 65536), "sdb1");
+  EXPECT_EQ(FindPartitionName(sys.string(), "sdb", 2048, 65535), "");  // the size must match too
+  EXPECT_EQ(FindPartitionName(sys.string(), "sdc", 2048, 65536), "");
+}
+
+TEST_F(NtfsFormatterTest, RunsReportProgressAndTheEnd) {
+  const fs::path good = dir_ / "good";
+  WriteFile(good, "#!/bin/sh\nprintf 'start\\n 40%%\\b\\b\\b\\b 80%%\\n' >&2\necho \"$@\" > \"$0.args\"\n", true);
+  const fs::path bad = dir_ / "bad";
+  WriteFile(bad, "#!/bin/sh\necho 'Error: the device is mounted' >&2\nexit 1\n", true);
+  NtfsFormatJob job;
+  job.path = (dir_ / "volume.img").string();
+  job.label = "MYLABEL";
+  job.sectorCount = 100;
+  WriteFile(job.path, std::string(51200, '\0'));
+
+  std::vector<std::tuple<int, uint32_t, bool>> calls;
+  const FormatCallback record = [&](int command, uint32_t, const FormatCallbackData& data) {
+    calls.emplace_back(command, data.percent, data.success);
+    return true;
+  };
+  int error = 0;
+  ASSERT_TRUE(RunMkntfs(good.string(), job, record, &error));
+  EXPECT_EQ(calls, (std::vector<std::tuple<int, uint32_t, bool>>{
+                       {0, 0, false}, {0, 40, false}, {0, 80, false}, {0, 100, false}, {11, 0, true}}));
+  std::ifstream args(good.string() + ".args");
+  std::string line;
+  std::getline(args, line);
+  EXPECT_EQ(line, "--quick --label MYLABEL --partition-start 0 --force --sector-size 512 " + job.path + " 100");
+
+  calls.clear();
+  ASSERT_TRUE(RunMkntfs(bad.string(), job, record, &error));
+  EXPECT_EQ(calls, (std::vector<std::tuple<int, uint32_t, bool>>{{0, 0, false}, {11, 0, false}}));
+
+  calls.clear();
+  EXPECT_FALSE(RunMkntfs((dir_ / "absent").string(), job, record, &error));
+  EXPECT_EQ(error, ENOENT);
+  EXPECT_TRUE(calls.empty());
+}
+
+TEST_F(NtfsFormatterTest, FindOnPathTakesTheFirstExecutable) {
+  WriteFile(dir_ / "a/tool", "not executable");
+  WriteFile(dir_ / "b/tool", "#!/bin/sh\n", true);
+  WriteFile(dir_ / "c/tool", "#!/bin/sh\n", true);
+  const char* saved = std::getenv("PATH");
+  const std::string keep = saved != nullptr ? saved : "";
+  ::setenv("PATH", ((dir_ / "a").string() + ":" + (dir_ / "b").string() + ":" + (dir_ / "c").string()).c_str(), 1);
+  EXPECT_EQ(FindOnPath("tool"), (dir_ / "b/tool").string());
+  EXPECT_EQ(FindOnPath("none"), "");
+  EXPECT_EQ(FindOnPath("b/tool"), "");  // names only, never paths
+  ::setenv("PATH", keep.c_str(), 1);
+}
+
+}  // namespace
+}  // namespace dh::platform::linux_native
+
+#endif  // __linux__
