@@ -95,13 +95,13 @@ rss() { /usr/bin/time -v bash -c "exec $1" 2>&1 >/dev/null | awk -F': ' '/Maximu
 # bench NAME PREPARE OURS PEER... : each command in turn, `runs` rounds,
 # every run after PREPARE, so all meet the same state of the page cache and
 # the writeback; prints the best times, the ratios and diskhold's peak RSS.
-# A peer is "label=command line"; labels starting with '~' are sparse-aware.
+# A peer is "label|command line"; labels starting with '~' are sparse-aware.
 bench() {
   local name=$1 prepare=$2 ours=$3
   shift 3
   local -a labels=() cmds=() best=()
   local p
-  for p in "$@"; do labels+=("${p%%=*}"); cmds+=("${p#*=}"); best+=(""); done
+  for p in "$@"; do labels+=("${p%%|*}"); cmds+=("${p#*|}"); best+=(""); done
   local a="" i k
   for ((i = 0; i < runs; i++)); do
     eval "$prepare"
@@ -134,10 +134,10 @@ for kind in sparse full; do
 
   bench "save=disk" "rm -f out.bin" \
     "$dh /save=disk /nohdr /filename=out.bin /silent" \
-    "dd=dd if=src.img of=out.bin bs=1M status=none" \
-    "dd conv=fsync=dd if=src.img of=out.bin bs=1M conv=fsync status=none" \
-    "~cp --sparse=always + sync=cp --sparse=always src.img out.bin && sync out.bin" \
-    "~qemu-img convert + sync=qemu-img convert -O raw src.img out.bin && sync out.bin"
+    "dd|dd if=src.img of=out.bin bs=1M status=none" \
+    "dd conv=fsync|dd if=src.img of=out.bin bs=1M conv=fsync status=none" \
+    "~cp --sparse=always + sync|cp --sparse=always src.img out.bin && sync out.bin" \
+    "~qemu-img convert + sync|qemu-img convert -O raw src.img out.bin && sync out.bin"
   "$dh" /save=disk /nohdr /filename=out.bin /silent > /dev/null
   cmp src.img out.bin || { echo "save=disk: the backup differs from the disk" >&2; exit 1; }
   echo "      (backup file: $(du -k out.bin | cut -f1) KiB allocated)"
@@ -145,24 +145,24 @@ for kind in sparse full; do
 
   bench "restore=disk" "blank dst.img" \
     "$dh /restore=disk /disk=1 /filename=backup.bin /confirm /silent" \
-    "dd=dd if=backup.bin of=dst.img bs=1M conv=notrunc status=none" \
-    "dd conv=fsync=dd if=backup.bin of=dst.img bs=1M conv=notrunc,fsync status=none" \
-    "~cp --sparse=always + sync=cp --sparse=always backup.bin dst.img && sync dst.img" \
-    "~qemu-img convert + sync=qemu-img convert -O raw backup.bin dst.img && sync dst.img"
+    "dd|dd if=backup.bin of=dst.img bs=1M conv=notrunc status=none" \
+    "dd conv=fsync|dd if=backup.bin of=dst.img bs=1M conv=notrunc,fsync status=none" \
+    "~cp --sparse=always + sync|cp --sparse=always backup.bin dst.img && sync dst.img" \
+    "~qemu-img convert + sync|qemu-img convert -O raw backup.bin dst.img && sync dst.img"
   blank dst.img
   "$dh" /restore=disk /disk=1 /filename=backup.bin /confirm /silent > /dev/null
   cmp src.img dst.img || { echo "restore=disk: the disk differs from the backup" >&2; exit 1; }
 
   bench "compare" ":" \
     "$dh /compare /source=out.bin /target=backup.bin /silent" \
-    "~cmp=cmp out.bin backup.bin" \
-    "~qemu-img compare=qemu-img compare -f raw -F raw out.bin backup.bin"
+    "~cmp|cmp out.bin backup.bin" \
+    "~qemu-img compare|qemu-img compare -f raw -F raw out.bin backup.bin"
 
   bench "wipe=disk" "cp --sparse=always src.img dst.img && sync dst.img" \
     "$dh /wipe=disk /disk=1 /confirm /silent" \
-    "dd=dd if=/dev/zero of=dst.img bs=1M count=$mib conv=notrunc status=none" \
-    "dd conv=fsync=dd if=/dev/zero of=dst.img bs=1M count=$mib conv=notrunc,fsync status=none" \
-    "~fallocate -p + sync=fallocate --punch-hole --offset 0 --length $bytes dst.img && sync dst.img"
+    "dd|dd if=/dev/zero of=dst.img bs=1M count=$mib conv=notrunc status=none" \
+    "dd conv=fsync|dd if=/dev/zero of=dst.img bs=1M count=$mib conv=notrunc,fsync status=none" \
+    "~fallocate -p + sync|fallocate --punch-hole --offset 0 --length $bytes dst.img && sync dst.img"
   cp --sparse=always src.img dst.img
   "$dh" /wipe=disk /disk=1 /confirm /silent > /dev/null
   cmp -n $bytes dst.img /dev/zero || { echo "wipe=disk: the disk is not all zeros" >&2; exit 1; }

@@ -75,20 +75,22 @@ bool CloseBackupFile(DeviceHandle& file) {
   return ok;
 }
 
-// Puts `count` sectors from `data` at `lba`, as one write would: a chunk
-// of zeros over a hole of the disk that the plan lets us write is already
-// in place; other zeros are zeroed by the medium where it can, and written
-// where it cannot.  `knownZero`: the chunk came from a hole.
+// Puts `count` sectors from `data` at `lba`, as one write would.  Over a
+// hole of the disk that the plan lets us write, zeros are already in place
+// and only the blocks holding data are written; elsewhere a chunk of zeros
+// is zeroed by the medium where it can, and written where it cannot.
+// `knownZero`: the chunk came from a hole.
 bool WriteChunk(DiskSet& disks, HoleMap& diskHoles, uint64_t lba, const uint8_t* data, uint32_t count,
                 bool knownZero) {
   SectorDevice& device = disks.Device();
   const uint64_t offset = lba * kSectorSize;
   const uint32_t bytes = count * kSectorSize;
-  if (knownZero || AllZero(data, bytes)) {
-    const WritePlan* plan = disks.writePlan();
-    if (plan != nullptr && plan->Permits(lba, count) && diskHoles.IsHole(offset, bytes)) return true;
-    if (device.ZeroRange(offset, bytes)) return true;
+  const WritePlan* plan = disks.writePlan();
+  if (plan != nullptr && plan->Permits(lba, count) && diskHoles.IsHole(offset, bytes)) {
+    uint64_t end = 0;
+    return knownZero || WriteSparse(device, offset, data, bytes, &end);
   }
+  if ((knownZero || AllZero(data, bytes)) && device.ZeroRange(offset, bytes)) return true;
   return WriteFull(device, offset, data, bytes);
 }
 
@@ -192,7 +194,8 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
       if (hole) {
         got = chunk * kSectorSize;
       } else {
-        got = ReadFull(disks.Device(), diskOffset, buffer.data(), chunk * kSectorSize);
+        bool failed = false;
+        got = ReadData(disks.Device(), holes, diskOffset, buffer.data(), chunk * kSectorSize, &failed);
       }
       const uint32_t whole = got / kSectorSize;
       if (whole == 0) {
@@ -280,7 +283,7 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
       std::memset(buffer.data(), 0, want);
       got = want;
     } else {
-      got = ReadFull(file, fileOffset, buffer.data(), want, &failed);
+      got = ReadData(file, fileHoles, fileOffset, buffer.data(), want, &failed);
     }
     fileOffset += got;
     if (got == 0) break;

@@ -32,6 +32,41 @@ bool HoleMap::IsHole(uint64_t offset, uint64_t bytes) {
   return offset <= dataStart_ && bytes <= dataStart_ - offset;
 }
 
+bool HoleMap::DataIn(uint64_t offset, uint64_t limit, uint64_t* start, uint64_t* end) {
+  if (offset >= limit) return false;
+  if (IsHole(offset, limit - offset)) return false;
+  // Not all of it is a hole; where the last answer applies, it tells where
+  // the data begins and ends.
+  if (sized_ && limit <= size_ && known_ && !noData_ && offset >= from_ && offset < dataEnd_) {
+    *start = dataStart_ > offset ? dataStart_ : offset;
+    *end = dataEnd_ < limit ? dataEnd_ : limit;
+    return true;
+  }
+  *start = offset;
+  *end = limit;
+  return true;
+}
+
+uint32_t ReadData(SectorDevice& device, HoleMap& holes, uint64_t offset, uint8_t* buffer, uint32_t bytes,
+                  bool* failed) {
+  *failed = false;
+  if (offset > UINT64_MAX - bytes) return ReadFull(device, offset, buffer, bytes, failed);
+  const uint64_t limit = offset + bytes;
+  uint64_t at = offset;
+  while (at < limit) {
+    uint64_t start = 0;
+    uint64_t end = 0;
+    if (!holes.DataIn(at, limit, &start, &end)) start = end = limit;
+    std::memset(buffer + (at - offset), 0, start - at);
+    if (start == limit) break;
+    const uint32_t want = static_cast<uint32_t>(end - start);
+    const uint32_t got = ReadFull(device, start, buffer + (start - offset), want, failed);
+    if (got < want) return static_cast<uint32_t>(start - offset) + got;
+    at = end;
+  }
+  return bytes;
+}
+
 bool AllZero(const uint8_t* data, uint64_t bytes) {
   uint64_t i = 0;
   // Eight words at a time, so that a buffer of data fails at once and one

@@ -21,6 +21,12 @@ class HoleMap {
   // read and a failing sector fails where it is.
   bool IsHole(uint64_t offset, uint64_t bytes);
 
+  // The first range [*start, *end) inside [offset, limit) that may hold
+  // data, everything from `offset` to *start reading as zeros; false when
+  // the whole of [offset, limit) is a hole.  Where the map cannot tell, all
+  // of it is data.
+  bool DataIn(uint64_t offset, uint64_t limit, uint64_t* start, uint64_t* end);
+
  private:
   SectorDevice& device_;
   bool sized_ = false;
@@ -31,6 +37,12 @@ class HoleMap {
   uint64_t dataStart_ = 0;
   uint64_t dataEnd_ = 0;
 };
+
+// Reads `bytes` bytes at `offset` as ReadFull does, reading only the data
+// the map knows of and filling its holes with zeros.  Returns the bytes in
+// place from `offset` on; `*failed` tells a failure from the end.
+uint32_t ReadData(SectorDevice& device, HoleMap& holes, uint64_t offset, uint8_t* buffer, uint32_t bytes,
+                  bool* failed);
 
 // Whether all `bytes` bytes are zero.
 bool AllZero(const uint8_t* data, uint64_t bytes);
