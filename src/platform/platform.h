@@ -87,7 +87,8 @@ class File {
   // `offset` on, so that a failed query never hides data.
   virtual bool NextData(uint64_t offset, uint64_t* start, uint64_t* end);
   // Makes [offset, offset + bytes) read as zeros without writing them:
-  // a hole punched in a file (FSCTL_SET_ZERO_DATA), the device's own zeroing
+  // a file's own zeroing (fallocate ZERO_RANGE or PUNCH_HOLE,
+  // FSCTL_SET_ZERO_DATA, a hole on sparse files), the device's own zeroing
   // (BLKZEROOUT), never a discard whose result is not guaranteed.  False
   // when the file cannot, or the range is not wholly inside it; the caller
   // then writes zeros.  Not durable until Flush.

@@ -151,11 +151,19 @@ class LinuxFile final : public File {
       }
       return true;
     }
-    const off_t at = static_cast<off_t>(offset);
-    const off_t length = static_cast<off_t>(bytes);
-    if (Fallocate(FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, at, length)) return true;
-    if (Fallocate(FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE, at, length)) return true;
-    return FailWithErrno(errno);
+    // Holes already read as zeros; only the data runs inside the range are
+    // zeroed, so that a sparse image stays sparse.
+    const uint64_t limit = offset + bytes;
+    uint64_t at = offset;
+    while (at < limit) {
+      uint64_t start = 0;
+      uint64_t end = 0;
+      if (!NextData(at, &start, &end) || start >= limit) break;
+      if (end > limit) end = limit;
+      if (!ZeroRun(static_cast<off_t>(start), static_cast<off_t>(end - start))) return FailWithErrno(errno);
+      at = end;
+    }
+    return true;
   }
 
  private:
@@ -182,6 +190,13 @@ class LinuxFile final : public File {
       offset_ += static_cast<uint64_t>(n);
     }
     return true;
+  }
+
+  // Zeroing keeps the blocks (as unwritten extents) and costs the file
+  // system far less than freeing them; punching is for those without it.
+  bool ZeroRun(off_t at, off_t length) {
+    return Fallocate(FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE, at, length) ||
+           Fallocate(FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, at, length);
   }
 
   bool Fallocate(int mode, off_t at, off_t length) {
