@@ -49,6 +49,17 @@ bool DeviceHandle::Flush() { return IsOpen() && file_->Flush(); }
 
 bool DeviceHandle::SizeBytes(uint64_t* bytes) { return IsOpen() && file_->Size(bytes); }
 
+bool DeviceHandle::NextData(uint64_t offset, uint64_t* start, uint64_t* end) {
+  if (IsOpen() && canRead) return file_->NextData(offset, start, end);
+  *start = offset;
+  *end = UINT64_MAX;
+  return true;
+}
+
+bool DeviceHandle::ZeroRange(uint64_t offset, uint64_t bytes) {
+  return IsOpen() && canWrite && file_->ZeroRange(offset, bytes);
+}
+
 bool DeviceHandle::ReadAt(uint64_t lba, void* buffer, uint32_t bytes) {
   if (lba > UINT64_MAX / kSectorSize) return false;
   bool failed = false;

@@ -44,6 +44,10 @@ class DeviceHandle : public SectorDevice {
   bool WriteSome(uint64_t offset, const void* buffer, uint32_t bytes, uint32_t* done) override;
   bool Flush() override;
   bool SizeBytes(uint64_t* bytes) override;
+  // The file's own holes and zeroing; a closed handle hides nothing and
+  // zeroes nothing.
+  bool NextData(uint64_t offset, uint64_t* start, uint64_t* end) override;
+  bool ZeroRange(uint64_t offset, uint64_t bytes) override;
 
   platform::File* file() { return file_.get(); }
 

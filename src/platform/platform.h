@@ -79,6 +79,21 @@ class File {
   virtual bool GetDriveLayout(LayoutEntry* first) = 0;
   // IOCTL_DISK_UPDATE_PROPERTIES: asks the system to re-read the table.
   virtual bool UpdateProperties() = 0;
+
+  // Where data may lie at or after `offset` (SEEK_DATA/SEEK_HOLE,
+  // FSCTL_QUERY_ALLOCATED_RANGES): the first range [*start, *end) that may
+  // hold non-zero bytes; everything between `offset` and *start reads as
+  // zeros.  False only when nothing at or after `offset` holds data.  A file
+  // that cannot tell, or whose query fails, answers with everything from
+  // `offset` on, so that a failed query never hides data.
+  virtual bool NextData(uint64_t offset, uint64_t* start, uint64_t* end);
+  // Makes [offset, offset + bytes) read as zeros without writing them:
+  // a file's own zeroing (fallocate ZERO_RANGE or PUNCH_HOLE,
+  // FSCTL_SET_ZERO_DATA, a hole on sparse files), the device's own zeroing
+  // (BLKZEROOUT), never a discard whose result is not guaranteed.  False
+  // when the file cannot, or the range is not wholly inside it; the caller
+  // then writes zeros.  Not durable until Flush.
+  virtual bool ZeroRange(uint64_t offset, uint64_t bytes);
 };
 
 // A file that is no device: every DeviceIoControl query fails, as Windows

@@ -12,6 +12,7 @@
 #include "disk/device.h"
 #include "disk/disk_set.h"
 #include "platform/platform.h"
+#include "sectors/sparse_copy.h"
 
 namespace dh {
 
@@ -72,6 +73,25 @@ bool CloseBackupFile(DeviceHandle& file) {
   bool ok = file.Flush();
   file.Close();
   return ok;
+}
+
+// Puts `count` sectors from `data` at `lba`, as one write would.  Over a
+// hole of the disk that the plan lets us write, zeros are already in place
+// and only the blocks holding data are written; elsewhere a chunk of zeros
+// is zeroed by the medium where it can, and written where it cannot.
+// `knownZero`: the chunk came from a hole.
+bool WriteChunk(DiskSet& disks, HoleMap& diskHoles, uint64_t lba, const uint8_t* data, uint32_t count,
+                bool knownZero) {
+  SectorDevice& device = disks.Device();
+  const uint64_t offset = lba * kSectorSize;
+  const uint32_t bytes = count * kSectorSize;
+  const WritePlan* plan = disks.writePlan();
+  if (plan != nullptr && plan->Permits(lba, count) && diskHoles.IsHole(offset, bytes)) {
+    uint64_t end = 0;
+    return knownZero || WriteSparse(device, offset, data, bytes, &end);
+  }
+  if ((knownZero || AllZero(data, bytes)) && device.ZeroRange(offset, bytes)) return true;
+  return WriteFull(device, offset, data, bytes);
 }
 
 }  // namespace
@@ -135,6 +155,12 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
     return disks.firstError;
   }
   SaveProgress progress(count > kQuietSaveSectors, out);
+  // Runs of zeros are left as holes only in a file that starts empty: a
+  // name that opens something that keeps its bytes (a device) gets every
+  // byte written.
+  uint64_t startSize = 1;
+  const bool sparse = file.SizeBytes(&startSize) && startSize == 0;
+  uint64_t fileEnd = 0;  // the end of what has actually been written
   bool written = true;
   uint64_t fileOffset = 0;
   if (kind != kBackupRaw) {
@@ -142,6 +168,7 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
     FillBackupHeader(disks, header, kind, firstSector, count);
     written = WriteFull(file, 0, header, sizeof header);
     fileOffset = sizeof header;
+    fileEnd = fileOffset;
   }
 
   const bool positioned = firstSector <= UINT64_MAX / kSectorSize;
@@ -152,6 +179,7 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
     disks.RecordError(kBackupReadFailed);
   } else {
     std::vector<uint8_t> buffer(kChunkBytes);
+    HoleMap holes(disks.Device());
     uint64_t done = 0;
     // A short read (the end of the disk) hands over what it has; the next
     // read then fails, so a save never ends with fewer sectors than asked
@@ -161,7 +189,14 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
       const bool lastChunk = left <= kChunkSectors;
       const uint32_t chunk = lastChunk ? static_cast<uint32_t>(left) : kChunkSectors;
       progress.Show(done, count, lastChunk);
-      const uint32_t got = ReadFull(disks.Device(), diskOffset, buffer.data(), chunk * kSectorSize);
+      uint32_t got = 0;
+      const bool hole = holes.IsHole(diskOffset, uint64_t{chunk} * kSectorSize);
+      if (hole) {
+        got = chunk * kSectorSize;
+      } else {
+        bool failed = false;
+        got = ReadData(disks.Device(), holes, diskOffset, buffer.data(), chunk * kSectorSize, &failed);
+      }
       const uint32_t whole = got / kSectorSize;
       if (whole == 0) {
         disks.RecordError(kBackupReadFailed);
@@ -171,12 +206,26 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
       diskOffset += uint64_t{whole} * kSectorSize;
       // Any failed write of the file fails the save, the last one too: a
       // backup that silently lacks its end would restore a damaged disk.
-      if (!WriteFull(file, fileOffset, buffer.data(), whole * kSectorSize)) {
+      const uint32_t bytes = whole * kSectorSize;
+      bool ok = true;
+      if (sparse) {
+        ok = hole || WriteSparse(file, fileOffset, buffer.data(), bytes, &fileEnd);
+      } else {
+        if (hole) std::memset(buffer.data(), 0, bytes);
+        ok = WriteFull(file, fileOffset, buffer.data(), bytes);
+      }
+      if (!ok) {
         disks.RecordError(kBackupWriteFailed);
         break;
       }
-      fileOffset += uint64_t{whole} * kSectorSize;
+      fileOffset += bytes;
     }
+  }
+  // Zeros at the end are part of the file: its last sector is written so
+  // that the file has its full length.
+  if (sparse && fileEnd < fileOffset) {
+    const uint8_t zeros[kSectorSize] = {};
+    if (!WriteFull(file, fileOffset - kSectorSize, zeros, kSectorSize)) disks.RecordError(kBackupWriteFailed);
   }
   progress.End();
   if (!CloseBackupFile(file)) disks.RecordError(kBackupWriteFailed);
@@ -222,10 +271,20 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
   uint64_t target = targetSector;
   bool wroteAny = false;
   uint64_t fileOffset = hasHeader ? backup::kHeaderSize : 0;
+  HoleMap fileHoles(file);
+  HoleMap diskHoles(disks.Device());
   while (remaining > 0) {
     const uint32_t want = remaining < kChunkSectors ? static_cast<uint32_t>(remaining) * kSectorSize : kChunkBytes;
     bool failed = false;
-    const uint32_t got = ReadFull(file, fileOffset, buffer.data(), want, &failed);
+    uint32_t got = 0;
+    // A hole of the file is read as the zeros it holds, without reading.
+    const bool zeros = fileHoles.IsHole(fileOffset, want);
+    if (zeros) {
+      std::memset(buffer.data(), 0, want);
+      got = want;
+    } else {
+      got = ReadData(file, fileHoles, fileOffset, buffer.data(), want, &failed);
+    }
     fileOffset += got;
     if (got == 0) break;
     if (requireMbr && !(buffer[510] == 0x55 && buffer[511] == 0xAA)) {
@@ -239,7 +298,7 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
       // Chunks go to the device and are flushed once at the end; each is
       // placed on its own so that a failed one cannot shift the rest.
       if (target <= UINT64_MAX / kSectorSize &&
-          WriteFull(disks.Device(), target * kSectorSize, buffer.data(), fitting * kSectorSize)) {
+          WriteChunk(disks, diskHoles, target, buffer.data(), fitting, zeros)) {
         wroteAny = true;
       } else {
         disks.RecordError(kWriteFailed);

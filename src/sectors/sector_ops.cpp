@@ -36,12 +36,24 @@ ResultCode WipeArea(DiskSet& disks, uint64_t first, uint64_t last) {
   // but their failure is reported.
   const uint64_t diskLast = disks.totalSectors - 1;
   const uint64_t end = std::min(last, diskLast);
+  // The whole area at once by the medium's own zeroing (a hole punched in
+  // an image, BLKZEROOUT on a drive); where that is refused, chunk by chunk,
+  // and a chunk refused again is written.
+  if (first <= end && end < UINT64_MAX / kSectorSize &&
+      disks.Device().ZeroRange(first * kSectorSize, (end - first + 1) * kSectorSize)) {
+    if (last > diskLast) disks.RecordError(kWriteFailed);
+    if (!disks.Device().Flush()) disks.RecordError(kWriteFailed);
+    return disks.firstError;
+  }
   const std::vector<uint8_t> zeros(kChunkBytes, 0);
   bool wrote = false;
   for (uint64_t lba = first; lba <= end;) {
     const uint64_t left = end - lba;  // sectors after this one
     const uint32_t chunk = left < kChunkSectors ? static_cast<uint32_t>(left) + 1 : kChunkSectors;
-    if (WriteZeros(disks, zeros, lba, chunk)) {
+    if (lba <= UINT64_MAX / kSectorSize - kChunkSectors &&
+        disks.Device().ZeroRange(lba * kSectorSize, uint64_t{chunk} * kSectorSize)) {
+      wrote = true;
+    } else if (WriteZeros(disks, zeros, lba, chunk)) {
       wrote = true;
     } else {
       for (uint32_t i = 0; i < chunk; ++i) {

@@ -116,6 +116,56 @@ class LinuxFile final : public File {
     return true;
   }
 
+  bool NextData(uint64_t offset, uint64_t* start, uint64_t* end) override {
+    // A device has no holes the kernel tells of; every sector is data.
+    if (blockDevice_ || offset > kMaxOffset) return File::NextData(offset, start, end);
+    off_t data = -1;
+    do {
+      data = ::lseek(fd_, static_cast<off_t>(offset), SEEK_DATA);
+    } while (data < 0 && errno == EINTR);
+    if (data < 0) {
+      // ENXIO: no data from here to the end.  Anything else (a file system
+      // without the query) gives no answer, so everything counts as data.
+      if (errno == ENXIO) return false;
+      return File::NextData(offset, start, end);
+    }
+    off_t hole = -1;
+    do {
+      hole = ::lseek(fd_, data, SEEK_HOLE);
+    } while (hole < 0 && errno == EINTR);
+    *start = static_cast<uint64_t>(data);
+    *end = hole > data ? static_cast<uint64_t>(hole) : UINT64_MAX;
+    return true;
+  }
+
+  bool ZeroRange(uint64_t offset, uint64_t bytes) override {
+    if (bytes == 0) return true;
+    if (offset > kMaxOffset || bytes > kMaxOffset - offset) return FailWith(kErrorInvalidParameter);
+    uint64_t size = 0;
+    if (!Size(&size) || offset + bytes > size) return FailWith(kErrorInvalidParameter);
+    if (blockDevice_) {
+      // The device's own zeroing reads back as zeros; a discard need not.
+      uint64_t range[2] = {offset, bytes};
+      while (::ioctl(fd_, BLKZEROOUT, range) != 0) {
+        if (errno != EINTR) return FailWithErrno(errno);
+      }
+      return true;
+    }
+    // Holes already read as zeros; only the data runs inside the range are
+    // zeroed, so that a sparse image stays sparse.
+    const uint64_t limit = offset + bytes;
+    uint64_t at = offset;
+    while (at < limit) {
+      uint64_t start = 0;
+      uint64_t end = 0;
+      if (!NextData(at, &start, &end) || start >= limit) break;
+      if (end > limit) end = limit;
+      if (!ZeroRun(static_cast<off_t>(start), static_cast<off_t>(end - start))) return FailWithErrno(errno);
+      at = end;
+    }
+    return true;
+  }
+
  private:
   bool FailWith(uint32_t code) {
     *lastError_ = code;
@@ -138,6 +188,20 @@ class LinuxFile final : public File {
       if (n == 0) break;
       *moved += static_cast<uint32_t>(n);
       offset_ += static_cast<uint64_t>(n);
+    }
+    return true;
+  }
+
+  // Zeroing keeps the blocks (as unwritten extents) and costs the file
+  // system far less than freeing them; punching is for those without it.
+  bool ZeroRun(off_t at, off_t length) {
+    return Fallocate(FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE, at, length) ||
+           Fallocate(FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, at, length);
+  }
+
+  bool Fallocate(int mode, off_t at, off_t length) {
+    while (::fallocate(fd_, mode, at, length) != 0) {
+      if (errno != EINTR) return false;
     }
     return true;
   }

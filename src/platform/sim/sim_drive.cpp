@@ -109,6 +109,39 @@ class DriveFile : public File {
 
   bool UpdateProperties() override { return true; }
 
+  // The image's holes are the drive's, as long as no bad sector could hide
+  // in them: a drive with bad sectors is all data, so that every read
+  // reaches the sectors that fail.  Past the end is data too, for the same
+  // reason: reads there fail.
+  bool NextData(uint64_t offset, uint64_t* start, uint64_t* end) override {
+    if (drive_.media == MediaKind::Absent || !drive_.badSectors.empty() || offset >= imageBytes_) {
+      return File::NextData(offset, start, end);
+    }
+    uint64_t dataStart = 0;
+    uint64_t dataEnd = 0;
+    if (!image_->NextData(offset, &dataStart, &dataEnd) || dataStart >= imageBytes_) {
+      // Nothing up to the end of the drive; the sectors beyond it fail.
+      *start = imageBytes_;
+      *end = UINT64_MAX;
+      return true;
+    }
+    *start = dataStart < offset ? offset : dataStart;
+    *end = dataEnd > imageBytes_ ? UINT64_MAX : dataEnd;
+    return true;
+  }
+
+  // Zeroing fails where a write would: a bad sector in the range makes the
+  // caller write sector by sector and meet the failures where they are.
+  bool ZeroRange(uint64_t offset, uint64_t bytes) override {
+    if (!writable_) return Fail(kErrorAccessDenied);
+    if (!MediumPresent()) return false;
+    if (bytes == 0) return true;
+    if (offset >= imageBytes_ || bytes > imageBytes_ - offset) return Fail(kErrorSectorNotFound);
+    if (TouchesBadSector(drive_.badSectors, offset, bytes)) return Fail(kErrorCrc);
+    if (!image_->ZeroRange(offset, bytes)) return FailFromNative();
+    return true;
+  }
+
  private:
   bool Fail(uint32_t code) {
     errors_->lastError = code;

@@ -136,6 +136,10 @@ class HostFile : public File {
   bool GetDriveLayoutEx(LayoutEntry* first) override { return Check(file_->GetDriveLayoutEx(first)); }
   bool GetDriveLayout(LayoutEntry* first) override { return Check(file_->GetDriveLayout(first)); }
   bool UpdateProperties() override { return Check(file_->UpdateProperties()); }
+  bool NextData(uint64_t offset, uint64_t* start, uint64_t* end) override {
+    return file_->NextData(offset, start, end);
+  }
+  bool ZeroRange(uint64_t offset, uint64_t bytes) override { return Check(file_->ZeroRange(offset, bytes)); }
 
  private:
   bool Check(bool ok) {

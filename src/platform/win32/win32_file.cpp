@@ -117,6 +117,57 @@ class Win32File final : public File {
     return true;
   }
 
+  bool NextData(uint64_t offset, uint64_t* start, uint64_t* end) override {
+    uint64_t size = 0;
+    const uint64_t maxOffset = static_cast<uint64_t>(std::numeric_limits<LONGLONG>::max());
+    if (offset > maxOffset || !Size(&size) || offset >= size) return File::NextData(offset, start, end);
+    FILE_ALLOCATED_RANGE_BUFFER query;
+    query.FileOffset.QuadPart = static_cast<LONGLONG>(offset);
+    query.Length.QuadPart = static_cast<LONGLONG>(size - offset);
+    FILE_ALLOCATED_RANGE_BUFFER found[1];
+    DWORD returned = 0;
+    // One range is all a caller needs; more of them is not a failure.
+    if (!::DeviceIoControl(handle_, FSCTL_QUERY_ALLOCATED_RANGES, &query, sizeof query, found, sizeof found,
+                           &returned, nullptr) &&
+        ::GetLastError() != ERROR_MORE_DATA) {
+      // A device, or a file system without the query: all of it is data.
+      return File::NextData(offset, start, end);
+    }
+    if (returned < sizeof found[0]) return false;
+    if (found[0].FileOffset.QuadPart < 0 || found[0].Length.QuadPart <= 0) return File::NextData(offset, start, end);
+    const uint64_t first = static_cast<uint64_t>(found[0].FileOffset.QuadPart);
+    const uint64_t length = static_cast<uint64_t>(found[0].Length.QuadPart);
+    *start = first < offset ? offset : first;
+    *end = length > UINT64_MAX - first ? UINT64_MAX : first + length;
+    return true;
+  }
+
+  bool ZeroRange(uint64_t offset, uint64_t bytes) override {
+    if (bytes == 0) return true;
+    uint64_t size = 0;
+    if (!Size(&size) || offset > size || bytes > size - offset) {
+      *errors_ = ERROR_INVALID_PARAMETER;
+      return false;
+    }
+    FILE_ZERO_DATA_INFORMATION zero;
+    zero.FileOffset.QuadPart = static_cast<LONGLONG>(offset);
+    zero.BeyondFinalZero.QuadPart = static_cast<LONGLONG>(offset + bytes);
+    DWORD returned = 0;
+    // On a sparse file the range becomes a hole; on any other file the file
+    // system writes the zeros itself.  Disks refuse the call.
+    if (!::DeviceIoControl(handle_, FSCTL_SET_ZERO_DATA, &zero, sizeof zero, nullptr, 0, &returned, nullptr)) {
+      return Fail(errors_);
+    }
+    return true;
+  }
+
+  // Files the program creates are sparse, so that the runs of zeros it
+  // leaves unwritten take no room.
+  void MakeSparse() {
+    DWORD returned = 0;
+    ::DeviceIoControl(handle_, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr);
+  }
+
  private:
   bool Control(DWORD code, uint8_t* buffer, DWORD size, DWORD* returned) {
     if (!::DeviceIoControl(handle_, code, nullptr, 0, buffer, size, returned, nullptr)) return Fail(errors_);
@@ -173,7 +224,9 @@ std::unique_ptr<File> OpenFile(const std::string& path, OpenMode mode, const Err
     Fail(errors);
     return nullptr;
   }
-  return std::make_unique<Win32File>(handle, errors);
+  auto file = std::make_unique<Win32File>(handle, errors);
+  if (mode == OpenMode::CreateAlways) file->MakeSparse();
+  return file;
 }
 
 }  // namespace dh::platform::win32
