@@ -174,7 +174,7 @@ void DiskSet::LoadSector0() {
   if (isVirtual) {
     // A virtual disk's sector 0 without 55 AA counts as empty.
     uint8_t image[kSectorSize] = {};
-    if (ReadFull(Device(), 0, image, kSectorSize) == kSectorSize && image[510] == 0x55 && image[511] == 0xAA) {
+    if (ReadFull(Device(), 0, image, kSectorSize) == kSectorSize && mbr::HasBootSignature(image)) {
       std::memcpy(sector0, image, kSectorSize);
     }
   } else {
@@ -202,7 +202,7 @@ void DiskSet::LoadSector0() {
   } else {
     diskKindText = "None";
   }
-  if (sector0[510] == 0x55 && sector0[511] == 0xAA) {
+  if (mbr::HasBootSignature(sector0)) {
     if (diskKindText == "None") diskKindText = "MBR";
   } else {
     bootSignatureValid = false;

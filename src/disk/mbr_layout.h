@@ -31,6 +31,23 @@ constexpr size_t kEntryFirstSector = 8;
 constexpr size_t kEntrySectorCount = 12;
 constexpr uint8_t kActiveFlag = 0x80;
 constexpr uint8_t kGptProtectiveType = 0xEE;
+
+// Whether a sector ends in the boot signature 55 AA.
+inline bool HasBootSignature(const uint8_t* sector) {
+  return sector[kBootSignatureOffset] == 0x55 && sector[kBootSignatureOffset + 1] == 0xAA;
+}
+
+// The type bytes of the file systems the system mounts with drive letters.
+// The GPT driver applies the same test to the file-system number it keeps
+// as a record's type.
+inline bool IsDriveLetterType(uint32_t type) {
+  switch (type) {
+    case 0x01: case 0x04: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0D: case 0x0E:
+      return true;
+    default:
+      return false;
+  }
+}
 }  // namespace mbr
 
 }  // namespace dh

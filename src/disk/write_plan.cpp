@@ -57,7 +57,7 @@ std::vector<SectorRange> KnownPartitionSectors(DiskSet& disks) {
   std::vector<SectorRange> out;
   // The MBR entries of sector 0: a protective entry covers the whole disk
   // and stands for the GPT, whose own entries count instead.
-  if (disks.sector0[mbr::kBootSignatureOffset] == 0x55 && disks.sector0[mbr::kBootSignatureOffset + 1] == 0xAA) {
+  if (mbr::HasBootSignature(disks.sector0)) {
     for (size_t slot = 0; slot < mbr::kSlotCount; ++slot) {
       const uint8_t* e = disks.sector0 + mbr::kEntryOffset + mbr::kEntrySize * slot;
       const uint8_t type = e[mbr::kEntryType];

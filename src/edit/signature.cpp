@@ -15,10 +15,6 @@ namespace dh {
 
 namespace {
 
-bool HasBootMarker(const uint8_t* sector) {
-  return sector[mbr::kBootSignatureOffset] == 0x55 && sector[mbr::kBootSignatureOffset + 1] == 0xAA;
-}
-
 SignatureBytes SignatureOf(const uint8_t* sector) {
   SignatureBytes bytes;
   std::memcpy(bytes.data(), sector + mbr::kDiskSignatureOffset, bytes.size());
@@ -38,7 +34,7 @@ int HexValue(char c) {
 bool ReloadImage(DiskSet& disks) {
   std::memset(disks.sector0, 0, sizeof disks.sector0);
   if (ReadSector(disks, 0, disks.sector0) != kSuccess) return false;
-  if (HasBootMarker(disks.sector0)) {
+  if (mbr::HasBootSignature(disks.sector0)) {
     disks.LoadDisk(false);
   } else {
     disks.RecordError(kNoMbrHere);

@@ -221,12 +221,7 @@ std::vector<SectorRange> GptTable::OccupiedSectors() {
 }
 
 bool GptTable::MayHaveDriveLetter(const PartitionRecord& record) const {
-  switch (record.type) {
-    case 0x01: case 0x04: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0D: case 0x0E:
-      return true;
-    default:
-      return false;
-  }
+  return mbr::IsDriveLetterType(static_cast<uint32_t>(record.type));
 }
 
 const char* GptTable::BackupStatusText() const {
@@ -360,7 +355,7 @@ namespace {
 // (one whose GPT was wiped, say), never over an MBR partition table.
 bool HoldsNoPartitionTable(const DiskSet& disks) {
   const uint8_t* s = disks.sector0;
-  if (s[mbr::kBootSignatureOffset] != 0x55 || s[mbr::kBootSignatureOffset + 1] != 0xAA) return true;
+  if (!mbr::HasBootSignature(s)) return true;
   for (size_t slot = 0; slot < mbr::kSlotCount; ++slot) {
     if (s[mbr::kEntryOffset + mbr::kEntrySize * slot + mbr::kEntryType] != 0) return false;
   }
@@ -412,7 +407,7 @@ ResultCode RestoreGptImage(DiskSet& disks, const std::string& file) {
   // Onto a disk without a partition table only a whole GPT goes: its
   // protective MBR must be one.
   const uint8_t* mbrSector = data.data();
-  if (blankDisk && (mbrSector[mbr::kBootSignatureOffset] != 0x55 || mbrSector[mbr::kBootSignatureOffset + 1] != 0xAA ||
+  if (blankDisk && (!mbr::HasBootSignature(mbrSector) ||
                     mbrSector[mbr::kSlot0TypeOffset] != mbr::kGptProtectiveType)) {
     return kNotGptDisk;
   }

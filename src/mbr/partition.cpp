@@ -264,7 +264,7 @@ bool QueryDriveLayout(DeviceHandle& device, DriveLayoutResult* out) {
 }
 
 bool PartitionTable::MayHaveDriveLetter(const PartitionRecord& record) const {
-  return IsDriveLetterType(static_cast<uint32_t>(record.type));
+  return mbr::IsDriveLetterType(static_cast<uint32_t>(record.type));
 }
 
 namespace {

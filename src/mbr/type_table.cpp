@@ -151,13 +151,4 @@ bool IsHideableType(uint32_t type) {
   }
 }
 
-bool IsDriveLetterType(uint32_t type) {
-  switch (type) {
-    case 0x01: case 0x04: case 0x06: case 0x07: case 0x0B: case 0x0C: case 0x0D: case 0x0E:
-      return true;
-    default:
-      return false;
-  }
-}
-
 }  // namespace dh

@@ -25,7 +25,7 @@ bool IsExtendedType(uint32_t type);
 bool IsHiddenTypeByRule(uint32_t type);
 // The nine visible types that hiding knows (hiding sets bit 0x10).
 bool IsHideableType(uint32_t type);
-// The types whose volumes the system gives drive letters.
-bool IsDriveLetterType(uint32_t type);
+// (The drive-letter types live with the MBR layout: both table drivers use
+// them.)
 
 }  // namespace dh

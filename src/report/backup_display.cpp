@@ -10,6 +10,7 @@
 #include "disk/backup_file.h"
 #include "disk/device.h"
 #include "disk/disk_set.h"
+#include "disk/mbr_layout.h"
 #include "disk/volume.h"
 #include "platform/platform.h"
 #include "report/format.h"
@@ -29,8 +30,6 @@ bool BytesAre(const uint8_t* bytes, size_t size, size_t offset, const char* text
   const size_t length = std::strlen(text);
   return offset + length <= size && std::memcmp(bytes + offset, text, length) == 0;
 }
-
-bool HasBootMarker(const uint8_t* sector) { return sector[510] == 0x55 && sector[511] == 0xAA; }
 
 // The word for a raw one-sector file.
 const char* RawSectorWord(const uint8_t* s) {
@@ -67,7 +66,7 @@ void PrintHeaderBlock(Sink& out, DiskSet& disks, const BackupHeader& h, const st
   out.Printf("\n    Disk Model:     %s", h.diskModel.c_str());
   out.Printf("\n    Disk Size:      %s", FormatSizeText(DiskBytes(h.diskSectors)).c_str());
   out.Printf("\n    Partitions:     %d", h.partitionCount);
-  out.Printf("\n    Valid MBR:      %s", HasBootMarker(disks.sector0) ? "Yes" : "No");
+  out.Printf("\n    Valid MBR:      %s", mbr::HasBootSignature(disks.sector0) ? "Yes" : "No");
   out.Printf("\n\n File Contents:     ");
   const int64_t first = static_cast<int64_t>(h.firstSector);
   const int64_t count = static_cast<int64_t>(h.sectorCount);
@@ -104,10 +103,10 @@ ResultCode PrintRawFile(Sink& out, uint64_t size, const uint8_t* firstSector) {
   out.Printf("\n File Version:  2.0");
   if (size == kSectorSize) {
     out.Printf("\n File Content:  %s", RawSectorWord(firstSector));
-    out.Printf("\n Valid MBR:     %s", HasBootMarker(firstSector) ? "Yes" : "No");
+    out.Printf("\n Valid MBR:     %s", mbr::HasBootSignature(firstSector) ? "Yes" : "No");
   } else if (size == kTrack0FileSize) {
     out.Printf("\n File Content:  Track0");
-    if (HasBootMarker(firstSector)) {
+    if (mbr::HasBootSignature(firstSector)) {
       out.Printf("\n Valid MBR:     Yes");
     } else {
       return kFileNotMbr;

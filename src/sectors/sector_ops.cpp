@@ -8,6 +8,7 @@
 #include "disk/backup_file.h"
 #include "disk/device.h"
 #include "disk/disk_set.h"
+#include "disk/mbr_layout.h"
 #include "mbr/partition.h"
 #include "sectors/save_restore.h"
 
@@ -20,8 +21,6 @@ namespace {
 bool WriteZeros(DiskSet& disks, const std::vector<uint8_t>& zeros, uint64_t lba, uint32_t count) {
   return lba <= UINT64_MAX / kSectorSize && WriteFull(disks.Device(), lba * kSectorSize, zeros.data(), count * kSectorSize);
 }
-
-bool HasBootMarker(const uint8_t* sector) { return sector[510] == 0x55 && sector[511] == 0xAA; }
 
 }  // namespace
 
@@ -110,7 +109,7 @@ ResultCode CompareItems(DiskSet& disks, const CompareSide& source, const Compare
 ResultCode ReadSectorIntoImage(DiskSet& disks, uint64_t sector, bool requireMarker) {
   std::memset(disks.sector0, 0, sizeof disks.sector0);
   const ResultCode read = ReadSector(disks, sector, disks.sector0);
-  if (!requireMarker || HasBootMarker(disks.sector0)) {
+  if (!requireMarker || mbr::HasBootSignature(disks.sector0)) {
     disks.LoadImageTable();
     return read;
   }

@@ -16,7 +16,7 @@ namespace dh {
 
 // What the disk set takes from it (VirtualDisk): the geometry, size and
 // texts, and `device`, the whole virtual disk, every extent mapped, as one
-// file (the data file of the spec's terms).
+// file (what a flat disk keeps in its data file).
 class VmdkDisk : public VirtualDisk {
  public:
   VmdkDisk() = default;
