@@ -60,6 +60,17 @@ bool DeviceHandle::ZeroRange(uint64_t offset, uint64_t bytes) {
   return IsOpen() && canWrite && file_->ZeroRange(offset, bytes);
 }
 
+void DeviceHandle::StartWriteback(uint64_t offset, uint64_t bytes) {
+  if (IsOpen() && canWrite) file_->StartWriteback(offset, bytes);
+}
+
+platform::File* DeviceHandle::CloneSource() { return IsOpen() && canRead ? file_->CloneSource() : nullptr; }
+
+bool DeviceHandle::CloneFrom(SectorDevice& source, uint64_t from, uint64_t to, uint64_t bytes) {
+  platform::File* sourceFile = source.CloneSource();
+  return sourceFile != nullptr && IsOpen() && canWrite && file_->CloneFrom(*sourceFile, from, to, bytes);
+}
+
 bool DeviceHandle::ReadAt(uint64_t lba, void* buffer, uint32_t bytes) {
   if (lba > UINT64_MAX / kSectorSize) return false;
   bool failed = false;

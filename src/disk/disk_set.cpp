@@ -86,6 +86,13 @@ bool DiskSet::Guard::NextData(uint64_t offset, uint64_t* start, uint64_t* end) {
 bool DiskSet::Guard::ZeroRange(uint64_t offset, uint64_t bytes) {
   return Permitted(offset, bytes) && owner_.RawDevice().ZeroRange(offset, bytes);
 }
+void DiskSet::Guard::StartWriteback(uint64_t offset, uint64_t bytes) {
+  owner_.RawDevice().StartWriteback(offset, bytes);
+}
+platform::File* DiskSet::Guard::CloneSource() { return owner_.RawDevice().CloneSource(); }
+bool DiskSet::Guard::CloneFrom(SectorDevice& source, uint64_t from, uint64_t to, uint64_t bytes) {
+  return Permitted(to, bytes) && owner_.RawDevice().CloneFrom(source, from, to, bytes);
+}
 
 uint64_t DiskSet::SectorsOnDisk(uint64_t lba, uint64_t count) const {
   if (totalSectors == 0) return count;

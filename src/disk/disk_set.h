@@ -131,6 +131,9 @@ class DiskSet {
     bool SizeBytes(uint64_t* bytes) override;
     bool NextData(uint64_t offset, uint64_t* start, uint64_t* end) override;
     bool ZeroRange(uint64_t offset, uint64_t bytes) override;
+    void StartWriteback(uint64_t offset, uint64_t bytes) override;
+    platform::File* CloneSource() override;
+    bool CloneFrom(SectorDevice& source, uint64_t from, uint64_t to, uint64_t bytes) override;
 
    private:
     bool Permitted(uint64_t offset, uint64_t bytes) const;

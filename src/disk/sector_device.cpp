@@ -12,6 +12,12 @@ bool SectorDevice::NextData(uint64_t offset, uint64_t* start, uint64_t* end) {
 
 bool SectorDevice::ZeroRange(uint64_t, uint64_t) { return false; }
 
+void SectorDevice::StartWriteback(uint64_t, uint64_t) {}
+
+platform::File* SectorDevice::CloneSource() { return nullptr; }
+
+bool SectorDevice::CloneFrom(SectorDevice&, uint64_t, uint64_t, uint64_t) { return false; }
+
 uint32_t ReadFull(SectorDevice& device, uint64_t offset, void* buffer, uint32_t bytes, bool* failed) {
   uint8_t* p = static_cast<uint8_t*>(buffer);
   uint32_t total = 0;

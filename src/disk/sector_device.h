@@ -9,6 +9,10 @@
 
 namespace dh {
 
+namespace platform {
+class File;
+}
+
 class SectorDevice {
  public:
   virtual ~SectorDevice() = default;
@@ -34,6 +38,19 @@ class SectorDevice {
   // zeros, where the medium can (holes in image files, the device's own
   // zeroing).  False when the device cannot; the caller then writes zeros.
   virtual bool ZeroRange(uint64_t offset, uint64_t bytes);
+
+  // Starts writing [offset, offset + bytes) to the medium while a bulk
+  // transfer goes on; durable only after Flush.  A hint a device may ignore.
+  virtual void StartWriteback(uint64_t offset, uint64_t bytes);
+
+  // The host file that holds this device's bytes at the device's own
+  // offsets, for the file system to share its blocks; nullptr when there is
+  // none.
+  virtual platform::File* CloneSource();
+  // Makes [to, to + bytes) of this device hold [from, from + bytes) of
+  // `source` by sharing the file system's blocks.  False when it cannot;
+  // the caller then reads and writes.
+  virtual bool CloneFrom(SectorDevice& source, uint64_t from, uint64_t to, uint64_t bytes);
 };
 
 // Reads until `bytes` bytes are in, the data ends or a transfer fails.

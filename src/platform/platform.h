@@ -94,6 +94,24 @@ class File {
   // when the file cannot, or the range is not wholly inside it; the caller
   // then writes zeros.  Not durable until Flush.
   virtual bool ZeroRange(uint64_t offset, uint64_t bytes);
+
+  // Asks the system to start writing [offset, offset + bytes) to the medium
+  // now (sync_file_range), so that a bulk transfer's writeback runs while it
+  // goes on instead of all at its Flush.  A hint: nothing is durable until
+  // Flush, and a file that cannot start early does nothing.
+  virtual void StartWriteback(uint64_t offset, uint64_t bytes);
+
+  // The host file whose bytes at every offset are this file's bytes at the
+  // same offset, for the file system's own copying; nullptr when there is
+  // none (a layout of several files, a drive whose faults must show).
+  virtual File* CloneSource();
+  // Makes [to, to + bytes) of this file hold the bytes of [from, from +
+  // bytes) of `source` by the file system sharing its blocks (FICLONERANGE),
+  // without reading or writing them.  False when it cannot (another file
+  // system, offsets not on block boundaries, overlapping ranges); the caller
+  // then copies by reading and writing.  A refusal is no failure: it leaves
+  // the last error as it was.  Not durable until Flush.
+  virtual bool CloneFrom(File& source, uint64_t from, uint64_t to, uint64_t bytes);
 };
 
 // A file that is no device: every DeviceIoControl query fails, as Windows

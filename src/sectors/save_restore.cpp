@@ -180,6 +180,10 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
   } else {
     std::vector<uint8_t> buffer(kChunkBytes);
     HoleMap holes(disks.Device());
+    // A new file on the disk's own file system may share the disk's blocks
+    // instead of copying them; the first refusal ends the attempts.
+    uint64_t diskBytes = 0;
+    bool clone = sparse && disks.Device().SizeBytes(&diskBytes);
     uint64_t done = 0;
     // A short read (the end of the disk) hands over what it has; the next
     // read then fails, so a save never ends with fewer sectors than asked
@@ -190,10 +194,19 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
       const uint32_t chunk = lastChunk ? static_cast<uint32_t>(left) : kChunkSectors;
       progress.Show(done, count, lastChunk);
       uint32_t got = 0;
-      const bool hole = holes.IsHole(diskOffset, uint64_t{chunk} * kSectorSize);
+      const uint32_t chunkBytes = chunk * kSectorSize;
+      const bool hole = holes.IsHole(diskOffset, chunkBytes);
       if (hole) {
-        got = chunk * kSectorSize;
+        got = chunkBytes;
+      } else if (clone && diskOffset <= diskBytes && chunkBytes <= diskBytes - diskOffset &&
+                 file.CloneFrom(disks.Device(), diskOffset, fileOffset, chunkBytes)) {
+        done += chunk;
+        diskOffset += chunkBytes;
+        fileOffset += chunkBytes;
+        fileEnd = fileOffset;
+        continue;
       } else {
+        clone = false;
         bool failed = false;
         got = ReadData(disks.Device(), holes, diskOffset, buffer.data(), chunk * kSectorSize, &failed);
       }
@@ -218,6 +231,7 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
         disks.RecordError(kBackupWriteFailed);
         break;
       }
+      if (!hole) file.StartWriteback(fileOffset, bytes);
       fileOffset += bytes;
     }
   }
@@ -273,12 +287,30 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
   uint64_t fileOffset = hasHeader ? backup::kHeaderSize : 0;
   HoleMap fileHoles(file);
   HoleMap diskHoles(disks.Device());
+  // Where the file and the disk share a file system that can, the disk's
+  // blocks are made to share the file's instead of being copied; the first
+  // refusal ends the attempts.  An MBR restore reads its sector to check it.
+  uint64_t fileBytes = 0;
+  bool clone = !requireMbr && file.SizeBytes(&fileBytes);
   while (remaining > 0) {
     const uint32_t want = remaining < kChunkSectors ? static_cast<uint32_t>(remaining) * kSectorSize : kChunkBytes;
     bool failed = false;
     uint32_t got = 0;
     // A hole of the file is read as the zeros it holds, without reading.
     const bool zeros = fileHoles.IsHole(fileOffset, want);
+    if (!zeros && clone) {
+      const uint32_t sectors = want / kSectorSize;
+      if (fileOffset <= fileBytes && want <= fileBytes - fileOffset && target <= UINT64_MAX / kSectorSize &&
+          disks.SectorsOnDisk(target, sectors) == sectors && sectors <= UINT64_MAX - target &&
+          disks.Device().CloneFrom(file, fileOffset, target * kSectorSize, want)) {
+        wroteAny = true;
+        fileOffset += want;
+        target += sectors;
+        remaining -= sectors;
+        continue;
+      }
+      clone = false;
+    }
     if (zeros) {
       std::memset(buffer.data(), 0, want);
       got = want;
@@ -299,6 +331,7 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
       // placed on its own so that a failed one cannot shift the rest.
       if (target <= UINT64_MAX / kSectorSize &&
           WriteChunk(disks, diskHoles, target, buffer.data(), fitting, zeros)) {
+        if (!zeros) disks.Device().StartWriteback(target * kSectorSize, uint64_t{fitting} * kSectorSize);
         wroteAny = true;
       } else {
         disks.RecordError(kWriteFailed);

@@ -19,7 +19,10 @@ namespace {
 // Writes `count` sectors of zeros at `lba` without flushing; false when
 // the write fails.
 bool WriteZeros(DiskSet& disks, const std::vector<uint8_t>& zeros, uint64_t lba, uint32_t count) {
-  return lba <= UINT64_MAX / kSectorSize && WriteFull(disks.Device(), lba * kSectorSize, zeros.data(), count * kSectorSize);
+  if (lba > UINT64_MAX / kSectorSize) return false;
+  if (!WriteFull(disks.Device(), lba * kSectorSize, zeros.data(), count * kSectorSize)) return false;
+  disks.Device().StartWriteback(lba * kSectorSize, count * kSectorSize);
+  return true;
 }
 
 }  // namespace

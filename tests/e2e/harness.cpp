@@ -112,10 +112,10 @@ void PutLe(Bytes& b, size_t at, uint64_t value, int bytes) {
   for (int i = 0; i < bytes; ++i) b[at + static_cast<size_t>(i)] = static_cast<uint8_t>(value >> (8 * i));
 }
 
-Machine::Machine() {
-  char tmpl[] = "/tmp/diskhold-e2e-XXXXXX";
-  char* d = ::mkdtemp(tmpl);
-  if (!d) throw std::runtime_error("mkdtemp failed");
+Machine::Machine(const std::string& parent) {
+  std::string tmpl = parent + "/diskhold-e2e-XXXXXX";
+  char* d = ::mkdtemp(tmpl.data());
+  if (!d) throw std::runtime_error("mkdtemp failed in " + parent);
   dir_ = d;
 }
 

@@ -52,7 +52,8 @@ struct Result {
 // A temporary folder holding a machine file and its images.
 class Machine {
  public:
-  Machine();
+  // The machine's folder is made inside `parent`.
+  explicit Machine(const std::string& parent = "/tmp");
   ~Machine();
   Machine(const Machine&) = delete;
   Machine& operator=(const Machine&) = delete;

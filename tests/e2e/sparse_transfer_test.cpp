@@ -61,8 +61,30 @@ Bytes ReadAll(const std::string& path) {
   return Bytes(text.begin(), text.end());
 }
 
-class SparseTransferTest : public ::testing::Test {
+// How many extents of the file share their blocks with another file.
+int SharedExtents(const std::string& path) {
+  const std::string out = e2e::Shell("filefrag -v '" + path + "' 2>/dev/null");
+  int shared = 0;
+  for (size_t at = out.find("shared"); at != std::string::npos; at = out.find("shared", at + 1)) ++shared;
+  return shared;
+}
+
+// The folders the transfers run in: the temporary folder, and, when the
+// environment names one, a folder on a file system whose files can share
+// blocks (XFS, Btrfs), where whole chunks are cloned instead of copied.
+std::vector<std::string> Folders() {
+  std::vector<std::string> folders = {"/tmp"};
+  if (const char* reflink = std::getenv("DISKHOLD_REFLINK_DIR"); reflink != nullptr && *reflink != '\0') {
+    folders.push_back(reflink);
+  }
+  return folders;
+}
+
+bool SharesBlocks(const std::string& folder) { return folder != "/tmp"; }
+
+class SparseTransferTest : public ::testing::TestWithParam<std::string> {
  protected:
+  SparseTransferTest() : machine_(GetParam()) {}
   e2e::Result Run(Args args) {
     args.push_back("/confirm");
     args.push_back("/result");
@@ -71,7 +93,10 @@ class SparseTransferTest : public ::testing::Test {
   e2e::Machine machine_;
 };
 
-TEST_F(SparseTransferTest, SaveRestoreAndWipeGiveThePlainBytesAndLeaveHoles) {
+INSTANTIATE_TEST_SUITE_P(Folders, SparseTransferTest, ::testing::ValuesIn(Folders()),
+                         [](const auto& info) { return info.index == 0 ? std::string("Tmp") : std::string("Reflink"); });
+
+TEST_P(SparseTransferTest, SaveRestoreAndWipeGiveThePlainBytesAndLeaveHoles) {
   e2e::Image& source = machine_.AddDrive(0, kSectors);
   FillSparse(source);
   e2e::Image& blank = machine_.AddDrive(1, kSectors);
@@ -90,6 +115,11 @@ TEST_F(SparseTransferTest, SaveRestoreAndWipeGiveThePlainBytesAndLeaveHoles) {
     ASSERT_EQ(expected.size() + skip, file.size());
     EXPECT_TRUE(std::equal(expected.begin(), expected.end(), file.begin() + static_cast<std::ptrdiff_t>(skip)));
     EXPECT_LT(AllocatedBytes(machine_.PathOf(name)), file.size() / 2) << name << " has no holes";
+    // Without a header the file's blocks line up with the disk's and are
+    // shared; a header shifts them off the block boundaries.
+    if (SharesBlocks(GetParam())) {
+      EXPECT_EQ(!header, SharedExtents(machine_.PathOf(name)) > 0) << name;
+    }
   }
 
   // Onto a blank image (holes stay holes) and onto one full of data (zeros
@@ -100,6 +130,19 @@ TEST_F(SparseTransferTest, SaveRestoreAndWipeGiveThePlainBytesAndLeaveHoles) {
   EXPECT_EQ(expected, blank.Read(0, kSectors));
   EXPECT_EQ(expected, used.Read(0, kSectors));
   EXPECT_LT(AllocatedBytes(blank.path()), kSectors * 512 / 2);
+  if (SharesBlocks(GetParam())) {
+    // A raw file restores by sharing its blocks, on the blank disk and on
+    // the used one alike; writing the disk afterwards leaves the file as it is.
+    const Bytes raw = ReadAll(machine_.PathOf("raw.bin"));
+    for (const char* disk : {"/disk=1", "/disk=2"}) {
+      ASSERT_EQ(0, ResultOf(Run({"/restore=disk", disk, "/nohdr", "/filename=raw.bin"}))) << disk;
+    }
+    EXPECT_EQ(expected, blank.Read(0, kSectors));
+    EXPECT_EQ(expected, used.Read(0, kSectors));
+    EXPECT_GT(SharedExtents(used.path()), 0);
+    ASSERT_EQ(0, ResultOf(Run({"/wipe=disk", "/disk=1"})));
+    EXPECT_EQ(raw, ReadAll(machine_.PathOf("raw.bin")));
+  }
 
   // A range that starts and ends inside file blocks, then the whole disk.
   ASSERT_EQ(0, ResultOf(Run({"/wipe=range", "/disk=2", "/range=2047-9003"})));
@@ -110,7 +153,7 @@ TEST_F(SparseTransferTest, SaveRestoreAndWipeGiveThePlainBytesAndLeaveHoles) {
   EXPECT_EQ(Bytes(kSectors * 512, 0), used.Read(0, kSectors));
 }
 
-TEST_F(SparseTransferTest, BadSectorsInHolesStillFailWhereTheyAre) {
+TEST_P(SparseTransferTest, BadSectorsInHolesStillFailWhereTheyAre) {
   // Both bad sectors lie in holes, in chunks of zeros.
   e2e::Image& source = machine_.AddDrive(0, kSectors, {{"badsectors", "20000"}});
   FillSparse(source);

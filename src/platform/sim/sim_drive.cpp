@@ -142,7 +142,22 @@ class DriveFile : public File {
     return true;
   }
 
+  void StartWriteback(uint64_t offset, uint64_t bytes) override {
+    if (writable_ && drive_.media != MediaKind::Absent) image_->StartWriteback(offset, bytes);
+  }
+
+  // The image's blocks are shared only by a drive that has no fault to
+  // show: a copy that bypassed the transfers would bypass its bad sectors
+  // too.  A refusal sends the caller to reads and writes, which meet them.
+  File* CloneSource() override { return Faultless() ? image_->CloneSource() : nullptr; }
+  bool CloneFrom(File& source, uint64_t from, uint64_t to, uint64_t bytes) override {
+    if (!writable_ || !Faultless() || to >= imageBytes_ || bytes > imageBytes_ - to) return false;
+    return image_->CloneFrom(source, from, to, bytes);
+  }
+
  private:
+  bool Faultless() const { return drive_.media != MediaKind::Absent && drive_.badSectors.empty(); }
+
   bool Fail(uint32_t code) {
     errors_->lastError = code;
     return false;

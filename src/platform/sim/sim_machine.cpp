@@ -140,6 +140,11 @@ class HostFile : public File {
     return file_->NextData(offset, start, end);
   }
   bool ZeroRange(uint64_t offset, uint64_t bytes) override { return Check(file_->ZeroRange(offset, bytes)); }
+  void StartWriteback(uint64_t offset, uint64_t bytes) override { file_->StartWriteback(offset, bytes); }
+  File* CloneSource() override { return file_->CloneSource(); }
+  bool CloneFrom(File& source, uint64_t from, uint64_t to, uint64_t bytes) override {
+    return file_->CloneFrom(source, from, to, bytes);
+  }
 
  private:
   bool Check(bool ok) {
