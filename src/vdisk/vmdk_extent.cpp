@@ -137,6 +137,36 @@ class SparseExtent {
     });
   }
 
+  // The first run of grains with storage at or after `offset` and before
+  // `limit` (bytes of the extent), as [*start, *end).  A grain whose entry
+  // cannot be trusted counts as data, so that reading it fails where it is.
+  // False when every grain of the range reads as zeros without storage.
+  bool NextData(uint64_t offset, uint64_t limit, uint64_t* start, uint64_t* end) {
+    const uint64_t grainBytes = h_.grainSize * kSector;
+    uint64_t grain = offset / grainBytes;
+    const uint64_t lastGrain = (limit - 1) / grainBytes;
+    auto holdsData = [&](uint64_t g) {
+      uint32_t gte = 0;
+      return !Lookup(g, &gte) || Allocated(gte);
+    };
+    while (grain <= lastGrain) {
+      const uint64_t t = grain / h_.gtesPerGt;
+      // A grain table that does not exist covers only grains without storage.
+      if (t < gd_.size() && gd_[t] == 0) {
+        grain = (t + 1) * h_.gtesPerGt;
+        continue;
+      }
+      if (holdsData(grain)) break;
+      ++grain;
+    }
+    if (grain > lastGrain) return false;
+    uint64_t after = grain + 1;
+    while (after <= lastGrain && holdsData(after)) ++after;
+    *start = std::max(offset, grain * grainBytes);
+    *end = after > lastGrain ? limit : after * grainBytes;
+    return true;
+  }
+
   // Whether a write of these bytes can be carried out whole: every grain it
   // must allocate has a grain table (in both directories) to record it.
   bool CanWrite(uint64_t offset, const uint8_t* buffer, uint32_t bytes) {
@@ -418,6 +448,51 @@ bool VmdkFile::Read(void* buffer, uint32_t bytes, uint32_t* done) {
   position_ += count;
   if (done != nullptr) *done = count;
   return true;
+}
+
+bool VmdkFile::NextData(uint64_t offset, uint64_t* start, uint64_t* end) {
+  if (offset >= capacityBytes_) return false;
+  for (size_t i = ExtentAt(offset); i < extents_.size(); ++i) {
+    Extent& e = extents_[i];
+    const uint64_t inExtent = offset > e.firstByte ? offset - e.firstByte : 0;
+    if (e.bytes == 0 || inExtent >= e.bytes) continue;
+    uint64_t dataStart = 0;
+    uint64_t dataEnd = 0;
+    bool found = false;
+    if (e.line.access == ExtentAccess::NoAccess) {
+      // Reads fail there; the caller must meet them.
+      dataStart = inExtent;
+      dataEnd = e.bytes;
+      found = true;
+    } else if (e.line.kind == ExtentKind::Flat) {
+      // The extent's file answers in its own offsets, and only for an
+      // extent that lies wholly inside it: reads past its end must fail.
+      const uint64_t base = e.line.offset * kSector;
+      uint64_t fileBytes = 0;
+      uint64_t fileStart = 0;
+      uint64_t fileEnd = 0;
+      if (!e.file->Size(&fileBytes) || base > fileBytes || e.bytes > fileBytes - base) {
+        dataStart = inExtent;
+        dataEnd = e.bytes;
+        found = true;
+      } else if (e.file->NextData(base + inExtent, &fileStart, &fileEnd)) {
+        const uint64_t from = std::max(fileStart, base + inExtent);
+        if (from - base < e.bytes) {
+          dataStart = from - base;
+          dataEnd = fileEnd > from && fileEnd - base < e.bytes ? fileEnd - base : e.bytes;
+          found = true;
+        }
+      }
+    } else if (e.line.kind == ExtentKind::Sparse) {
+      found = e.sparse->NextData(inExtent, e.bytes, &dataStart, &dataEnd);
+    }
+    if (found) {
+      *start = e.firstByte + dataStart;
+      *end = e.firstByte + dataEnd;
+      return true;
+    }
+  }
+  return false;
 }
 
 bool VmdkFile::Write(const void* buffer, uint32_t bytes, uint32_t* done) {

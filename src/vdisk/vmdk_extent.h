@@ -97,6 +97,9 @@ class VmdkFile : public platform::PlainFile {
   bool Write(const void* buffer, uint32_t bytes, uint32_t* done) override;
   bool Flush() override;
   bool Size(uint64_t* bytes) override;
+  // Data lies only in grains with storage and in the data of flat extents'
+  // files; ZERO extents and grains without storage read as zeros.
+  bool NextData(uint64_t offset, uint64_t* start, uint64_t* end) override;
 
  private:
   struct Extent {

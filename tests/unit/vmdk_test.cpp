@@ -351,5 +351,32 @@ TEST_F(VmdkTest, ExtentsOfEveryKindMapInOrderAndOnlyReadWriteOnesTakeWrites) {
   EXPECT_EQ(s.Gte(machine_.Find("s.vmdk")->bytes, s.gd, 0), s.overhead);
 }
 
+// Bulk transfers skip what the layout says reads as zeros: grains without
+// storage and ZERO extents; flat extents answer with their file's data.
+TEST_F(VmdkTest, DataLiesInFlatExtentsAndInGrainsWithStorageOnly) {
+  Sparse s;
+  s.capacity = 256;
+  File("s.vmdk", s.Build(""));
+  File("f.vmdk", Bytes(300 * 512, 0x11));
+  Text("d.vmdk", Descriptor("twoGbMaxExtentSparse",
+                            "RW 100 FLAT \"f.vmdk\" 200\nRW 256 SPARSE \"s.vmdk\"\nRW 50 ZERO\nRDONLY 10 FLAT \"f.vmdk\" 0\n"));
+  auto disk = Open("d.vmdk");
+  ASSERT_EQ(disk->errorCode, kSuccess);
+  using Run = std::pair<uint64_t, uint64_t>;
+  auto next = [&](uint64_t sector) {
+    uint64_t start = 0, end = 0;
+    if (!disk->device.NextData(sector * 512, &start, &end)) return Run{0, 0};
+    return Run{start / 512, end / 512};
+  };
+  EXPECT_EQ(next(0), Run(0, 100));
+  EXPECT_EQ(next(100), Run(406, 416));  // no grain has storage yet
+  EXPECT_EQ(next(416), Run(0, 0));
+  const Bytes data(2 * 512, 0x77);
+  ASSERT_TRUE(WriteAt(disk->device, 99, data.data(), 1024));
+  EXPECT_EQ(next(100), Run(100, 228));  // grain 0 of the sparse extent
+  EXPECT_EQ(next(150), Run(150, 228));
+  EXPECT_EQ(next(228), Run(406, 416));
+}
+
 }  // namespace
 }  // namespace dh
