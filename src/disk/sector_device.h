@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 namespace dh {
 
@@ -61,5 +62,20 @@ uint32_t ReadFull(SectorDevice& device, uint64_t offset, void* buffer, uint32_t 
 // Writes all `bytes` bytes or fails: a transfer that fails or moves nothing
 // ends it.  Does not flush.  The only write loop of the program.
 bool WriteFull(SectorDevice& device, uint64_t offset, const void* buffer, uint32_t bytes);
+
+// One part of a write that lands whole or not at all.
+struct WritePiece {
+  uint64_t lba = 0;
+  const uint8_t* data = nullptr;
+  uint32_t bytes = 0;  // 0: nothing to write
+};
+
+// Writes the pieces in order and flushes them.  What they overwrite is read
+// first, and a piece whose old sectors cannot be read is not written at
+// all; when a write or the flush fails, every piece written so far (the
+// failed one too, which may have landed in part) gets its old sectors back.
+// A table spread over several places (a GPT's headers and arrays) is thus
+// left all old or all new, as far as the medium lets itself be written.
+bool WriteAllOrNothing(SectorDevice& device, const std::vector<WritePiece>& pieces);
 
 }  // namespace dh

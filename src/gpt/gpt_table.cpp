@@ -33,10 +33,6 @@ bool ReadWhole(SectorDevice& device, uint64_t lba, uint8_t* buffer, uint32_t byt
   return ReadFull(device, lba * kSectorSize, buffer, bytes, &failed) == bytes && !failed;
 }
 
-bool WriteWhole(SectorDevice& device, uint64_t lba, const uint8_t* buffer, uint32_t bytes) {
-  return lba <= UINT64_MAX / kSectorSize && WriteFull(device, lba * kSectorSize, buffer, bytes);
-}
-
 // The name field: UTF-16LE up to its first NUL, as 8-bit text ('?' for
 // what 8 bits cannot hold).
 std::string EntryName(const uint8_t* entry) {
@@ -289,15 +285,15 @@ ResultCode WriteGptEntries(DiskSet& disks) {
   UpdateHeaderCrc(backup);
 
   // Primary array before its header, so that a header never describes an
-  // array that is not there yet; the backup follows the same order.
+  // array that is not there yet; the backup follows the same order.  A
+  // failure anywhere puts back what was written: a primary that no longer
+  // agrees with its backup is a half-written table.
   WriteScope scope(disks, where.plan);
   const uint32_t bytes = static_cast<uint32_t>(array.size());
-  SectorDevice& device = disks.Device();
-  bool ok = bytes == 0 || WriteWhole(device, h.entryArrayLba, array.data(), bytes);
-  ok = ok && WriteWhole(device, 1, primary, kSectorSize);
-  ok = ok && (bytes == 0 || WriteWhole(device, where.backupArrayLba, array.data(), bytes)) &&
-       WriteWhole(device, where.backupHeaderLba, backup, kSectorSize);
-  ok = ok && device.Flush();
+  const bool ok = WriteAllOrNothing(disks.Device(), {{h.entryArrayLba, array.data(), bytes},
+                                                     {1, primary, kSectorSize},
+                                                     {where.backupArrayLba, array.data(), bytes},
+                                                     {where.backupHeaderLba, backup, kSectorSize}});
   const bool writeBackup = true;
 
   // The records keep the new state even when the write failed, as the MBR
@@ -439,12 +435,13 @@ ResultCode RestoreGptImage(DiskSet& disks, const std::string& file) {
   plan.Allow(backupArrayLba, sectors + 1);
   for (const SectorRange& r : KnownPartitionSectors(disks)) plan.Forbid(r.first, r.count);
   if (!plan.Permits(0, area) || !plan.Permits(backupArrayLba, sectors + 1)) return fail(kGptSaveFailed);
+  // All of it or nothing: a restored primary beside the old backup would
+  // be a half-written table.
   WriteScope scope(disks, plan);
-  SectorDevice& device = disks.Device();
-  const bool ok = WriteWhole(device, 0, data.data(), static_cast<uint32_t>(data.size())) &&
-                  (sectors == 0 || WriteWhole(device, backupArrayLba, data.data() + 2 * kSectorSize,
-                                              static_cast<uint32_t>(sectors * kSectorSize))) &&
-                  WriteWhole(device, backupHeaderLba, backupHeader, kSectorSize) && device.Flush();
+  const bool ok = WriteAllOrNothing(
+      disks.Device(), {{0, data.data(), static_cast<uint32_t>(data.size())},
+                       {backupArrayLba, data.data() + 2 * kSectorSize, static_cast<uint32_t>(sectors * kSectorSize)},
+                       {backupHeaderLba, backupHeader, kSectorSize}});
   return ok ? kSuccess : fail(kGptSaveFailed);
 }
 

@@ -272,7 +272,11 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
   const uint64_t allowed = room > UINT64_MAX / kSectorSize ? UINT64_MAX : room * kSectorSize;
   // A whole-disk restore leaves a last partial sector out, as it always has.
   const uint64_t wholeBytes = count > 0 ? dataSize : dataSize / kSectorSize * kSectorSize;
-  if (!sizeFits || (count > 0 && dataSize % kSectorSize != 0) || wholeBytes > allowed) {
+  // A header file cut short holds less than its header declares: restoring
+  // it would leave the area half old, half restored.
+  const uint64_t fileSize = hasHeader ? GetFileSizeByName(fileName) : 0;
+  const bool truncated = hasHeader && (fileSize < backup::kHeaderSize || fileSize - backup::kHeaderSize < dataSize);
+  if (!sizeFits || truncated || (count > 0 && dataSize % kSectorSize != 0) || wholeBytes > allowed) {
     disks.RecordError(kFileSizeMismatch);
     return disks.firstError;
   }

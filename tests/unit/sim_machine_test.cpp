@@ -211,6 +211,39 @@ TEST_F(SimMachineTest, BadSectorsFailReadsAndWritesThatTouchThem) {
   EXPECT_EQ(ImageByte("d.img", 121 * 512), 0x55);
 }
 
+TEST_F(SimMachineTest, HalfWayWritesAndTheTransferTrace) {
+  MakeImage("d.img", 40);
+  Machine& m = Load("[machine]\ntracelog = trace.txt\n[drive 3]\nimage = d.img\nfailwriteafter = 2\n");
+  std::unique_ptr<File> f = m.Open(Drive(3), OpenMode::DiskReadWrite);
+  ASSERT_NE(f, nullptr);
+  // Two sectors go through; three move two and fail.
+  EXPECT_TRUE(WriteAt(*f, 10 * 512, std::vector<uint8_t>(1024, 0x55)));
+  uint32_t done = 0;
+  const std::vector<uint8_t> three(3 * 512, 0x66);
+  ASSERT_TRUE(f->Seek(20 * 512));
+  EXPECT_FALSE(f->Write(three.data(), 3 * 512, &done));
+  EXPECT_EQ(done, 2u * 512);
+  EXPECT_EQ(m.LastError(), 29u);
+  EXPECT_EQ(ImageByte("d.img", 21 * 512), 0x66);
+  EXPECT_EQ(ImageByte("d.img", 22 * 512), 22);
+  EXPECT_FALSE(f->ZeroRange(0, 3 * 512));  // the caller then writes
+  EXPECT_TRUE(ReadAt(*f, 513, 10).ok);     // partial sectors count whole
+  EXPECT_EQ(FileText("trace.txt"),
+            "3 write 10 2 2 ok\n3 write 20 3 2 fail\n3 zero 0 3 0 fail\n3 read 1 1 1 ok\n");
+}
+
+TEST_F(SimMachineTest, GrowLimitKeepsTheImageFilesFromGrowing) {
+  MakeImage("d.img", 8);
+  EXPECT_NE(LoadError("[drive 0]\nimage = d.img\ngrowlimit = lots\n").find("growlimit"), std::string::npos);
+  EXPECT_NE(LoadError("[drive 0]\nimage = d.img\nfailwriteafter = -1\n").find("failwriteafter"), std::string::npos);
+  // A raw image never grows anyway; inside it every write still lands.
+  Machine& m = Load("[drive 0]\nimage = d.img\ngrowlimit = 0\n");
+  std::unique_ptr<File> f = m.Open(Drive(0), OpenMode::DiskReadWrite);
+  ASSERT_NE(f, nullptr);
+  EXPECT_TRUE(WriteAt(*f, 7 * 512, std::vector<uint8_t>(512, 0x77)));
+  EXPECT_EQ(ImageByte("d.img", 7 * 512), 0x77);
+}
+
 TEST_F(SimMachineTest, TheImageEndIsTheDiskEnd) {
   MakeImage("d.img", 10);
   Machine& m = Load("[drive 0]\nimage = d.img\n");

@@ -367,6 +367,8 @@ class Parser {
       }
     } else if (key == "shutdownlog") {
       out_->shutdownLog = value.empty() ? std::string() : ResolveMachinePath(path_, value);
+    } else if (key == "tracelog") {
+      out_->traceLog = value.empty() ? std::string() : ResolveMachinePath(path_, value);
     } else if (key == "shutdownprivilege") {
       if (Bool(key, value, &flag)) out_->shutdownPrivilege = flag;
     } else {
@@ -408,6 +410,16 @@ class Parser {
       Bool(key, value, &d.readOnly);
     } else if (key == "badsectors") {
       BadSectors(value);
+    } else if (key == "failwriteafter") {
+      if (Number(key, value, 0xFFFFFFFFu, &n)) {
+        d.failWriteAfter = n;
+        d.hasFailWriteAfter = true;
+      }
+    } else if (key == "growlimit") {
+      if (Number(key, value, std::numeric_limits<uint64_t>::max(), &n)) {
+        d.growLimit = n;
+        d.hasGrowLimit = true;
+      }
     } else if (key == "layout") {
       Layout(value);
     } else if (key == "instance") {

@@ -5,11 +5,12 @@
 //   # '#' or ';' starts a comment; section and key names ignore case
 //   [machine]        codepage, elevated, version, computername, systemdrive,
 //                    decimal, thousands, grouping, leadingzero, negativenumber,
-//                    formatengine, shutdownlog, shutdownprivilege
+//                    formatengine, shutdownlog, shutdownprivilege, tracelog
 //   [environment]    NAME = value, the machine's environment variables
 //   [drive N]        N in 0..99: image (required), media, heads, sectors,
-//                    cylinders, readonly, badsectors, layout, instance,
-//                    friendlyname, devicedesc, parentidprefix
+//                    cylinders, readonly, badsectors, failwriteafter,
+//                    growlimit, layout, instance, friendlyname, devicedesc,
+//                    parentidprefix
 //   [volume X]       drive, offset or device, guid
 //
 // Reading it is pure text work; whether the images exist, are files and hold
@@ -54,6 +55,14 @@ struct DriveDescription {
   int64_t cylinders = 0;
   bool readOnly = false;
   std::vector<SectorRange> badSectors;
+  // A write transfer of more sectors than this moves only its first ones
+  // and then fails, as a drive that dies half-way through a transfer.
+  bool hasFailWriteAfter = false;
+  uint64_t failWriteAfter = 0;
+  // The image's files (a VMware disk's extents) refuse to grow past this
+  // many bytes, as on a full host volume.
+  bool hasGrowLimit = false;
+  uint64_t growLimit = 0;
   bool hasLayout = false;  // else derived from sector 0
   LayoutEntry layout;
   std::string instance;
@@ -89,6 +98,9 @@ struct MachineDescription {
   FormatEngineMode formatEngine = FormatEngineMode::Mkntfs;
   std::string shutdownLog;  // resolved path; empty: no log
   bool shutdownPrivilege = true;
+  // Every transfer on a drive is appended here (resolved path; empty: no
+  // trace), so that tests learn which sectors a command touches.
+  std::string traceLog;
   // The machine's environment ("systemdrive" included), names as written.
   std::vector<std::pair<std::string, std::string>> environment;
   std::vector<DriveDescription> drives;    // ascending drive number

@@ -1,7 +1,8 @@
 // The drive file of the simulated machine.  Its failures follow what a disk
 // driver reports: reads and writes that touch a bad sector fail with a CRC
-// error, transfers past the last sector fail with "sector not found", and a
-// drive without its medium is "not ready" for everything but opening.
+// error, transfers past the last sector fail with "sector not found", a
+// drive without its medium is "not ready" for everything but opening, and a
+// drive told to fail half-way writes the start of a long transfer only.
 #include "platform/sim/sim_drive.h"
 
 #include <cstring>
@@ -16,13 +17,15 @@ constexpr uint64_t kSector = 512;
 class DriveFile : public File {
  public:
   DriveFile(const DriveDescription& drive, std::unique_ptr<File> image, uint64_t imageBytes, bool writable,
-            std::shared_ptr<Machine> native, std::shared_ptr<ErrorState> errors)
+            std::shared_ptr<Machine> native, std::shared_ptr<ErrorState> errors,
+            std::shared_ptr<TransferTrace> trace)
       : drive_(drive),
         image_(std::move(image)),
         imageBytes_(imageBytes),
         writable_(writable),
         native_(std::move(native)),
-        errors_(std::move(errors)) {}
+        errors_(std::move(errors)),
+        trace_(std::move(trace)) {}
 
   bool Seek(uint64_t offset) override {
     // Like SetFilePointerEx, any position is accepted; transfers judge it.
@@ -31,6 +34,30 @@ class DriveFile : public File {
   }
 
   bool Read(void* buffer, uint32_t bytes, uint32_t* done) override {
+    uint32_t moved = 0;
+    const uint64_t at = position_;
+    const bool ok = DoRead(buffer, bytes, &moved);
+    if (done != nullptr) *done = moved;
+    Trace("read", at, bytes, moved, ok);
+    return ok;
+  }
+
+  bool Write(const void* buffer, uint32_t bytes, uint32_t* done) override {
+    uint32_t moved = 0;
+    const uint64_t at = position_;
+    const bool ok = DoWrite(buffer, bytes, &moved);
+    if (done != nullptr) *done = moved;
+    Trace("write", at, bytes, moved, ok);
+    return ok;
+  }
+
+  bool ZeroRange(uint64_t offset, uint64_t bytes) override {
+    const bool ok = DoZeroRange(offset, bytes);
+    Trace("zero", offset, bytes, ok ? bytes : 0, ok);
+    return ok;
+  }
+
+  bool DoRead(void* buffer, uint32_t bytes, uint32_t* done) {
     if (done != nullptr) *done = 0;
     if (!MediumPresent()) return false;
     if (bytes == 0) return true;
@@ -45,7 +72,7 @@ class DriveFile : public File {
     return true;
   }
 
-  bool Write(const void* buffer, uint32_t bytes, uint32_t* done) override {
+  bool DoWrite(const void* buffer, uint32_t bytes, uint32_t* done) {
     if (done != nullptr) *done = 0;
     if (!writable_) return Fail(kErrorAccessDenied);
     if (!MediumPresent()) return false;
@@ -55,10 +82,15 @@ class DriveFile : public File {
     // A disk does not grow: a write that would run past its end is refused
     // whole, so the image keeps its size.
     if (bytes > left) return Fail(kErrorSectorNotFound);
+    // A drive failing half-way: the first sectors reach the medium, the
+    // transfer still fails.
+    const bool halfWay = drive_.hasFailWriteAfter && bytes > drive_.failWriteAfter * kSector;
+    const uint32_t part = halfWay ? static_cast<uint32_t>(drive_.failWriteAfter * kSector) : bytes;
     uint32_t moved = 0;
-    if (!Transfer(const_cast<void*>(buffer), bytes, true, &moved)) return false;
+    if (part > 0 && !Transfer(const_cast<void*>(buffer), part, true, &moved)) return false;
     position_ += moved;
     if (done != nullptr) *done = moved;
+    if (halfWay) return Fail(kErrorWriteFault);
     return true;
   }
 
@@ -131,11 +163,14 @@ class DriveFile : public File {
   }
 
   // Zeroing fails where a write would: a bad sector in the range makes the
-  // caller write sector by sector and meet the failures where they are.
-  bool ZeroRange(uint64_t offset, uint64_t bytes) override {
+  // caller write sector by sector and meet the failures where they are.  A
+  // drive failing half-way refuses to zero more than a write would move, so
+  // that the caller's writes meet that failure too.
+  bool DoZeroRange(uint64_t offset, uint64_t bytes) {
     if (!writable_) return Fail(kErrorAccessDenied);
     if (!MediumPresent()) return false;
     if (bytes == 0) return true;
+    if (drive_.hasFailWriteAfter && bytes > drive_.failWriteAfter * kSector) return Fail(kErrorWriteFault);
     if (offset >= imageBytes_ || bytes > imageBytes_ - offset) return Fail(kErrorSectorNotFound);
     if (TouchesBadSector(drive_.badSectors, offset, bytes)) return Fail(kErrorCrc);
     if (!image_->ZeroRange(offset, bytes)) return FailFromNative();
@@ -156,7 +191,16 @@ class DriveFile : public File {
   }
 
  private:
-  bool Faultless() const { return drive_.media != MediaKind::Absent && drive_.badSectors.empty(); }
+  // Faults and the trace must see every transfer, so a drive with either
+  // never shares blocks.
+  bool Faultless() const {
+    return drive_.media != MediaKind::Absent && drive_.badSectors.empty() && !drive_.hasFailWriteAfter &&
+           !drive_.hasGrowLimit && !trace_;
+  }
+
+  void Trace(const char* op, uint64_t offset, uint64_t bytes, uint64_t moved, bool ok) {
+    if (trace_ && bytes > 0) trace_->Record(drive_.number, op, offset, bytes, moved, ok);
+  }
 
   bool Fail(uint32_t code) {
     errors_->lastError = code;
@@ -213,6 +257,7 @@ class DriveFile : public File {
   bool writable_;
   std::shared_ptr<Machine> native_;
   std::shared_ptr<ErrorState> errors_;
+  std::shared_ptr<TransferTrace> trace_;
   uint64_t position_ = 0;
 };
 
@@ -222,6 +267,40 @@ bool BytesAre(const uint8_t* data, size_t size, size_t offset, const char* text)
 }
 
 }  // namespace
+
+TransferTrace::TransferTrace(std::shared_ptr<Machine> native, std::string path)
+    : native_(std::move(native)), path_(std::move(path)) {}
+
+void TransferTrace::Record(int drive, const char* op, uint64_t offset, uint64_t bytes, uint64_t movedBytes, bool ok) {
+  if (broken_ || bytes == 0) return;
+  if (!file_) {
+    // Appended to, so that the runs of a test can share one trace.
+    file_ = native_->Open(path_, OpenMode::ReadWriteExisting);
+    if (file_ && !file_->Size(&end_)) file_.reset();
+    if (!file_) {
+      end_ = 0;
+      file_ = native_->Open(path_, OpenMode::CreateAlways);
+    }
+    if (!file_) {
+      broken_ = true;
+      return;
+    }
+  }
+  // Whole sectors: a partial sector counts as touched.
+  const uint64_t first = offset / kSector;
+  const uint64_t lead = offset % kSector;
+  const auto sectors = [&](uint64_t n) { return n == 0 ? 0 : (lead + n - 1) / kSector + 1; };
+  const std::string line = std::to_string(drive) + " " + op + " " + std::to_string(first) + " " +
+                           std::to_string(sectors(bytes)) + " " + std::to_string(sectors(movedBytes)) + " " +
+                           (ok ? "ok" : "fail") + "\n";
+  uint32_t wrote = 0;
+  if (!file_->Seek(end_) || !file_->Write(line.data(), static_cast<uint32_t>(line.size()), &wrote) ||
+      wrote != line.size()) {
+    broken_ = true;
+    return;
+  }
+  end_ += wrote;
+}
 
 bool TouchesBadSector(const std::vector<SectorRange>& bad, uint64_t offset, uint64_t bytes) {
   if (bytes == 0) return false;
@@ -253,9 +332,9 @@ LayoutEntry DeriveLayout(const uint8_t* sector0, size_t bytes, uint64_t diskByte
 
 std::unique_ptr<File> MakeDriveFile(const DriveDescription& drive, std::unique_ptr<File> image, uint64_t imageBytes,
                                     bool writable, std::shared_ptr<Machine> native,
-                                    std::shared_ptr<ErrorState> errors) {
+                                    std::shared_ptr<ErrorState> errors, std::shared_ptr<TransferTrace> trace) {
   return std::make_unique<DriveFile>(drive, std::move(image), imageBytes, writable, std::move(native),
-                                     std::move(errors));
+                                     std::move(errors), std::move(trace));
 }
 
 }  // namespace dh::platform::sim

@@ -26,6 +26,25 @@ constexpr uint32_t kErrorSectorNotFound = 27;
 constexpr uint32_t kErrorWriteFault = 29;
 constexpr uint32_t kErrorInvalidParameter = 87;
 
+// The transfer trace of the machine file's `tracelog` key: one line per
+// transfer on a drive, "DRIVE OP FIRST COUNT MOVED RESULT", with OP read,
+// write or zero, the sectors asked for (FIRST, COUNT), the sectors the
+// transfer changed or delivered (MOVED, from FIRST) and RESULT ok or fail.
+// A trace that cannot be written is given up silently: the program's own
+// output never depends on it.
+class TransferTrace {
+ public:
+  TransferTrace(std::shared_ptr<Machine> native, std::string path);
+  void Record(int drive, const char* op, uint64_t offset, uint64_t bytes, uint64_t movedBytes, bool ok);
+
+ private:
+  std::shared_ptr<Machine> native_;
+  std::string path_;
+  std::unique_ptr<File> file_;
+  uint64_t end_ = 0;
+  bool broken_ = false;
+};
+
 // Whether any byte of [offset, offset + bytes) lies in a bad sector.
 bool TouchesBadSector(const std::vector<SectorRange>& bad, uint64_t offset, uint64_t bytes);
 
@@ -38,6 +57,6 @@ LayoutEntry DeriveLayout(const uint8_t* sector0, size_t bytes, uint64_t diskByte
 // image's own failures.
 std::unique_ptr<File> MakeDriveFile(const DriveDescription& drive, std::unique_ptr<File> image, uint64_t imageBytes,
                                     bool writable, std::shared_ptr<Machine> native,
-                                    std::shared_ptr<ErrorState> errors);
+                                    std::shared_ptr<ErrorState> errors, std::shared_ptr<TransferTrace> trace);
 
 }  // namespace dh::platform::sim

@@ -98,6 +98,127 @@ std::unique_ptr<File> OpenImage(Machine& native, const std::string& path, OpenMo
   return image;
 }
 
+// A host file that refuses to grow past a number of bytes, as on a full
+// volume: a write or zeroing that would end beyond the limit moves nothing.
+class GrowLimitedFile : public File {
+ public:
+  GrowLimitedFile(std::unique_ptr<File> file, uint64_t limit) : file_(std::move(file)), limit_(limit) {}
+
+  bool Seek(uint64_t offset) override {
+    if (!file_->Seek(offset)) return false;
+    position_ = offset;
+    return true;
+  }
+  bool Read(void* buffer, uint32_t bytes, uint32_t* done) override {
+    uint32_t got = 0;
+    const bool ok = file_->Read(buffer, bytes, &got);
+    position_ += got;
+    if (done != nullptr) *done = got;
+    return ok;
+  }
+  bool Write(const void* buffer, uint32_t bytes, uint32_t* done) override {
+    if (done != nullptr) *done = 0;
+    if (!Fits(position_, bytes)) return false;
+    uint32_t wrote = 0;
+    const bool ok = file_->Write(buffer, bytes, &wrote);
+    position_ += wrote;
+    if (done != nullptr) *done = wrote;
+    return ok;
+  }
+  bool Flush() override { return file_->Flush(); }
+  bool Size(uint64_t* bytes) override { return file_->Size(bytes); }
+  bool GetDriveGeometry(DiskGeometry* out) override { return file_->GetDriveGeometry(out); }
+  bool GetDriveGeometryEx(DiskGeometry* geometry, uint64_t* diskSize) override {
+    return file_->GetDriveGeometryEx(geometry, diskSize);
+  }
+  bool GetPartitionInfo(uint64_t* startingOffset, uint64_t* partitionLength) override {
+    return file_->GetPartitionInfo(startingOffset, partitionLength);
+  }
+  bool GetDriveLayoutEx(LayoutEntry* first) override { return file_->GetDriveLayoutEx(first); }
+  bool GetDriveLayout(LayoutEntry* first) override { return file_->GetDriveLayout(first); }
+  bool UpdateProperties() override { return file_->UpdateProperties(); }
+  bool NextData(uint64_t offset, uint64_t* start, uint64_t* end) override {
+    return file_->NextData(offset, start, end);
+  }
+  bool ZeroRange(uint64_t offset, uint64_t bytes) override {
+    return Fits(offset, bytes) && file_->ZeroRange(offset, bytes);
+  }
+
+ private:
+  // Writing inside the file as it is never needs room; growing it does.
+  bool Fits(uint64_t offset, uint64_t bytes) {
+    if (bytes == 0) return true;
+    uint64_t size = 0;
+    if (!file_->Size(&size)) return false;
+    const uint64_t end = offset > UINT64_MAX - bytes ? UINT64_MAX : offset + bytes;
+    return end <= size || end <= limit_;
+  }
+
+  std::unique_ptr<File> file_;
+  uint64_t limit_;
+  uint64_t position_ = 0;
+};
+
+// The host's files as a drive with a `growlimit` sees them: every file its
+// image opens (a VMware disk's descriptor and extents) is held to the
+// limit; everything else is the host's.
+class GrowLimitedFiles : public Machine {
+ public:
+  GrowLimitedFiles(Machine& host, uint64_t limit) : host_(host), limit_(limit) {}
+
+  std::unique_ptr<File> Open(const std::string& path, OpenMode mode) override {
+    std::unique_ptr<File> file = host_.Open(path, mode);
+    if (!file) return nullptr;
+    return std::make_unique<GrowLimitedFile>(std::move(file), limit_);
+  }
+  bool PathExists(const std::string& path) override { return host_.PathExists(path); }
+  bool RegQueryString(const std::string& key, const std::string& value, std::string* out) override {
+    return host_.RegQueryString(key, value, out);
+  }
+  bool RegQueryBinary(const std::string& key, const std::string& value, std::vector<uint8_t>* out) override {
+    return host_.RegQueryBinary(key, value, out);
+  }
+  std::vector<std::string> LogicalDriveStrings() override { return host_.LogicalDriveStrings(); }
+  bool VolumeNameForMountPoint(const std::string& mountPoint, std::string* volumeName) override {
+    return host_.VolumeNameForMountPoint(mountPoint, volumeName);
+  }
+  FormatEngineState LoadFormatEngine() override { return host_.LoadFormatEngine(); }
+  bool FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, const std::u16string& fileSystem,
+                const std::u16string& label, bool quick, uint32_t clusterSize, const FormatCallback& callback,
+                const FormatPlace& place) override {
+    return host_.FormatEx(driveRoot, mediaFlag, fileSystem, label, quick, clusterSize, callback, place);
+  }
+  void PumpOneMessage() override { host_.PumpOneMessage(); }
+  bool NtfsFormatterPresent() override { return host_.NtfsFormatterPresent(); }
+  bool RunNtfsFormatter(const NtfsFormatJob& job, const FormatCallback& callback) override {
+    return host_.RunNtfsFormatter(job, callback);
+  }
+  bool GetVersionEx(OsVersion* out) override { return host_.GetVersionEx(out); }
+  uint32_t GetVersion() override { return host_.GetVersion(); }
+  bool QueryElevation(bool* elevated) override { return host_.QueryElevation(elevated); }
+  bool EnableShutdownPrivilege() override { return host_.EnableShutdownPrivilege(); }
+  bool ExitWindows(uint32_t flags) override { return host_.ExitWindows(flags); }
+  uint32_t ConsoleOutputCodePage() override { return host_.ConsoleOutputCodePage(); }
+  void ClearScreen() override { host_.ClearScreen(); }
+  void SetCursorPosition(int column, int row) override { host_.SetCursorPosition(column, row); }
+  int ReadKey() override { return host_.ReadKey(); }
+  bool ReadLine(std::string* line) override { return host_.ReadLine(line); }
+  bool GetLocaleInfo(LocaleItem item, std::string* out) override { return host_.GetLocaleInfo(item, out); }
+  bool GetNumberFormat(const std::string& value, const NumberFormat& format, std::string* out) override {
+    return host_.GetNumberFormat(value, format, out);
+  }
+  std::string ComputerName() override { return host_.ComputerName(); }
+  bool GetEnv(const std::string& name, std::string* value) override { return host_.GetEnv(name, value); }
+  void MessageBox(const std::string& text, const std::string& caption) override { host_.MessageBox(text, caption); }
+  uint32_t LastError() override { return host_.LastError(); }
+  bool SystemMessageText(uint32_t code, std::string* text) override { return host_.SystemMessageText(code, text); }
+  bool RandomBytes(void* out, size_t bytes) override { return host_.RandomBytes(out, bytes); }
+
+ private:
+  Machine& host_;
+  uint64_t limit_;
+};
+
 std::string MessageFor(uint32_t code) {
   std::string text;
   if (!WindowsMessageText(code, &text)) return "error " + std::to_string(code);
@@ -160,7 +281,9 @@ class HostFile : public File {
 class SimMachine : public Machine {
  public:
   SimMachine(MachineDescription description, std::shared_ptr<Machine> native)
-      : d_(std::move(description)), native_(std::move(native)), errors_(std::make_shared<ErrorState>()) {}
+      : d_(std::move(description)), native_(std::move(native)), errors_(std::make_shared<ErrorState>()) {
+    if (!d_.traceLog.empty()) trace_ = std::make_shared<TransferTrace>(native_, d_.traceLog);
+  }
 
   // ---- files and devices ------------------------------------------------
 
@@ -180,9 +303,15 @@ class SimMachine : public Machine {
     if (writes && drive->readOnly) return FailNull(kErrorAccessDenied);
     uint64_t bytes = 0;
     std::string why;
-    std::unique_ptr<File> image = OpenImage(*native_, drive->image, mode, &bytes, &why);
+    std::unique_ptr<File> image;
+    if (drive->hasGrowLimit) {
+      GrowLimitedFiles limited(*native_, drive->growLimit);
+      image = OpenImage(limited, drive->image, mode, &bytes, &why);
+    } else {
+      image = OpenImage(*native_, drive->image, mode, &bytes, &why);
+    }
     if (!image) return FailNull(why.empty() ? native_->LastError() : kErrorFileCorrupt);
-    return MakeDriveFile(*drive, std::move(image), bytes, writes, native_, errors_);
+    return MakeDriveFile(*drive, std::move(image), bytes, writes, native_, errors_, trace_);
   }
 
   bool PathExists(const std::string& path) override {
@@ -558,6 +687,7 @@ class SimMachine : public Machine {
   MachineDescription d_;
   std::shared_ptr<Machine> native_;
   std::shared_ptr<ErrorState> errors_;
+  std::shared_ptr<TransferTrace> trace_;
 };
 
 }  // namespace
