@@ -248,6 +248,9 @@ Bytes SparseExtent(uint64_t capacity, uint64_t grainSize, const std::string& des
 Ranges PartitionSectors(const MemFile& image) {
   Ranges r;
   r.forbid = true;
+  // The partition entries of sector 0 are the table's own, whatever an
+  // entry starting at sector 0 claims.
+  r.always.emplace_back(446, 510);
   const uint64_t sectors = image.size / kSector;
   auto add = [&](uint64_t first, uint64_t last) {
     if (first >= sectors || last < first) return;

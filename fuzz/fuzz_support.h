@@ -138,13 +138,21 @@ void Require(bool ok, const std::string& what);
 struct Ranges {
   std::vector<std::pair<uint64_t, uint64_t>> list;
   bool forbid = false;
+  // With `forbid`: bytes allowed all the same (a table sector that a
+  // partition entry claims to cover).
+  std::vector<std::pair<uint64_t, uint64_t>> always;
   Ranges& Add(uint64_t first, uint64_t end) {
     if (end > first) list.emplace_back(first, end);
     return *this;
   }
   Ranges& Sectors(uint64_t firstLba, uint64_t count) { return Add(firstLba * kSector, (firstLba + count) * kSector); }
   bool Contains(uint64_t offset) const;
-  bool Allows(uint64_t offset) const { return forbid ? !Contains(offset) : Contains(offset); }
+  bool Allows(uint64_t offset) const {
+    for (const auto& [first, end] : always) {
+      if (offset >= first && offset < end) return true;
+    }
+    return forbid ? !Contains(offset) : Contains(offset);
+  }
 };
 
 // Aborts unless `after` equals `before` outside `allowed` (and both have
