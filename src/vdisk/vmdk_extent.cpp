@@ -10,6 +10,7 @@
 #include <cstring>
 #include <map>
 #include <utility>
+#include <vector>
 
 #include "base/le.h"
 
@@ -356,6 +357,7 @@ ResultCode VmdkFile::Open(std::string_view descriptorText, const std::string& de
   // Extents that share a file share its handle.
   std::map<std::string, size_t> byPath;
   std::map<std::string, int> uses;
+  std::map<std::string, std::vector<std::pair<uint64_t, uint64_t>>> flatRuns;
   for (const ExtentLine& line : lines) {
     if (line.kind != ExtentKind::Zero) ++uses[ExtentPath(descriptorPath, line.fileName)];
   }
@@ -388,6 +390,13 @@ ResultCode VmdkFile::Open(std::string_view descriptorText, const std::string& de
       uint64_t fileBytes = 0;
       if (!extent.file->Size(&fileBytes)) return kVmdkOpenFailed;
       if (!RunFits(line.offset, line.sectors, fileBytes / kSector)) return kVmdkUnknownType;
+      // Two runs over the same sectors of a file would make one write show
+      // at two places of the disk.
+      std::vector<std::pair<uint64_t, uint64_t>>& runs = flatRuns[ExtentPath(descriptorPath, line.fileName)];
+      for (const auto& [first, end] : runs) {
+        if (line.offset < end && first < line.offset + line.sectors) return kVmdkUnknownType;
+      }
+      runs.emplace_back(line.offset, line.offset + line.sectors);
     } else if (line.kind == ExtentKind::Sparse) {
       rc = SparseExtent::Open(extent.file, line.sectors, &extent.sparse);
       if (rc != kSuccess) return rc;

@@ -216,6 +216,8 @@ TEST_F(VmdkTest, RefusedFilesEndWithTheirCodeAndWriteNothing) {
       {Descriptor("monolithicFlat", "RW 4096 FLAT \"data.vmdk\" 0 junk\n"), kVmdkUnknownType},
       {Descriptor("monolithicSparse", "RW 4096 SPARSE \"data.vmdk\"\n"), kVmdkUnknownType},  // no header
       {Descriptor("monolithicFlat", "RW 4096 FLAT \"d.vmdk\" 0\n"), kVmdkUnknownType},  // itself
+      // Two runs over the same sectors: a write would show at both places.
+      {Descriptor("monolithicFlat", "RW 8 FLAT \"data.vmdk\" 0\nRW 8 FLAT \"data.vmdk\" 4\n"), kVmdkUnknownType},
   };
   for (const auto& c : cases) {
     Text("d.vmdk", c.text);
