@@ -107,8 +107,8 @@ TEST_F(Format, WithoutMkntfsTheEngineIsMissing) {
   const std::string hash = disk->Hash();
   int status = -1;
   const std::string out = e2e::Shell("cd '" + m.dir() + "' && PATH=/nonexistent DISKHOLD_MACHINE='" +
-                                         m.WriteMachineFile() + "' '" + e2e::DiskholdPath() +
-                                         "' /format /part=1 /result 2>&1",
+                                         m.WriteMachineFile() + "' " + e2e::DiskholdCommand() +
+                                         " /format /part=1 /result 2>&1",
                                      &status);
   EXPECT_NE(out.find("\"Format Error!\": Error: Unable to locate Windows disk format utility"), std::string::npos)
       << out;

@@ -92,7 +92,8 @@ class Machine {
   std::string extra_;
 };
 
-// Runs any program with arguments and stdin text, with the environment
+// Runs any program (under the wrapper of DISKHOLD_WRAPPER, when set) with
+// arguments and stdin text, with the environment
 // variable DISKHOLD_MACHINE set to `machineFile` (unset when empty) and the
 // variables of `env` set (removed when their value is empty).
 Result RunProgram(const std::string& program, const std::vector<std::string>& args, const std::string& input,
@@ -109,6 +110,12 @@ std::string Shown(const Args& args, const Result& r);
 std::string Transcript(const Machine& m, const std::vector<Args>& runs, const std::string& input = "");
 
 std::string DiskholdPath();
+// The words of the environment variable DISKHOLD_WRAPPER (split at blanks),
+// which every run of the program is started under: for instance
+// "valgrind --tool=memcheck --error-exitcode=197".  Empty when not set.
+std::vector<std::string> WrapperWords();
+// The program under its wrapper as a shell command line (quoted words).
+std::string DiskholdCommand();
 // Compares output with the file tests/e2e/golden/<name>; on a difference, or
 // when there is no such file yet, the actual output is saved beside the
 // test's temporary files.

@@ -182,8 +182,8 @@ TEST_F(VmdkDrives, AVmwareDiskAsADriveAndImagesWithoutAMachineFileListLikeTheRaw
 
   // DISKHOLD_DISKS: the raw image and the VMware disk, with default drives
   // (255 heads), so that only the rows are compared.
-  const std::string out = Sh("cd '" + m.dir() + "' && DISKHOLD_MACHINE= DISKHOLD_DISKS=disk0.img:d.vmdk '" +
-                             e2e::DiskholdPath() + "' /list /logical /text");
+  const std::string out = Sh("cd '" + m.dir() + "' && DISKHOLD_MACHINE= DISKHOLD_DISKS=disk0.img:d.vmdk " +
+                             e2e::DiskholdCommand() + " /list /logical /text");
   const std::vector<std::string> rows = Rows(out);
   ASSERT_EQ(rows.size(), 2 * raw.size()) << out;
   EXPECT_EQ(std::vector<std::string>(rows.begin(), rows.begin() + raw.size()),
