@@ -35,8 +35,10 @@ const std::vector<Row>& Table() {
       {{"/partcount"}, false},
       {{"/tablist"}, false},
       {{"/list", "/part=*"}, false},
-      {{"/hide"}, false, true},
-      {{"/active"}, false, true},
+      // A fuzzed sector 0 that is no protective MBR makes an MBR disk, whose
+      // entries these edit; they may write, but never into a partition.
+      {{"/hide"}, true, true},
+      {{"/active"}, true, true},
       {{"/sort"}, false},
       {{"/issorted"}, false},
       {{"/volumeid=Read"}, false, true},
