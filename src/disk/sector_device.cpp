@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include "base/le.h"
+
 namespace dh {
 
 bool SectorDevice::NextData(uint64_t offset, uint64_t* start, uint64_t* end) {
@@ -61,26 +63,25 @@ bool WriteFull(SectorDevice& device, uint64_t offset, const void* buffer, uint32
 }
 
 bool WriteAllOrNothing(SectorDevice& device, const std::vector<WritePiece>& pieces) {
-  constexpr uint64_t kSector = 512;
   std::vector<std::vector<uint8_t>> old(pieces.size());
   for (size_t i = 0; i < pieces.size(); ++i) {
     const WritePiece& p = pieces[i];
     if (p.bytes == 0) continue;
-    if (p.lba > UINT64_MAX / kSector) return false;
+    if (p.lba > UINT64_MAX / kSectorSize) return false;
     old[i].resize(p.bytes);
     bool failed = false;
-    if (ReadFull(device, p.lba * kSector, old[i].data(), p.bytes, &failed) != p.bytes || failed) return false;
+    if (ReadFull(device, p.lba * kSectorSize, old[i].data(), p.bytes, &failed) != p.bytes || failed) return false;
   }
   size_t reached = 0;  // the pieces that may have changed
   bool ok = true;
   while (ok && reached < pieces.size()) {
     const WritePiece& p = pieces[reached++];
-    ok = p.bytes == 0 || WriteFull(device, p.lba * kSector, p.data, p.bytes);
+    ok = p.bytes == 0 || WriteFull(device, p.lba * kSectorSize, p.data, p.bytes);
   }
   if (ok && device.Flush()) return true;
   // Last first, so that pieces that overlap end as they began.
   for (size_t i = reached; i-- > 0;) {
-    if (pieces[i].bytes != 0) WriteFull(device, pieces[i].lba * kSector, old[i].data(), pieces[i].bytes);
+    if (pieces[i].bytes != 0) WriteFull(device, pieces[i].lba * kSectorSize, old[i].data(), pieces[i].bytes);
   }
   device.Flush();
   return false;
