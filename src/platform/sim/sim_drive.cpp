@@ -273,18 +273,20 @@ TransferTrace::TransferTrace(std::shared_ptr<Machine> native, std::string path)
 
 void TransferTrace::Record(int drive, const char* op, uint64_t offset, uint64_t bytes, uint64_t movedBytes, bool ok) {
   if (broken_ || bytes == 0) return;
-  if (!file_) {
-    // Appended to, so that the runs of a test can share one trace.
-    file_ = native_->Open(path_, OpenMode::ReadWriteExisting);
-    if (file_ && !file_->Size(&end_)) file_.reset();
-    if (!file_) {
-      end_ = 0;
-      file_ = native_->Open(path_, OpenMode::CreateAlways);
-    }
-    if (!file_) {
-      broken_ = true;
-      return;
-    }
+  // Opened for each line and closed again, so that the file is never held
+  // open: a test reads it while the drive is still in use, which Windows
+  // would refuse for a file another handle keeps open.  Appended to, so that
+  // the runs of a test can share one trace.
+  uint64_t end = 0;
+  std::unique_ptr<File> file = native_->Open(path_, OpenMode::ReadWriteExisting);
+  if (file && !file->Size(&end)) file.reset();
+  if (!file) {
+    end = 0;
+    file = native_->Open(path_, OpenMode::CreateAlways);
+  }
+  if (!file) {
+    broken_ = true;
+    return;
   }
   // Whole sectors: a partial sector counts as touched.
   const uint64_t first = offset / kSector;
@@ -294,12 +296,10 @@ void TransferTrace::Record(int drive, const char* op, uint64_t offset, uint64_t 
                            std::to_string(sectors(bytes)) + " " + std::to_string(sectors(movedBytes)) + " " +
                            (ok ? "ok" : "fail") + "\n";
   uint32_t wrote = 0;
-  if (!file_->Seek(end_) || !file_->Write(line.data(), static_cast<uint32_t>(line.size()), &wrote) ||
+  if (!file->Seek(end) || !file->Write(line.data(), static_cast<uint32_t>(line.size()), &wrote) ||
       wrote != line.size()) {
     broken_ = true;
-    return;
   }
-  end_ += wrote;
 }
 
 bool TouchesBadSector(const std::vector<SectorRange>& bad, uint64_t offset, uint64_t bytes) {

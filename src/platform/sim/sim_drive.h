@@ -40,8 +40,6 @@ class TransferTrace {
  private:
   std::shared_ptr<Machine> native_;
   std::string path_;
-  std::unique_ptr<File> file_;
-  uint64_t end_ = 0;
   bool broken_ = false;
 };
 
