@@ -654,15 +654,23 @@ class Invariants {
   std::vector<Layout> layouts;
 };
 
-TEST(Invariants, RandomLayoutsAndCommands) {
+// The runs are dealt out to a few tests, run i to part i % kParts, so that
+// sharded test runs share them out.
+constexpr uint64_t kParts = 4;
+
+class InvariantRuns : public ::testing::TestWithParam<uint64_t> {};
+
+TEST_P(InvariantRuns, RandomLayoutsAndCommands) {
   const uint64_t seed = EnvNumber("DISKHOLD_SEED", 20261123);
   const uint64_t runs = EnvNumber("DISKHOLD_RUNS", 1000);
-  for (uint64_t i = 0; i < runs; ++i) {
+  for (uint64_t i = GetParam(); i < runs; i += kParts) {
     SCOPED_TRACE("seed " + std::to_string(seed + i) + " (again: DISKHOLD_SEED=" + std::to_string(seed + i) +
                  " DISKHOLD_RUNS=1)");
     Invariants(seed + i).Run();
     if (::testing::Test::HasFailure()) break;
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Part, InvariantRuns, ::testing::Range<uint64_t>(0, kParts));
 
 }  // namespace
