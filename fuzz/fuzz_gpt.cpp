@@ -39,7 +39,7 @@ const std::vector<Row>& Table() {
       // entries these edit; they may write, but never into a partition.
       {{"/hide"}, true, true},
       {{"/active"}, true, true},
-      {{"/sort"}, false},
+      {{"/sort"}, true},
       {{"/issorted"}, false},
       {{"/volumeid=Read"}, false, true},
       {{"/info"}, false},

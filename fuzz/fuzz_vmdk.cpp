@@ -20,10 +20,18 @@ void CheckVirtualDiskRun(const std::shared_ptr<MemMachine>& host, const std::str
   for (auto& [name, file] : host->files) file->writes = 0;
   host->created = 0;
   const Bytes before = ReadVirtualDisk(*host, path, kVirtualSectorsChecked);
+  // A file that is no VMware disk is a raw image: the run may write it
+  // as it would the disk, in the same places.
+  const MemFile raw = host->Get(path);
   RunProgram(host, description, args);
   const std::string what = Describe(args);
-  RequireNoWrites(*host, row.allowed.list.empty() ? std::vector<std::string>() : extents, what);
-  if (before.empty()) return;
+  std::vector<std::string> writable = row.allowed.list.empty() ? std::vector<std::string>() : extents;
+  if (before.empty() && !writable.empty()) writable.push_back(path);
+  RequireNoWrites(*host, writable, what);
+  if (before.empty()) {
+    RequireOnlyChanged(raw, host->Get(path), row.allowed, what + " (on a raw image)");
+    return;
+  }
   const Bytes after = ReadVirtualDisk(*host, path, kVirtualSectorsChecked);
   Require(!after.empty(), what + ": the disk no longer opens");
   RequireOnlyChanged(before, after, row.allowed, what);
