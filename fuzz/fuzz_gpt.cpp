@@ -25,13 +25,16 @@ struct Row {
   std::vector<std::string> args;  // "/disk=0 /confirm" are added
   bool writes = false;            // may write outside partitions; else nothing
   bool usesPart = false;
+  // Sectors from 0 that are the table's own and may be written whatever a
+  // partition entry claims: the wipe always clears sector 0 and the header.
+  uint64_t ownSectors = 0;
 };
 
 const std::vector<Row>& Table() {
   static const std::vector<Row> rows = {
       {{"/del"}, true, true},
       {{"/del", "/part=*"}, true},
-      {{"/wipe=gpt"}, true},
+      {{"/wipe=gpt"}, true, false, 2},
       {{"/partcount"}, false},
       {{"/tablist"}, false},
       {{"/list", "/part=*"}, false},
@@ -92,7 +95,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   dh::fuzz::RunProgram(host, description, args);
   const std::string what = dh::fuzz::Describe(args);
   if (row.writes) {
-    dh::fuzz::RequireOnlyChanged(image, host->Get(kImage), dh::fuzz::PartitionSectors(image), what);
+    Ranges allowed = dh::fuzz::PartitionSectors(image);
+    if (row.ownSectors > 0) allowed.always.emplace_back(0, row.ownSectors * dh::fuzz::kSector);
+    dh::fuzz::RequireOnlyChanged(image, host->Get(kImage), allowed, what);
   } else {
     dh::fuzz::RequireNoWrites(*host, {"g.dhb"}, what, true);
   }
