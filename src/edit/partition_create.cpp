@@ -133,9 +133,9 @@ uint64_t MaxSizeFrom(DiskSet& disks, uint64_t start) {
   for (int32_t i = 1; i <= count; ++i) {
     PartitionRecord* p = Primary(disks, i);
     if (!p || p->startLba <= start) continue;
-    // As in FindFreeSpace, the area stops one sector before the partition
-    // that follows.
-    uint64_t room = p->startLba - 1 - start;
+    // The room is the free run the listing shows from `start`: up to the
+    // first sector of the partition that follows.
+    uint64_t room = p->startLba - start;
     if (room < limit) limit = room;
   }
   return limit;

@@ -262,6 +262,9 @@ TEST(EditCreateTest, Options) {
       {one, {"/start=freespace", "/size=2"}, 1, Entry(0, 0x07, 2049, 4)},
       // Slots 0 and 2 used: the new entry goes into slot 1.
       {{Entry(0, 0x07, 63, 1000), kNoEntry, Entry(0, 0x07, 4096, 1000)}, {}, 1, Entry(0, 0x07, 1064, 3031)},
+      // max: the whole free run the listing shows from the start.
+      {{Entry(0, 0x07, 63, 1000), kNoEntry, Entry(0, 0x07, 4096, 1000)}, {"/start=1100", "/size=max"}, 1,
+       Entry(0, 0x07, 1100, 2996)},
   };
   for (const Case& c : cases) {
     e2e::Machine machine;

@@ -136,7 +136,7 @@ TEST_F(PartitionCreateTest, FreeSpaceSearch) {
   for (auto [lba, assigned] : {std::pair{2048u, true}, {3048u, true}, {3049u, false}, {2047u, false}}) {
     EXPECT_EQ(assigned, IsSectorAssigned(*disks, lba)) << lba;
   }
-  EXPECT_EQ(2048u - 1 - 100, MaxSizeFrom(*disks, 100));
+  EXPECT_EQ(2048u - 100, MaxSizeFrom(*disks, 100));
   EXPECT_EQ(8192u - 4000, MaxSizeFrom(*disks, 4000));
   EXPECT_EQ(0u, MaxSizeFrom(*disks, 9000));
 }
