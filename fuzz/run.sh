@@ -1,30 +1,67 @@
 #!/usr/bin/env bash
-# Runs every fuzz target of a DISKHOLD_FUZZ build for the given seconds,
-# two at a time, from the committed seeds (fuzz/corpus/<target>), and fails
-# on any finding: a crash or failed check, a run over 1 s, a leak, a
-# sanitizer report.  New inputs and findings stay in <build-dir>/fuzz-work.
+# Runs every fuzz target of a DISKHOLD_FUZZ build, two at a time, from the
+# committed seeds (fuzz/corpus/<target>), and fails on any finding: a crash
+# or failed check, a hang, a leak, a sanitizer report.  New inputs and
+# findings stay in <build-dir>/fuzz-work; a finding is fixed and then
+# committed as a seed of its target, so that every later run meets it first.
 #
-#   fuzz/run.sh <build-dir> <seconds per target>
+#   fuzz/run.sh <build-dir> <seconds per target>   random runs for a while
+#   fuzz/run.sh <build-dir> --fixed [scale]        what CI runs
+#
+# The timed form is for a developer's machine: each run draws its own
+# random seed, goes as far as the machine's speed allows and stops a run
+# over 1 s.  The fixed form gives the same verdict for the same commit on
+# any machine: every target starts from its seeds in the order of their
+# names, with libFuzzer's seed 1, for the number of executions in the table
+# below (times `scale`, default 1), and only a run over 30 s counts as a
+# hang.  Its closing lines name each target's executions.
 set -uo pipefail
 build=$(realpath "$1")
-seconds=$2
 here=$(cd "$(dirname "$0")" && pwd)
 work="$build/fuzz-work"
 targets="fuzz_argv fuzz_option_file fuzz_machine_file fuzz_mbr fuzz_gpt fuzz_vmdk_descriptor fuzz_vmdk_sparse fuzz_backup fuzz_volume"
+
+# Executions per target in the fixed form: about 40 s each at the speed
+# of a 2-core CI machine with a second target beside it.
+declare -A fixed_runs=(
+  [fuzz_argv]=12000 [fuzz_option_file]=4000 [fuzz_machine_file]=40000 [fuzz_mbr]=8000 [fuzz_gpt]=8000
+  [fuzz_vmdk_descriptor]=6000 [fuzz_vmdk_sparse]=6000 [fuzz_backup]=8000 [fuzz_volume]=8000
+)
+
+if [[ "${2:-}" == "--fixed" ]]; then
+  mode=fixed
+  scale=${3:-1}
+else
+  mode=timed
+  seconds=$2
+fi
 rm -rf "$work"
 mkdir -p "$work"
 
 run_one() {
   local t=$1
   mkdir -p "$work/$t/corpus" "$work/$t/findings"
-  "$build/fuzz/$t" "$work/$t/corpus" "$here/corpus/$t" -max_total_time="$seconds" -timeout=1 -rss_limit_mb=2048 \
-    -detect_leaks=1 -print_final_stats=1 -artifact_prefix="$work/$t/findings/" >"$work/$t/log" 2>&1
+  local limits=(-rss_limit_mb=2048 -detect_leaks=1 -print_final_stats=1 -artifact_prefix="$work/$t/findings/")
+  if [[ $mode == fixed ]]; then
+    # The seeds as a list in name order: a folder would be read in the
+    # order the file system keeps, which differs between machines.
+    (cd "$here/corpus/$t" && LC_ALL=C ls | sed "s|^|$here/corpus/$t/|" | paste -sd, -) >"$work/$t/seeds"
+    "$build/fuzz/$t" "$work/$t/corpus" -seed_inputs=@"$work/$t/seeds" -seed=1 -runs="$runs" -timeout=30 \
+      "${limits[@]}" >"$work/$t/log" 2>&1
+  else
+    "$build/fuzz/$t" "$work/$t/corpus" "$here/corpus/$t" -max_total_time="$seconds" -timeout=1 \
+      "${limits[@]}" >"$work/$t/log" 2>&1
+  fi
   echo $? >"$work/$t/status"
 }
 export -f run_one
-export build seconds here work
+export build here work mode
+export seconds=${seconds:-0}
 
-printf '%s\n' $targets | xargs -P 2 -I{} bash -c 'run_one {}'
+for t in $targets; do
+  runs=$(( ${fixed_runs[$t]} * ${scale:-1} ))
+  printf '%s %s\n' "$t" "$runs"
+done | xargs -P 2 -L 1 bash -c 'runs=$1 run_one "$0"'
 
 failed=0
 for t in $targets; do

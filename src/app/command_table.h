@@ -34,6 +34,11 @@ enum SelectorRules : uint32_t {
   kAnyPartNumber = 1u << 0,     // a number beyond the disk's partitions (or 0) too
   kAllPartitionsOk = 1u << 1,   // part=*
   kAllDisksOk = 1u << 2,        // disk=*
+  // The command's work is the whole disk or sector 0: a partition number is
+  // checked only when one was given (save= and restore= of a volume boot
+  // record work on a partition all the same), so that a disk without
+  // partitions can be backed up, read and wiped.
+  kWholeDisk = 1u << 3,
 };
 
 using ParseFn = void (*)(const std::string& argument, const std::string& value);

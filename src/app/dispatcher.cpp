@@ -20,7 +20,9 @@ void DispatchCommand(CommandContext& c) {
       o.diskNumber = 0;
       o.diskExplicit = false;
     }
-    if (o.partNumber == kPartNotGiven) o.partNumber = 1;
+    const bool partGiven = o.partNumber != kPartNotGiven;
+    if (!partGiven) o.partNumber = 1;
+    const bool wholeDisk = (rules & kWholeDisk) != 0 && o.areaKind != kAreaVbr;
     if (o.sectorNumber == kSectorNotGiven) o.sectorNumber = 0;
 
     bool selected = false;
@@ -45,12 +47,19 @@ void DispatchCommand(CommandContext& c) {
         // On a GPT disk this counts its entries.
         const int32_t count = PartitionCount(disks, kKindAll);
         const bool inRange = o.partNumber >= 1 && o.partNumber <= count;
-        if (!inRange && (rules & kAnyPartNumber) == 0) SetResultIfNone(kInvalidPartition);
+        if (!inRange && (rules & kAnyPartNumber) == 0 && (partGiven || !wholeDisk)) SetResultIfNone(kInvalidPartition);
       }
     }
 
     if (o.diskNumber == kAllDisks && (rules & kAllDisksOk) == 0) SetResultIfNone(kAllDisksNotAllowed);
     if (o.partNumber == kAllPartitions && (rules & kAllPartitionsOk) == 0) SetResultIfNone(kAllPartitionsNotAllowed);
+
+    // A command that would write is refused before its question on a disk
+    // that opened for reading only; what writes without a question meets
+    // the same refusal at its first write.
+    if (s.resultCode == kSuccess && selected && disks.WritesRefused() && !ConfirmActionText(o, disks).empty()) {
+      SetResultIfNone(kVmdkReadOnly);
+    }
 
     if (s.resultCode == kSuccess) {
       if (!o.confirmed && !ConfirmCommand(o, disks, c.out)) {

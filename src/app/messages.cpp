@@ -99,6 +99,7 @@ const CodeText kCodeTexts[] = {
     {303, "Unable to open a required file for the specified virtual disk"},
     {304, "Unable to determine the specific virtual disk type"},
     {305, "Unable to locate a valid MBR in the virtual disk file"},
+    {306, "The virtual disk's grain tables are damaged: it opens for reading only and nothing was written"},
     {501, "An invalid/missing disk device was detected"},
     {502, "Could not read from the device number"},
     {503, "The MBR is missing or corrupt"},

@@ -147,6 +147,10 @@ int32_t RunDiskhold(int argc, char** argv) {
     CommandContext context{o, s, *disks, StdOut(), frame, codePage};
     DispatchCommand(context);
     if (o.command == kCmdBootMenu && s.resultCode == kSuccess) RunBootMenuStep(context);
+    // A write refused because the disk opened for reading only is the
+    // run's failure, whatever the command made of it (a write error, an
+    // unfinished wipe).
+    if (disks->WriteWasRefused()) s.resultCode = kVmdkReadOnly;
     PrintFinalReport(disks->currentDisk);
   }
 

@@ -74,6 +74,7 @@ enum MBRERRORS : int32_t {
   kVmdkOpenFailed = 303,
   kVmdkUnknownType = 304,
   kVmdkNoMbr = 305,
+  kVmdkReadOnly = 306,
   kInvalidDevice = 501,
   kDeviceReadFailed = 502,
   kMbrCorrupt = 503,

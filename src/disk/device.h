@@ -51,6 +51,7 @@ class DeviceHandle : public SectorDevice {
   void StartWriteback(uint64_t offset, uint64_t bytes) override;
   platform::File* CloneSource() override;
   bool CloneFrom(SectorDevice& source, uint64_t from, uint64_t to, uint64_t bytes) override;
+  bool WritesRefused() override { return file_ != nullptr && file_->WritesRefused(); }
 
   platform::File* file() { return file_.get(); }
 

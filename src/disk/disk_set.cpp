@@ -59,7 +59,11 @@ SectorDevice& DiskSet::RawDevice() {
   return device;
 }
 
-bool DiskSet::Guard::Permitted(uint64_t offset, uint64_t bytes) const {
+bool DiskSet::Guard::Permitted(uint64_t offset, uint64_t bytes) {
+  if (owner_.RawDevice().WritesRefused()) {
+    owner_.writeRefused_ = true;
+    return false;
+  }
   const WritePlan* plan = owner_.plan_;
   if (plan == nullptr || bytes == 0) return plan != nullptr;
   if (offset > UINT64_MAX - bytes) return false;
@@ -116,6 +120,7 @@ void DiskSet::SelectDisk(int32_t index) {
   deviceName.clear();
   devicePath = PhysicalDrivePath(diskTable[index]);
   if (!OpenDisk(device, diskTable[index])) RecordError(kDiskAccessFailed);
+  if (device.file() != nullptr) RecordError(device.file()->UnusableReason());
   LoadDisk(true);
   firstSelection_ = false;
 }

@@ -65,6 +65,10 @@ class DiskSet {
   SectorDevice& Device() { return guard_; }
   const WritePlan* writePlan() const { return plan_; }
   void SetWritePlan(const WritePlan* plan) { plan_ = plan; }
+  // Whether the current disk refuses every write (a VMware disk whose grain
+  // tables are damaged), and whether a write of this run was refused so.
+  bool WritesRefused() { return RawDevice().WritesRefused(); }
+  bool WriteWasRefused() const { return writeRefused_; }
   // The physical drive's handle (ioctls); null while a virtual disk is current.
   DeviceHandle* PhysicalDevice() { return isVirtual ? nullptr : &device; }
 
@@ -136,12 +140,13 @@ class DiskSet {
     bool CloneFrom(SectorDevice& source, uint64_t from, uint64_t to, uint64_t bytes) override;
 
    private:
-    bool Permitted(uint64_t offset, uint64_t bytes) const;
+    bool Permitted(uint64_t offset, uint64_t bytes);
     DiskSet& owner_;
   };
 
   Guard guard_{*this};
   const WritePlan* plan_ = nullptr;
+  bool writeRefused_ = false;
   DiskDrivers drivers_;
   // Cleared by the first selection; while set, selecting the current index
   // loads it all the same.

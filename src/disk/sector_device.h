@@ -52,6 +52,10 @@ class SectorDevice {
   // `source` by sharing the file system's blocks.  False when it cannot;
   // the caller then reads and writes.
   virtual bool CloneFrom(SectorDevice& source, uint64_t from, uint64_t to, uint64_t bytes);
+
+  // Whether the device refuses every write (a disk file whose layout was
+  // found damaged when it opened).
+  virtual bool WritesRefused() { return false; }
 };
 
 // Reads until `bytes` bytes are in, the data ends or a transfer fails.

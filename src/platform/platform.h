@@ -112,6 +112,17 @@ class File {
   // then copies by reading and writing.  A refusal is no failure: it leaves
   // the last error as it was.  Not durable until Flush.
   virtual bool CloneFrom(File& source, uint64_t from, uint64_t to, uint64_t bytes);
+
+  // Whether every write is refused whatever the caller asks: a container
+  // whose layout was found damaged when it opened reads, but a write might
+  // land where no one asked for it.
+  virtual bool WritesRefused() { return false; }
+  // A drive whose image is a container that was recognised but cannot be
+  // used (a VMware disk of a kind the program does not take): the code the
+  // program gives for it when the container is named directly, so that
+  // every way of naming the file ends alike.  Its transfers all fail.  0
+  // for every usable file.
+  virtual int32_t UnusableReason() { return 0; }
 };
 
 // A file that is no device: every DeviceIoControl query fails, as Windows
@@ -278,8 +289,9 @@ class Machine {
 // layer above this one; the program hands its opener over once, before the
 // machine is created.  It answers false when the file at `path` is no such
 // container (the image is then used as it is), true otherwise, with `file`
-// the disk the container holds, or null and `why` telling why it cannot be
-// used.  Files are opened through `files`.
+// the disk the container holds, or, when it cannot be used, `why` telling
+// why and `file` null or a file whose UnusableReason gives the program's
+// code.  Files are opened through `files`.
 using ImageOpener = bool (*)(Machine& files, const std::string& path, bool writable, std::unique_ptr<File>* file,
                              std::string* why);
 void SetImageOpener(ImageOpener opener);

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/le.h"
+#include "base/warn.h"
 #include "vdisk/vmdk_descriptor.h"
 #include "vdisk/vmdk_extent.h"
 
@@ -40,13 +41,37 @@ bool ReadUpTo(platform::File* file, uint64_t offset, uint8_t* buffer, uint32_t b
   return true;
 }
 
+// A VMware disk file that cannot be used, as a drive's image: nothing to
+// read or write, and the code that names the file's fault.
+class UnusableImage : public platform::PlainFile {
+ public:
+  explicit UnusableImage(ResultCode code) : code_(code) {}
+  bool Seek(uint64_t) override { return true; }
+  bool Read(void*, uint32_t, uint32_t* done) override { return Nothing(done); }
+  bool Write(const void*, uint32_t, uint32_t* done) override { return Nothing(done); }
+  bool Flush() override { return true; }
+  bool Size(uint64_t* bytes) override {
+    *bytes = 0;
+    return true;
+  }
+  int32_t UnusableReason() override { return code_; }
+
+ private:
+  static bool Nothing(uint32_t* done) {
+    if (done != nullptr) *done = 0;
+    return false;
+  }
+  ResultCode code_;
+};
+
 void Record(VmdkDisk& disk, ResultCode code) {
   if (disk.errorCode == kSuccess) disk.errorCode = code;
 }
 
 // The descriptor text whose extent lines lay out the disk: a text file
 // whole, or the region a sparse header names.
-ResultCode ReadDescriptorText(platform::File* file, std::string* text) {
+ResultCode ReadDescriptorText(platform::File* file, std::string* text, bool* embedded) {
+  *embedded = false;
   uint64_t fileBytes = 0;
   if (!file->Size(&fileBytes)) return kVmdkOpenFailed;
   uint8_t sector[kSector] = {};
@@ -59,6 +84,7 @@ ResultCode ReadDescriptorText(platform::File* file, std::string* text) {
     const ResultCode rc = ParseSparseHeader(sector, fileBytes / kSector, &header);
     if (rc != kSuccess) return rc;
     if (header.descriptorSize == 0) return kVmdkUnknownType;
+    *embedded = true;
     offset = header.descriptorOffset * kSector;
     bytes = header.descriptorSize * kSector;
   }
@@ -83,8 +109,11 @@ void HandleDescriptorBlock(VmdkDisk& disk, const uint8_t* block, platform::Machi
     disk.dataStartKnown = disk.diskType >= kTypeMonolithicFlat && disk.diskType <= kTypeMonolithicSparse;
 
     std::string extent;
-    if (FindQuotedValue(block, kBlockSize, "SPARSE \"", &extent) ||
-        FindQuotedValue(block, kBlockSize, "FLAT \"", &extent)) {
+    if (disk.embeddedDescriptor) {
+      // An embedded descriptor: the data is the file's own.
+      disk.dataPath = disk.descriptorPath;
+    } else if (FindQuotedValue(block, kBlockSize, "SPARSE \"", &extent) ||
+               FindQuotedValue(block, kBlockSize, "FLAT \"", &extent)) {
       disk.dataPath = ExtentPath(disk.descriptorPath, extent);
     }
   }
@@ -137,6 +166,7 @@ std::unique_ptr<VmdkDisk> OpenVmdk(const std::string& path, platform::Machine& f
   }
   disk->dataStartKnown = false;
   disk->dataStartSector = LoadLe32(block + kHeaderOverheadOffset);
+  disk->embeddedDescriptor = more && std::memcmp(block, kSparseMagic, kSparseMagicSize) == 0;
 
   uint64_t offset = got;
   more = more && got != 0;
@@ -172,17 +202,21 @@ void OpenDataFile(VmdkDisk& disk, platform::Machine& files, bool writable) {
   data.reset();  // the layout opens every extent file itself
 
   std::string text;
-  ResultCode rc = ReadDescriptorText(disk.descriptorFile.file(), &text);
+  bool embedded = false;
+  ResultCode rc = ReadDescriptorText(disk.descriptorFile.file(), &text, &embedded);
   std::unique_ptr<VmdkFile> layout;
   if (rc == kSuccess) {
     const FileOpener opener = [&files](const std::string& path, bool forWriting) {
       return files.Open(path, ModeFor(forWriting));
     };
-    rc = VmdkFile::Open(text, disk.descriptorPath, opener, writable, &layout);
+    rc = VmdkFile::Open(text, disk.descriptorPath, embedded, opener, writable, &layout);
   }
   if (rc != kSuccess) {
     Record(disk, rc);
     return;
+  }
+  if (!layout->Damage().empty()) {
+    Warn(layout->Damage() + "; the disk opens for reading only and every write to it is refused");
   }
   disk.device.Attach(std::move(layout), disk.descriptorPath);
   uint32_t got = 0;
@@ -211,8 +245,10 @@ bool OpenVmdkImage(platform::Machine& files, const std::string& path, bool writa
   std::unique_ptr<VmdkDisk> disk = OpenVmdk(path, files, writable);
   if (!disk->opened || disk->errorCode != kSuccess) {
     char text[96];
-    std::snprintf(text, sizeof text, "not a usable VMware disk (error %d)", static_cast<int>(disk->errorCode));
+    const ResultCode code = disk->errorCode != kSuccess ? disk->errorCode : kVmdkUnknownType;
+    std::snprintf(text, sizeof text, "not a usable VMware disk (error %d)", static_cast<int>(code));
     *why = text;
+    *file = std::make_unique<UnusableImage>(code);
     return true;
   }
   *file = disk->device.Detach();

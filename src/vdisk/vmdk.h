@@ -30,6 +30,8 @@ class VmdkDisk : public VirtualDisk {
   uint32_t dataStartSector = 0;
   uint8_t sector0Image[512] = {};
   std::string descriptorPath;
+  // The descriptor is embedded in a sparse file, which is then the data.
+  bool embeddedDescriptor = false;
   std::string dataPath;
   DeviceHandle descriptorFile;
   bool mbrValid = false;

@@ -7,8 +7,11 @@
 #include "vdisk/vmdk_extent.h"
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <map>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -53,6 +56,23 @@ bool WriteExactly(platform::File* file, uint64_t offset, const uint8_t* buffer, 
 bool RunFits(uint64_t start, uint64_t count, uint64_t limit) { return start <= limit && count <= limit - start; }
 
 uint64_t CeilDiv(uint64_t a, uint64_t b) { return a / b + (a % b != 0 ? 1 : 0); }
+
+// The bitmap of the file's grains that the check at open keeps: at most
+// 32 MiB.  A file with more grains than that (a tiny grain size in a huge
+// file) is checked with a sorted list instead.
+constexpr uint64_t kMaxBitmapSlots = 1ull << 28;
+
+unsigned long long Ull(uint64_t value) { return static_cast<unsigned long long>(value); }
+
+std::string Text(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string Text(const char* format, ...) {
+  char buffer[256];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(buffer, sizeof buffer, format, args);
+  va_end(args);
+  return buffer;
+}
 
 bool AllZero(const uint8_t* data, uint32_t bytes) {
   for (uint32_t i = 0; i < bytes; ++i) {
@@ -125,6 +145,11 @@ class SparseExtent {
     *out = std::move(extent);
     return kSuccess;
   }
+
+  // What the check at open found wrong with the grain directories and
+  // tables (the first problem met), or empty.  Such an extent reads, but
+  // must never be written: a write could land in the wrong place.
+  const std::string& Problem() const { return problem_; }
 
   bool Read(uint64_t offset, uint8_t* buffer, uint32_t bytes) {
     return ForEachGrain(offset, bytes, [&](uint64_t grain, uint32_t inGrain, uint32_t done, uint32_t count) {
@@ -240,7 +265,9 @@ class SparseExtent {
     runs.emplace_back(h_.gdOffset, h_.gdSectors);
     if (h_.redundant) runs.emplace_back(h_.rgdOffset, h_.gdSectors);
     for (size_t t = 0; t < gd_.size(); ++t) {
-      if (h_.redundant && (gd_[t] != 0) != (rgd_[t] != 0)) return kVmdkUnknownType;
+      if (h_.redundant && (gd_[t] != 0) != (rgd_[t] != 0) && twinProblem_.empty()) {
+        twinProblem_ = Text("grain table %zu is in %s grain directory only", t, gd_[t] != 0 ? "the primary" : "the redundant");
+      }
       if (gd_[t] != 0) runs.emplace_back(gd_[t], h_.gtSectors);
       if (h_.redundant && rgd_[t] != 0) runs.emplace_back(rgd_[t], h_.gtSectors);
     }
@@ -263,16 +290,120 @@ class SparseExtent {
     return true;
   }
 
-  // Every entry of every primary table, once, at open.
+  // Every entry of every table, once, at open: each allocated grain lies in
+  // the file after the metadata, its redundant entry says the same, and no
+  // two grains share a sector of the file (one write would then show at two
+  // places of the disk).  Grains that start on a grain boundary of the file
+  // (all of them, in files that VMware and qemu write) are marked in a
+  // bitmap of the file's grains; the others are kept in a list, sorted at
+  // the end.  The primary tables, which reads follow, come first: their
+  // first problem is kept in problem_ and ends the check; a redundant copy
+  // that disagrees is named only when the primary tables are sound.  A
+  // table that cannot be read refuses the file.
   ResultCode CheckTables() {
+    const ResultCode rc = CheckPrimaryTables();
+    if (problem_.empty()) problem_ = twinProblem_;
+    return rc;
+  }
+
+  ResultCode CheckPrimaryTables() {
+    const uint64_t grainSize = h_.grainSize;
+    // Grains start below 2^32 sectors, whatever the file's size.
+    const uint64_t reach = std::min<uint64_t>(fileSectors_, uint64_t{UINT32_MAX} + 1);
+    const uint64_t slots = CeilDiv(reach, grainSize);
+    const bool useBitmap = slots <= kMaxBitmapSlots;
+    std::vector<bool> used(useBitmap ? static_cast<size_t>(slots) : 0);
+    std::vector<uint32_t> unaligned;
+    std::vector<uint8_t> redundant;
     for (size_t t = 0; t < gd_.size(); ++t) {
       if (gd_[t] == 0) continue;
       if (!LoadTable(t)) return kVmdkUnknownType;
-      for (uint32_t i = 0; i < h_.gtesPerGt; ++i) {
-        // Entries past the capacity are never used.
-        if (t * h_.gtesPerGt + i >= h_.grains) break;
-        if (!EntryValid(LoadLe32(table_.data() + i * kGteBytes))) return kVmdkUnknownType;
+      const bool twin = h_.redundant && rgd_[t] != 0 && twinProblem_.empty();
+      if (twin) {
+        redundant.resize(table_.size());
+        if (!ReadExactly(file_, static_cast<uint64_t>(rgd_[t]) * kSector, redundant.data(),
+                         static_cast<uint32_t>(redundant.size()))) {
+          return kVmdkUnknownType;
+        }
       }
+      for (uint32_t i = 0; i < h_.gtesPerGt; ++i) {
+        const uint64_t grain = t * h_.gtesPerGt + i;
+        // Entries past the capacity are never used.
+        if (grain >= h_.grains) break;
+        const uint32_t gte = LoadLe32(table_.data() + i * kGteBytes);
+        if (twin) {
+          const uint32_t copy = LoadLe32(redundant.data() + i * kGteBytes);
+          if (copy != gte && twinProblem_.empty()) {
+            twinProblem_ = Text("the grain table entry of grain %llu points at sector %u, its redundant copy at sector %u",
+                                Ull(grain), gte, copy);
+          }
+        }
+        if (!Allocated(gte)) continue;
+        if (gte < h_.overhead) {
+          problem_ = Text("the grain table entry of grain %llu points at sector %u, inside the metadata (sectors 0-%llu)",
+                          Ull(grain), gte, Ull(h_.overhead - 1));
+          return kSuccess;
+        }
+        if (gte >= fileSectors_) {
+          problem_ = Text("the grain table entry of grain %llu points at sector %u, past the file's end (%llu sectors)",
+                          Ull(grain), gte, Ull(fileSectors_));
+          return kSuccess;
+        }
+        if (useBitmap && gte % grainSize == 0) {
+          const auto slot = static_cast<size_t>(gte / grainSize);
+          if (used[slot]) return NoteShared(gte);
+          used[slot] = true;
+        } else if (unaligned.size() <= slots + 1) {
+          // More grains than the file holds share sectors anyway: the list
+          // never needs to grow past that.
+          unaligned.push_back(gte);
+        }
+      }
+    }
+    // A grain off the boundaries covers parts of two bitmap grains.
+    for (uint32_t gte : unaligned) {
+      if (!useBitmap) break;
+      const uint64_t slot = gte / grainSize;
+      if (used[static_cast<size_t>(slot)]) return NoteShared(gte);
+      if (slot + 1 < slots && used[static_cast<size_t>(slot + 1)]) return NoteShared((slot + 1) * grainSize);
+    }
+    std::sort(unaligned.begin(), unaligned.end());
+    for (size_t i = 1; i < unaligned.size(); ++i) {
+      if (unaligned[i] - unaligned[i - 1] < grainSize) return NoteShared(unaligned[i]);
+    }
+    return kSuccess;
+  }
+
+  // Names the first two grains (in grain order) whose storage holds file
+  // sector `sector`: the check met a sector that two grains share.
+  ResultCode NoteShared(uint64_t sector) {
+    uint64_t found[2] = {};
+    uint32_t at[2] = {};
+    int count = 0;
+    for (uint64_t grain = 0; grain < h_.grains && count < 2; ++grain) {
+      const uint64_t t = grain / h_.gtesPerGt;
+      if (gd_[t] == 0) {
+        grain = (t + 1) * h_.gtesPerGt - 1;
+        continue;
+      }
+      if (!LoadTable(t)) return kVmdkUnknownType;
+      const uint32_t gte = LoadLe32(table_.data() + (grain % h_.gtesPerGt) * kGteBytes);
+      if (!Allocated(gte) || gte > sector || sector - gte >= h_.grainSize) continue;
+      found[count] = grain;
+      at[count] = gte;
+      ++count;
+    }
+    if (count < 2) return kVmdkUnknownType;  // the tables changed under us
+    const uint64_t per = h_.gtesPerGt;
+    const auto [t0, e0, t1, e1] = std::make_tuple(found[0] / per, found[0] % per, found[1] / per, found[1] % per);
+    if (at[0] == at[1]) {
+      problem_ = Text("the grain table entries of grains %llu and %llu (table %llu entry %llu, table %llu entry %llu) "
+                      "both point at sector %u",
+                      Ull(found[0]), Ull(found[1]), Ull(t0), Ull(e0), Ull(t1), Ull(e1), at[0]);
+    } else {
+      problem_ = Text("the grains %llu and %llu (table %llu entry %llu at sector %u, table %llu entry %llu at sector %u) "
+                      "overlap in the file",
+                      Ull(found[0]), Ull(found[1]), Ull(t0), Ull(e0), at[0], Ull(t1), Ull(e1), at[1]);
     }
     return kSuccess;
   }
@@ -338,6 +469,8 @@ class SparseExtent {
   platform::File* file_;
   uint64_t fileSectors_;
   SparseHeader h_;
+  std::string problem_;
+  std::string twinProblem_;
   std::vector<uint32_t> gd_;
   std::vector<uint32_t> rgd_;
   uint64_t cachedTable_ = UINT64_MAX;
@@ -346,8 +479,8 @@ class SparseExtent {
 
 VmdkFile::~VmdkFile() = default;
 
-ResultCode VmdkFile::Open(std::string_view descriptorText, const std::string& descriptorPath, const FileOpener& opener,
-                          bool writable, std::unique_ptr<VmdkFile>* out) {
+ResultCode VmdkFile::Open(std::string_view descriptorText, const std::string& descriptorPath, bool embedded,
+                          const FileOpener& opener, bool writable, std::unique_ptr<VmdkFile>* out) {
   std::vector<ExtentLine> lines;
   ResultCode rc = ParseExtentLines(descriptorText, &lines);
   if (rc != kSuccess) return rc;
@@ -358,8 +491,14 @@ ResultCode VmdkFile::Open(std::string_view descriptorText, const std::string& de
   std::map<std::string, size_t> byPath;
   std::map<std::string, int> uses;
   std::map<std::string, std::vector<std::pair<uint64_t, uint64_t>>> flatRuns;
+  // A descriptor embedded in a sparse file describes that file: its sparse
+  // extent is the file itself, whatever name the text gives (a copy of the
+  // file keeps the name of the original).
+  auto pathOf = [&](const ExtentLine& line) {
+    return embedded && line.kind == ExtentKind::Sparse ? descriptorPath : ExtentPath(descriptorPath, line.fileName);
+  };
   for (const ExtentLine& line : lines) {
-    if (line.kind != ExtentKind::Zero) ++uses[ExtentPath(descriptorPath, line.fileName)];
+    if (line.kind != ExtentKind::Zero) ++uses[pathOf(line)];
   }
 
   uint64_t sectors = 0;
@@ -372,7 +511,7 @@ ResultCode VmdkFile::Open(std::string_view descriptorText, const std::string& de
     extent.firstByte = (sectors - line.sectors) * kSector;
     extent.bytes = line.sectors * kSector;
     if (line.kind != ExtentKind::Zero) {
-      const std::string path = ExtentPath(descriptorPath, line.fileName);
+      const std::string path = pathOf(line);
       // A sparse extent is a whole file of its own, and the descriptor's
       // own file holds data only as the sparse extent it embeds.
       if (line.kind == ExtentKind::Sparse && uses[path] != 1) return kVmdkUnknownType;
@@ -392,7 +531,7 @@ ResultCode VmdkFile::Open(std::string_view descriptorText, const std::string& de
       if (!RunFits(line.offset, line.sectors, fileBytes / kSector)) return kVmdkUnknownType;
       // Two runs over the same sectors of a file would make one write show
       // at two places of the disk.
-      std::vector<std::pair<uint64_t, uint64_t>>& runs = flatRuns[ExtentPath(descriptorPath, line.fileName)];
+      std::vector<std::pair<uint64_t, uint64_t>>& runs = flatRuns[pathOf(line)];
       for (const auto& [first, end] : runs) {
         if (line.offset < end && first < line.offset + line.sectors) return kVmdkUnknownType;
       }
@@ -400,6 +539,9 @@ ResultCode VmdkFile::Open(std::string_view descriptorText, const std::string& de
     } else if (line.kind == ExtentKind::Sparse) {
       rc = SparseExtent::Open(extent.file, line.sectors, &extent.sparse);
       if (rc != kSuccess) return rc;
+      if (disk->damage_.empty() && !extent.sparse->Problem().empty()) {
+        disk->damage_ = pathOf(line) + ": " + extent.sparse->Problem();
+      }
     }
     if (line.sectors != 0) disk->extents_.push_back(std::move(extent));
   }
@@ -506,7 +648,7 @@ bool VmdkFile::NextData(uint64_t offset, uint64_t* start, uint64_t* end) {
 
 bool VmdkFile::Write(const void* buffer, uint32_t bytes, uint32_t* done) {
   if (done != nullptr) *done = 0;
-  if (!writable_) return false;
+  if (!writable_ || !damage_.empty()) return false;
   if (bytes == 0) return true;
   // A disk does not grow: a write past its end is refused whole.
   if (position_ >= capacityBytes_ || bytes > capacityBytes_ - position_) return false;

@@ -83,11 +83,12 @@ class SparseExtent;
 class VmdkFile : public platform::PlainFile {
  public:
   // Builds the layout from a descriptor's extent lines; extent file names
-  // are taken relative to the folder of `descriptorPath`.  303 when an
-  // extent file does not open, 304 when a line, header or table cannot be
-  // right.  Nothing is written.
-  static ResultCode Open(std::string_view descriptorText, const std::string& descriptorPath, const FileOpener& opener,
-                         bool writable, std::unique_ptr<VmdkFile>* out);
+  // are taken relative to the folder of `descriptorPath`; a descriptor
+  // `embedded` in a sparse file has that file as its sparse extent.  303
+  // when an extent file does not open, 304 when a line, header or table
+  // cannot be right.  Nothing is written.
+  static ResultCode Open(std::string_view descriptorText, const std::string& descriptorPath, bool embedded,
+                         const FileOpener& opener, bool writable, std::unique_ptr<VmdkFile>* out);
   ~VmdkFile() override;
 
   uint64_t CapacityBytes() const { return capacityBytes_; }
@@ -100,6 +101,13 @@ class VmdkFile : public platform::PlainFile {
   // Data lies only in grains with storage and in the data of flat extents'
   // files; ZERO extents and grains without storage read as zeros.
   bool NextData(uint64_t offset, uint64_t* start, uint64_t* end) override;
+  // A sparse extent whose grain tables failed the check at open (a grain
+  // outside the file or in its metadata, two grains sharing sectors, tables
+  // that disagree with their redundant copies): the disk reads, with the
+  // damaged grains failing, and refuses every write before it starts.
+  bool WritesRefused() override { return !damage_.empty(); }
+  // The first problem found, "FILE: what is wrong"; empty when none.
+  const std::string& Damage() const { return damage_; }
 
  private:
   struct Extent {
@@ -123,6 +131,7 @@ class VmdkFile : public platform::PlainFile {
   uint64_t capacityBytes_ = 0;
   uint64_t position_ = 0;
   bool writable_ = false;
+  std::string damage_;
 };
 
 }  // namespace dh::vmdk

@@ -538,3 +538,38 @@ TEST_F(SectorsTest, GptAreasOnGptAndMbrDisks) {
 }
 
 }  // namespace
+
+namespace {
+
+// Commands whose work is the whole disk or sector 0 run on a disk with a
+// table but no partition, and on a blank disk, without the default
+// partition 1 getting in their way; a partition number given explicitly is
+// still checked, and so is the partition of a boot-record backup.
+TEST(WholeDiskCommands, RunOnDisksWithoutPartitions) {
+  for (bool blank : {false, true}) {
+    e2e::Machine m;
+    e2e::Image& disk = m.AddDrive(0, 4096);
+    if (!blank) disk.Write(0, e2e::Mbr({}, 0x11223344));
+    const std::vector<Args> works = {
+        {"/signature=Read"}, {"/status"}, {"/save=mbr", "/filename=m.dhb"}, {"/save=track0", "/filename=t.dhb"},
+        {"/save=disk", "/filename=d.dhb"}, {"/save=range", "/range=0-8", "/filename=r.dhb"},
+        {"/show=sector", "/sector=0"}, {"/info"}, {"/writeini", "/filename=w.ini"},
+        {"/copy", "/source=1", "/target=2", "/confirm"}, {"/compare", "/source=1", "/target=2"},
+        {"/wipe=range", "/range=100-110", "/confirm"}, {"/status=0", "/confirm"}, {"/repair=pt"},
+        {"/restore=disk", "/filename=d.dhb", "/confirm"}};
+    for (Args args : works) {
+      // What lives in an MBR needs one.
+      const bool needsMbr = args[0] == "/signature=Read" || args[0] == "/status" || args[0] == "/status=0";
+      if (blank && needsMbr) continue;
+      args.push_back("/result");
+      const e2e::Result r = m.Run(args);
+      // show=sector of a sector without 55 AA answers as it always does.
+      const int expected = blank && args[0] == "/show=sector" ? 510 : 0;
+      EXPECT_EQ(ResultOf(r), expected) << (blank ? "blank: " : "empty table: ") << args[0] << "\n" << r.out;
+    }
+    EXPECT_EQ(ResultOf(m.Run({"/save=mbr", "/part=2", "/filename=x.dhb", "/result"})), 106);
+    EXPECT_EQ(ResultOf(m.Run({"/save=vbr", "/filename=x.dhb", "/result"})), 106);
+  }
+}
+
+}  // namespace

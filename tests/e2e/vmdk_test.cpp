@@ -6,6 +6,7 @@
 // of a machine file and of DISKHOLD_DISKS; files that are refused.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
@@ -208,8 +209,87 @@ TEST_F(VmdkDrives, FilesThatAreNoUsableVmwareDiskEndWithTheirCode) {
     const Result r = Run({"/list", "/result"}, file);
     EXPECT_EQ(ResultOf(r), code) << file << "\n" << r.out;
     EXPECT_EQ(ResultOf(Run({"/wipe=mbr", "/confirm", "/result"}, file)), code) << file;
+    // The same VMware file as the drive of DISKHOLD_DISKS and of a machine
+    // file (a file that is no VMware disk is a raw image there).
+    if (std::string(file) == "text.vmdk") continue;
+    Machine own;
+    own.AddText("\n[drive 0]\nimage = " + m.PathOf(file) + "\n");
+    for (const Args& args : {Args{"/list", "/result"}, Args{"/wipe=mbr", "/confirm", "/result"}}) {
+      const Result listed = e2e::RunProgram(e2e::DiskholdPath(), args, "", "", m.dir(), {{"DISKHOLD_DISKS", file}});
+      EXPECT_EQ(ResultOf(listed), code) << file << " in DISKHOLD_DISKS\n" << listed.out << listed.err;
+      EXPECT_EQ(ResultOf(own.Run(args)), code) << file << " as a drive";
+    }
   }
   EXPECT_EQ(Sh("cd '" + m.dir() + "' && md5sum *.vmdk"), before);
+}
+
+// A sparse file whose grain tables qemu-img made and this test damaged:
+// the disk lists and shows sectors, names the damage once on standard
+// error, and refuses every write before anything is written, whether it is
+// a drive of the machine or named by /disk=.
+TEST_F(VmdkDrives, DamagedGrainTablesOpenForReadingOnly) {
+  MakeRaw(8192);
+  Sh("printf 'label: dos\\nstart=63, size=4000, type=7\\n' | sfdisk -q '" + Raw() + "'");
+  // Data in grain 20 (128 sectors per grain), beside grain 0.
+  Sh("dd if=/dev/urandom of='" + Raw() + "' bs=512 seek=2600 count=8 conv=notrunc status=none");
+  const std::string clean = m.PathOf("clean.vmdk");
+  Sh("qemu-img convert -f raw -O vmdk -o subformat=monolithicSparse '" + Raw() + "' '" + clean + "'");
+  // The primary and redundant entries of grains 0 and 20, from the header's
+  // directory offsets (sectors at bytes 56 and 48): the table of each
+  // directory's first entry.
+  auto tableOf = [&](int dirOffsetByte) {
+    return std::stoull(Sh("od -An -tu4 -j $(( $(od -An -tu8 -j" + std::to_string(dirOffsetByte) + " -N8 '" + clean +
+                          "') * 512 )) -N4 '" + clean + "'"));
+  };
+  const uint64_t gt = tableOf(56);
+  const uint64_t rgt = tableOf(48);
+  auto entry = [&](uint64_t table, int grain) { return std::to_string(table * 512 + grain * 4); };
+  auto poke = [](const std::string& file, const std::string& at, uint32_t value) {
+    std::fstream f(file, std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(std::stoll(at));
+    for (int i = 0; i < 4; ++i) f.put(static_cast<char>(value >> (8 * i)));
+  };
+  const uint32_t grain0 = static_cast<uint32_t>(std::stoul(Sh("od -An -tu4 -j" + entry(gt, 0) + " -N4 '" + clean + "'")));
+  struct Damage {
+    const char* name;
+    std::vector<std::pair<uint64_t, uint32_t>> entries;  // table, grain 20's new entry
+    const char* warning;
+  };
+  const std::vector<Damage> cases = {
+      {"aliased", {{gt, grain0}, {rgt, grain0}},
+       "grains 0 and 20 (table 0 entry 0, table 0 entry 20) both point at sector "},
+      {"past-end", {{gt, 0x100000}, {rgt, 0x100000}}, "grain 20 points at sector 1048576, past the file's end"},
+      {"metadata", {{gt, 1}, {rgt, 1}}, "grain 20 points at sector 1, inside the metadata"},
+      {"twin", {{rgt, 0}}, "its redundant copy at sector 0"},
+  };
+  for (const Damage& d : cases) {
+    const std::string name = std::string(d.name) + ".vmdk";
+    Sh("cp '" + clean + "' '" + m.PathOf(name) + "'");
+    for (const auto& [table, value] : d.entries) poke(m.PathOf(name), entry(table, 20), value);
+    const std::string before = Sh("md5sum '" + m.PathOf(name) + "'");
+    // By path on a machine whose drive is the raw disk, and as the only
+    // drive of a machine of its own.
+    Machine own;
+    own.AddText("\n[drive 0]\nimage = " + m.PathOf(name) + "\n");
+    for (const Machine* on : {&m, &own}) {
+      const std::string disk = on == &m ? "/disk=" + name : "/disk=0";
+      const Result list = on->Run({"/list", disk, "/result"});
+      EXPECT_EQ(ResultOf(list), 0) << d.name << list.out;
+      EXPECT_NE(list.err.find("diskhold: warning: "), std::string::npos) << d.name << list.err;
+      EXPECT_NE(list.err.find(name + ": "), std::string::npos) << d.name << list.err;
+      EXPECT_NE(list.err.find(d.warning), std::string::npos) << d.name << list.err;
+      EXPECT_EQ(list.err.find('\n'), list.err.size() - 1) << "one warning line\n" << list.err;
+      EXPECT_EQ(ResultOf(on->Run({"/show=sector", "/sector=0", disk, "/result"})), 0) << d.name;
+      for (const Args& write : {Args{"/hide", "/part=1", "/confirm"}, Args{"/status=9", "/confirm"},
+                                Args{"/create", "/size=max"}, Args{"/wipe=range", "/range=3000-3100", "/confirm"}}) {
+        Args args = write;
+        args.insert(args.end(), {disk, "/result"});
+        const Result r = on->Run(args);
+        EXPECT_EQ(ResultOf(r), 306) << d.name << " " << write[0] << "\n" << r.out;
+      }
+    }
+    EXPECT_EQ(Sh("md5sum '" + m.PathOf(name) + "'"), before) << d.name;
+  }
 }
 
 }  // namespace

@@ -303,9 +303,6 @@ TEST_F(VmdkTest, HostileSparseHeadersAndTablesAreRefusedWithoutAWrite) {
       {"descriptor beyond the metadata", header(kHdrDescriptorSize, UINT64_MAX, 8)},
       {"table on the directory", [&](Bytes& b) { StoreLe32(&b[s.gd * 512], static_cast<uint32_t>(s.gd)); }},
       {"table beyond the file", [&](Bytes& b) { StoreLe32(&b[s.gd * 512], 0xFFFFFFF0u); }},
-      {"entry in the header", [&](Bytes& b) { s.SetGte(b, 5, 1); }},
-      {"entry in the tables", [&](Bytes& b) { s.SetGte(b, 5, 27); }},
-      {"entry beyond the file", [&](Bytes& b) { s.SetGte(b, 5, 100000); }},
   };
   for (const auto& c : cases) {
     Bytes b = s.Build(kSparseDescriptor);
@@ -316,6 +313,51 @@ TEST_F(VmdkTest, HostileSparseHeadersAndTablesAreRefusedWithoutAWrite) {
     auto disk = Open("disk.vmdk");
     EXPECT_EQ(disk->errorCode, kVmdkUnknownType) << c.what;
     EXPECT_FALSE(disk->device.IsOpen()) << c.what;
+    EXPECT_EQ(file.writeCalls, 0) << c.what;
+    EXPECT_EQ(file.bytes, b) << c.what;
+  }
+}
+
+// Grain tables that could make one write land in two places, or in the
+// metadata: the disk opens for reading (grain 0, the MBR, still reads) and
+// its device refuses every write before touching the file.
+TEST_F(VmdkTest, DamagedGrainTablesOpenForReadingOnly) {
+  const Sparse s;
+  const uint32_t grain0 = static_cast<uint32_t>(s.overhead);
+  const struct {
+    const char* what;
+    std::function<void(Bytes&)> damage;
+    const char* problem;
+  } cases[] = {
+      {"entry in the header", [&](Bytes& b) { s.SetGte(b, 5, 1); }, "grain 5 points at sector 1, inside the metadata"},
+      {"entry in the tables", [&](Bytes& b) { s.SetGte(b, 5, 27); }, "grain 5 points at sector 27, inside the"},
+      {"entry beyond the file", [&](Bytes& b) { s.SetGte(b, 5, 100000); }, "sector 100000, past the file's end"},
+      {"two entries, one grain", [&](Bytes& b) { s.SetGte(b, 9, grain0); },
+       "grains 0 and 9 (table 0 entry 0, table 0 entry 9) both point at sector 128"},
+      {"grains that overlap", [&](Bytes& b) { s.SetGte(b, 9, grain0 + 2); },
+       "grains 0 and 9 (table 0 entry 0 at sector 128, table 0 entry 9 at sector 130) overlap"},
+      {"redundant copy differs", [&](Bytes& b) { StoreLe32(&b[s.GtOf(s.rgd, 0) * 512], 0); },
+       "grain 0 points at sector 128, its redundant copy at sector 0"},
+  };
+  for (const auto& c : cases) {
+    Bytes b = s.Build(kSparseDescriptor);
+    b.resize((s.overhead + s.grainSize + 8) * 512);
+    s.SetGte(b, 0, grain0);
+    b[grain0 * 512 + 510] = 0x55;
+    b[grain0 * 512 + 511] = 0xAA;
+    c.damage(b);
+    test::FakeDrive& file = File("disk.vmdk", b);
+    file.writeCalls = 0;
+    testing::internal::CaptureStderr();
+    auto disk = Open("disk.vmdk");
+    const std::string warning = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(disk->errorCode, kSuccess) << c.what;
+    EXPECT_TRUE(disk->mbrValid) << c.what;
+    EXPECT_NE(warning.find(c.problem), std::string::npos) << c.what << ": " << warning;
+    ASSERT_TRUE(disk->device.IsOpen()) << c.what;
+    EXPECT_TRUE(disk->device.WritesRefused()) << c.what;
+    uint32_t done = 0;
+    EXPECT_FALSE(disk->device.WriteSome(0, b.data(), 512, &done)) << c.what;
     EXPECT_EQ(file.writeCalls, 0) << c.what;
     EXPECT_EQ(file.bytes, b) << c.what;
   }

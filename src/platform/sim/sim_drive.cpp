@@ -51,6 +51,9 @@ class DriveFile : public File {
     return ok;
   }
 
+  bool WritesRefused() override { return image_->WritesRefused(); }
+  int32_t UnusableReason() override { return image_->UnusableReason(); }
+
   bool ZeroRange(uint64_t offset, uint64_t bytes) override {
     const bool ok = DoZeroRange(offset, bytes);
     Trace("zero", offset, bytes, ok ? bytes : 0, ok);

@@ -719,7 +719,9 @@ std::unique_ptr<Machine> CreateSimulatedMachine(MachineDescription description, 
       }
       return nullptr;
     }
-    if (bytes < kSimSectorBytes) {
+    // A container that cannot be used is a drive that fails as the
+    // container does when named directly.
+    if (bytes < kSimSectorBytes && image->UnusableReason() == 0) {
       if (error != nullptr) {
         *error = where + " holds " + std::to_string(bytes) + " bytes, less than one sector of " +
                  std::to_string(kSimSectorBytes);
