@@ -45,8 +45,9 @@ class PartitionCreateTest : public test::FakeDiskTest {
   }
 };
 
-TEST_F(PartitionCreateTest, SizesEndBeforeTheNextPartition) {
-  for (auto [args, start, count] : {std::tuple{std::vector<std::string>{"/start=2000"}, 2000u, 2999u},  // up to 4998
+// Without a size, the partition fills the free run up to the next one.
+TEST_F(PartitionCreateTest, SizesEndAtTheNextPartition) {
+  for (auto [args, start, count] : {std::tuple{std::vector<std::string>{"/start=2000"}, 2000u, 3000u},  // up to 4999
                                     {{"/start=2000", "/size=1499"}, 2000u, 2998u}}) {
     MakeMbrDisk(kTwo);
     Load();
