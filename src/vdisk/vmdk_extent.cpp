@@ -64,7 +64,6 @@ constexpr uint64_t kMaxBitmapSlots = 1ull << 28;
 
 unsigned long long Ull(uint64_t value) { return static_cast<unsigned long long>(value); }
 
-std::string Text(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string Text(const char* format, ...) {
   char buffer[256];
   va_list args;
@@ -266,7 +265,8 @@ class SparseExtent {
     if (h_.redundant) runs.emplace_back(h_.rgdOffset, h_.gdSectors);
     for (size_t t = 0; t < gd_.size(); ++t) {
       if (h_.redundant && (gd_[t] != 0) != (rgd_[t] != 0) && twinProblem_.empty()) {
-        twinProblem_ = Text("grain table %zu is in %s grain directory only", t, gd_[t] != 0 ? "the primary" : "the redundant");
+        twinProblem_ = Text("grain table %llu is in %s grain directory only", Ull(t),
+                            gd_[t] != 0 ? "the primary" : "the redundant");
       }
       if (gd_[t] != 0) runs.emplace_back(gd_[t], h_.gtSectors);
       if (h_.redundant && rgd_[t] != 0) runs.emplace_back(rgd_[t], h_.gtSectors);
@@ -334,13 +334,15 @@ class SparseExtent {
         if (twin) {
           const uint32_t copy = LoadLe32(redundant.data() + i * kGteBytes);
           if (copy != gte && twinProblem_.empty()) {
-            twinProblem_ = Text("the grain table entry of grain %llu points at sector %u, its redundant copy at sector %u",
+            twinProblem_ = Text("the grain table entry of grain %llu points at sector %u, its redundant copy at "
+                                "sector %u",
                                 Ull(grain), gte, copy);
           }
         }
         if (!Allocated(gte)) continue;
         if (gte < h_.overhead) {
-          problem_ = Text("the grain table entry of grain %llu points at sector %u, inside the metadata (sectors 0-%llu)",
+          problem_ = Text("the grain table entry of grain %llu points at sector %u, inside the metadata "
+                          "(sectors 0-%llu)",
                           Ull(grain), gte, Ull(h_.overhead - 1));
           return kSuccess;
         }
@@ -401,8 +403,8 @@ class SparseExtent {
                       "both point at sector %u",
                       Ull(found[0]), Ull(found[1]), Ull(t0), Ull(e0), Ull(t1), Ull(e1), at[0]);
     } else {
-      problem_ = Text("the grains %llu and %llu (table %llu entry %llu at sector %u, table %llu entry %llu at sector %u) "
-                      "overlap in the file",
+      problem_ = Text("the grains %llu and %llu (table %llu entry %llu at sector %u, table %llu entry %llu at "
+                      "sector %u) overlap in the file",
                       Ull(found[0]), Ull(found[1]), Ull(t0), Ull(e0), at[0], Ull(t1), Ull(e1), at[1]);
     }
     return kSuccess;

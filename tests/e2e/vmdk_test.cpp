@@ -249,7 +249,7 @@ TEST_F(VmdkDrives, DamagedGrainTablesOpenForReadingOnly) {
     f.seekp(std::stoll(at));
     for (int i = 0; i < 4; ++i) f.put(static_cast<char>(value >> (8 * i)));
   };
-  const uint32_t grain0 = static_cast<uint32_t>(std::stoul(Sh("od -An -tu4 -j" + entry(gt, 0) + " -N4 '" + clean + "'")));
+  const auto grain0 = static_cast<uint32_t>(std::stoul(Sh("od -An -tu4 -j" + entry(gt, 0) + " -N4 '" + clean + "'")));
   struct Damage {
     const char* name;
     std::vector<std::pair<uint64_t, uint32_t>> entries;  // table, grain 20's new entry
