@@ -1,6 +1,10 @@
-// The GPT of the current disk: reading the primary header, the backup check
-// and the entry array; removing entries and writing the array back; the
+// The GPT of the current disk: reading and checking both copies (primary
+// and backup header, each with its entry array) and taking the entries from
+// the one that passes; removing entries and writing the array back; the
 // restore of a saved GPT area; the GPT area's size for save and wipe.
+//
+// Only a primary that passes every check is ever rewritten: entries read
+// from the backup are shown, never written back over a damaged primary.
 //
 // The array is kept as read, entries of every type included, so that a
 // rewrite takes out only what was deleted: entries of types the program does
