@@ -1,8 +1,9 @@
 // GPT disks end to end, on images partitioned by sgdisk and sfdisk: the
 // listing against what those tools report, deletes that leave a GPT the
 // tools find without fault (entries of unknown types kept), byte-exact
-// listings, and hostile headers.  Tests that need the tools skip without
-// them.
+// listings, and damaged or hostile copies of the GPT (listed from the sound
+// copy, with warnings that agree with sgdisk -v, and never rewritten).
+// Tests that need the tools skip without them.
 #include <gtest/gtest.h>
 
 #include <functional>
