@@ -59,6 +59,9 @@ os.makedirs(sys.argv[2], exist_ok=True)
 # selector, tail sector count, sectors 0-2, then the last two sectors
 open(os.path.join(sys.argv[2], 'sgdisk-4-entries'), 'wb').write(bytes([0, 2]) + data[:3 * 512] + data[-2 * 512:])
 open(os.path.join(sys.argv[2], 'sgdisk-4-entries-del'), 'wb').write(bytes([0xC0, 2]) + data[:3 * 512] + data[-2 * 512:])
+# The primary header zeroed: listed from the backup, never rewritten.
+open(os.path.join(sys.argv[2], 'sgdisk-4-entries-primary-zeroed'), 'wb').write(
+    bytes([0xC0, 2]) + data[:512] + bytes(512) + data[2 * 512:3 * 512] + data[-2 * 512:])
 EOF
 truncate -s 1M gpt128.img
 sgdisk -n 1:34:233 -t 1:ef00 -n 2:234:0 -t 2:0700 gpt128.img >/dev/null

@@ -37,4 +37,9 @@ Sink& StdOut() {
   return sink;
 }
 
+Sink& StdErr() {
+  static StreamSink sink(stderr);
+  return sink;
+}
+
 }  // namespace dh

@@ -41,7 +41,8 @@ class StringSink : public Sink {
   std::string text;
 };
 
-// The process's standard output.
+// The process's standard output, and its standard error (warnings).
 Sink& StdOut();
+Sink& StdErr();
 
 }  // namespace dh

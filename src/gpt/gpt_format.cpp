@@ -91,4 +91,15 @@ void UpdateHeaderCrc(uint8_t* header) {
   StoreLe32(header + gpt::kHeaderCrc, Crc32(header, LoadLe32(header + gpt::kHeaderSize)));
 }
 
+GptFault CheckGptHeader(const uint8_t* header, uint64_t lba, uint64_t alternate, uint64_t diskSectors,
+                        GptHeaderFacts* facts) {
+  if (std::memcmp(header + gpt::kSignature, "EFI PART", gpt::kSignatureSize) != 0) return GptFault::kNoSignature;
+  if (ValidateGptHeader(header, diskSectors, facts) != kSuccess) return GptFault::kBadFields;
+  if (!HeaderLayoutWritable(header)) return GptFault::kBadLayout;
+  if (!HeaderCrcMatches(header)) return GptFault::kBadHeaderCrc;
+  if (LoadLe64(header + gpt::kMyLba) != lba) return GptFault::kBadLba;
+  if (alternate != 0 && LoadLe64(header + gpt::kAlternateLba) != alternate) return GptFault::kBadLba;
+  return GptFault::kNone;
+}
+
 }  // namespace dh

@@ -95,6 +95,34 @@ struct GptHeaderFacts {
 // fills `facts`, or kGptInvalid.
 ResultCode ValidateGptHeader(const uint8_t* header, uint64_t diskSectors, GptHeaderFacts* facts);
 
+// What is wrong with one copy of the GPT (a header and its entry array),
+// in the order the checks run; the first failing check names the fault.
+// The array of a header that fails is not judged: its place and CRC come
+// from that header.
+enum class GptFault : uint8_t {
+  kNone = 0,
+  kUnreadable,       // the header sector cannot be read, or lies nowhere
+  kNoSignature,      // no "EFI PART"
+  kBadFields,        // entry count or array location out of range
+  kBadLayout,        // a header size or entry size this program does not handle
+  kBadHeaderCrc,
+  kBadLba,           // MyLBA or AlternateLBA disagree with where the headers lie
+  kArrayUnreadable,
+  kBadArrayCrc,
+};
+
+// Whether a fault is the header's own (and its array was not judged).
+inline bool IsHeaderFault(GptFault fault) {
+  return fault != GptFault::kNone && fault != GptFault::kArrayUnreadable && fault != GptFault::kBadArrayCrc;
+}
+
+// Checks a header read from sector `lba`: signature, ValidateGptHeader,
+// layout, CRC, MyLBA equal to `lba`, and, when `alternate` is not 0,
+// AlternateLBA equal to it.  Fills `facts` whenever ValidateGptHeader
+// passes.  Returns the header's fault, or kNone.
+GptFault CheckGptHeader(const uint8_t* header, uint64_t lba, uint64_t alternate, uint64_t diskSectors,
+                        GptHeaderFacts* facts);
+
 // Whether the header's own layout fields are the ones the entry writer
 // knows how to keep consistent: a header size of 92..512 bytes and entries
 // of 128 bytes.

@@ -1,6 +1,10 @@
-// The GPT of the current disk: reading the primary header, the backup check
-// and the entry array; removing entries and writing the array back; the
+// The GPT of the current disk: reading and checking both copies (primary
+// and backup header, each with its entry array) and taking the entries from
+// the one that passes; removing entries and writing the array back; the
 // restore of a saved GPT area; the GPT area's size for save and wipe.
+//
+// Only a primary that passes every check is ever rewritten: entries read
+// from the backup are shown, never written back over a damaged primary.
 //
 // The array is kept as read, entries of every type included, so that a
 // rewrite takes out only what was deleted: entries of types the program does
@@ -50,18 +54,79 @@ bool IsUnusedEntry(const uint8_t* entry) {
   return std::memcmp(entry + gpt::kEntryTypeGuid, kZero, gpt::kGuidSize) == 0;
 }
 
-// Reads the backup header at the alternate LBA.  One that cannot be read,
-// or lies at sector 0 or 1 where it would be the protective MBR or the
-// primary header itself, does not count.
-void CheckBackup(DiskSet& disks, GptTable& table) {
-  const uint64_t alternate = table.header.alternateLba;
-  table.backupValid = alternate > 1 && ReadWhole(disks.Device(), alternate, table.backupHeader, kSectorSize) &&
-                      std::memcmp(table.backupHeader + gpt::kSignature, "EFI PART", gpt::kSignatureSize) == 0;
-  if (!table.backupValid) table.RecordError(kGptBackupInvalid);
+// Reads the `facts.arraySectors` whole sectors of an entry array; false
+// (and nothing kept) when they cannot be read.
+bool ReadArray(DiskSet& disks, const GptHeaderFacts& facts, std::vector<uint8_t>* array) {
+  const uint32_t sectors = facts.arraySectors;
+  array->assign(static_cast<size_t>(sectors) * kSectorSize, 0);
+  if (sectors == 0 || ReadWhole(disks.Device(), facts.entryArrayLba, array->data(), sectors * kSectorSize)) {
+    return true;
+  }
+  array->clear();
+  return false;
 }
 
-void BuildRecord(DiskSet& disks, GptTable& table, uint32_t slot, const std::string& guidText) {
-  const uint8_t* raw = table.entryArray.data() + static_cast<size_t>(slot) * gpt::kEntrySize;
+bool ArrayCrcMatches(const uint8_t* header, const std::vector<uint8_t>& array, int32_t count) {
+  return LoadLe32(header + gpt::kEntryArrayCrc) ==
+         Crc32(array.data(), static_cast<size_t>(count) * gpt::kEntrySize);
+}
+
+// The primary header at LBA 1 and its array.  A header that passes the
+// field checks has its array read whatever else fails, so that it can
+// still be listed (and saved) as it stands.
+void CheckPrimary(DiskSet& disks, GptTable& table) {
+  GptFault fault = GptFault::kUnreadable;
+  if (ReadWhole(disks.Device(), 1, table.primaryHeader, kSectorSize)) {
+    fault = CheckGptHeader(table.primaryHeader, 1, 0, disks.totalSectors, &table.header);
+  }
+  table.headerValid =
+      fault != GptFault::kUnreadable && fault != GptFault::kNoSignature && fault != GptFault::kBadFields;
+  if (!table.headerValid) {
+    table.header = GptHeaderFacts{};
+    table.primaryFault = fault;
+    return;
+  }
+  table.headerCrcValid = HeaderCrcMatches(table.primaryHeader);
+  table.arrayLoaded = ReadArray(disks, table.header, &table.entryArray);
+  table.arrayCrcValid = table.arrayLoaded && ArrayCrcMatches(table.primaryHeader, table.entryArray,
+                                                             table.header.entryCount);
+  if (fault == GptFault::kNone && !table.arrayLoaded) fault = GptFault::kArrayUnreadable;
+  if (fault == GptFault::kNone && !table.arrayCrcValid) fault = GptFault::kBadArrayCrc;
+  table.primaryFault = fault;
+}
+
+// The backup header and its array.  A primary header that passed its
+// checks says where the backup is; otherwise (or when it points off the
+// disk) the backup is looked for at the disk's last sector, where it
+// belongs.  The backup must name that sector as its own and LBA 1 as its
+// alternate.
+void CheckBackup(DiskSet& disks, GptTable& table) {
+  const uint64_t total = disks.totalSectors;
+  const uint64_t alternate = table.header.alternateLba;
+  uint64_t lba = 0;
+  if (!IsHeaderFault(table.primaryFault) && alternate > 1 && (total == 0 || alternate < total)) {
+    lba = alternate;
+  } else if (total > 2) {
+    lba = total - 1;
+  }
+  GptFault fault = GptFault::kUnreadable;
+  if (lba != 0 && ReadWhole(disks.Device(), lba, table.backupHeader, kSectorSize)) {
+    fault = CheckGptHeader(table.backupHeader, lba, 1, total, &table.backupFacts);
+  }
+  if (fault == GptFault::kNone) {
+    if (!ReadArray(disks, table.backupFacts, &table.backupArray)) {
+      fault = GptFault::kArrayUnreadable;
+    } else if (!ArrayCrcMatches(table.backupHeader, table.backupArray, table.backupFacts.entryCount)) {
+      fault = GptFault::kBadArrayCrc;
+    }
+  }
+  if (fault != GptFault::kNone) table.backupArray.clear();
+  table.backupLba = lba;
+  table.backupFault = fault;
+  table.backupValid = fault == GptFault::kNone;
+}
+
+void BuildRecord(DiskSet& disks, GptTable& table, const uint8_t* raw, uint32_t slot, const std::string& guidText) {
   auto record = std::make_unique<PartitionRecord>();
   GptEntryDetails details;
   details.typeGuidText = guidText;
@@ -102,23 +167,26 @@ void BuildRecord(DiskSet& disks, GptTable& table, uint32_t slot, const std::stri
   table.details.push_back(std::move(details));
 }
 
-void ReadEntries(DiskSet& disks, GptTable& table) {
-  const uint32_t sectors = table.header.arraySectors;
-  table.entryArray.assign(static_cast<size_t>(sectors) * kSectorSize, 0);
-  if (sectors != 0 && !ReadWhole(disks.Device(), table.header.entryArrayLba, table.entryArray.data(),
-                                 sectors * kSectorSize)) {
-    table.entryArray.clear();
-    table.RecordError(kGptFileRead);
-    return;
-  }
-  table.arrayLoaded = true;
-  table.slotRemoved.assign(static_cast<size_t>(table.header.entryCount), 0);
-  for (uint32_t slot = 0; slot < static_cast<uint32_t>(table.header.entryCount); ++slot) {
-    const uint8_t* raw = table.entryArray.data() + static_cast<size_t>(slot) * gpt::kEntrySize;
+// The records of the entries of known types in the first `count` slots of
+// `array`.
+void BuildEntries(DiskSet& disks, GptTable& table, const std::vector<uint8_t>& array, int32_t count) {
+  for (uint32_t slot = 0; slot < static_cast<uint32_t>(count); ++slot) {
+    const uint8_t* raw = array.data() + static_cast<size_t>(slot) * gpt::kEntrySize;
     if (IsUnusedEntry(raw)) continue;
     const std::string guidText = FormatGuidText(raw + gpt::kEntryTypeGuid);
     if (LookupGptType(guidText, nullptr, nullptr) == 0) continue;  // unknown: kept on disk, not listed
-    BuildRecord(disks, table, slot, guidText);
+    BuildRecord(disks, table, raw, slot, guidText);
+  }
+}
+
+// Used-slot ranges of an array, of a known type or not.
+void AddOccupied(const std::vector<uint8_t>& array, int32_t count, std::vector<SectorRange>* out) {
+  for (size_t slot = 0; slot < static_cast<size_t>(count); ++slot) {
+    const uint8_t* raw = array.data() + slot * gpt::kEntrySize;
+    if (IsUnusedEntry(raw)) continue;
+    const uint64_t first = LoadLe64(raw + gpt::kEntryFirstLba);
+    const uint64_t last = LoadLe64(raw + gpt::kEntryLastLba);
+    if (last >= first) out->push_back({first, last - first == UINT64_MAX ? UINT64_MAX : last - first + 1});
   }
 }
 
@@ -140,9 +208,10 @@ ResultCode PlanRewrite(DiskSet& disks, const GptTable& table, RewritePlan* out) 
   // A header whose size or entry size differs from what is rewritten here
   // would be left with checksums over the wrong bytes: it is not touched.
   if (!HeaderLayoutWritable(table.primaryHeader)) return kGptSaveFailed;
-  // Numbers from a header or array whose checksum fails are not trusted to
-  // say where anything goes.
-  if (!table.headerCrcValid || !table.arrayCrcValid) return kGptInvalid;
+  // Numbers from a header or array that fails a check are not trusted to
+  // say where anything goes, and entries shown from the backup are no
+  // licence to rewrite the primary: a damaged table waits for a repair.
+  if (table.primaryFault != GptFault::kNone || table.fromBackup) return kGptInvalid;
   const GptHeaderFacts& h = table.header;
   const uint64_t sectors = h.arraySectors;
   const uint64_t total = disks.totalSectors;
@@ -198,17 +267,12 @@ ResultCode GptTable::Delete(int32_t n) { return RemoveGptEntry(*owner_, n); }
 ResultCode GptTable::DeleteAll() { return ClearGptEntries(*owner_); }
 
 std::vector<SectorRange> GptTable::OccupiedSectors() {
+  // Every entry in use, of a known type or not, in either array that was
+  // read: a partition only one copy still knows is a partition all the same.
   std::vector<SectorRange> out;
-  const auto add = [&](uint64_t first, uint64_t last) {
-    if (last >= first) out.push_back({first, last - first == UINT64_MAX ? UINT64_MAX : last - first + 1});
-  };
-  if (arrayLoaded) {
-    // Every entry in use, of a known type or not.
-    for (size_t slot = 0; slot < static_cast<size_t>(header.entryCount); ++slot) {
-      const uint8_t* raw = entryArray.data() + slot * gpt::kEntrySize;
-      if (!IsUnusedEntry(raw)) add(LoadLe64(raw + gpt::kEntryFirstLba), LoadLe64(raw + gpt::kEntryLastLba));
-    }
-  } else {
+  if (arrayLoaded) AddOccupied(entryArray, header.entryCount, &out);
+  if (backupValid) AddOccupied(backupArray, backupFacts.entryCount, &out);
+  if (!arrayLoaded && !backupValid) {
     for (const auto& record : entries) {
       if (record->sectorCount != 0) out.push_back({record->startLba, record->sectorCount});
     }
@@ -228,21 +292,21 @@ const char* GptTable::BackupStatusText() const {
 std::unique_ptr<TableDriver> LoadGptTable(DiskSet& disks) {
   auto table = std::make_unique<GptTable>(&disks);
   table->isVirtual = disks.isVirtual;
+  table->loadedDisk = disks.currentDisk;
 
-  if (!ReadWhole(disks.Device(), 1, table->primaryHeader, kSectorSize) ||
-      ValidateGptHeader(table->primaryHeader, disks.totalSectors, &table->header) != kSuccess) {
-    table->header = GptHeaderFacts{};
-    table->RecordError(kGptInvalid);
-    return table;
-  }
-  table->headerValid = true;
-  table->headerCrcValid = HeaderCrcMatches(table->primaryHeader);
+  CheckPrimary(disks, *table);
   CheckBackup(disks, *table);
-  ReadEntries(disks, *table);
-  table->arrayCrcValid =
-      table->arrayLoaded && LoadLe32(table->primaryHeader + gpt::kEntryArrayCrc) ==
-                                Crc32(table->entryArray.data(), static_cast<size_t>(table->header.entryCount) *
-                                                                    gpt::kEntrySize);
+  if (!table->headerValid) table->RecordError(kGptInvalid);
+  if (!table->backupValid) table->RecordError(kGptBackupInvalid);
+  if (table->headerValid && !table->arrayLoaded) table->RecordError(kGptFileRead);
+
+  if (table->arrayLoaded) table->slotRemoved.assign(static_cast<size_t>(table->header.entryCount), 0);
+  if (table->primaryFault != GptFault::kNone && table->backupValid) {
+    table->fromBackup = true;
+    BuildEntries(disks, *table, table->backupArray, table->backupFacts.entryCount);
+  } else if (table->arrayLoaded) {
+    BuildEntries(disks, *table, table->entryArray, table->header.entryCount);
+  }
   return table;
 }
 
@@ -305,6 +369,12 @@ ResultCode WriteGptEntries(DiskSet& disks) {
   if (writeBackup && ok) {
     std::memcpy(table->backupHeader, backup, kSectorSize);
     table->backupValid = true;
+    table->backupFault = GptFault::kNone;
+    table->backupLba = where.backupHeaderLba;
+    table->backupFacts = table->header;
+    table->backupFacts.entryArrayLba = where.backupArrayLba;
+    table->backupFacts.alternateLba = 1;
+    table->backupArray = table->entryArray;
   }
   RenumberAfterWrite(*table, newSlot);
   return ok ? kSuccess : Fail(*table, kGptSaveFailed);

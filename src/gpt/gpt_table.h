@@ -82,13 +82,37 @@ class GptTable : public TableDriver {
   // fails either is listed but never rewritten.
   bool headerCrcValid = false;
   bool arrayCrcValid = false;
+  // What is wrong with the primary GPT and with the backup GPT (kNone when
+  // the copy passed every check).
+  GptFault primaryFault = GptFault::kNone;
+  GptFault backupFault = GptFault::kNone;
+  // The backup header and its array passed every check: signature, fields,
+  // CRCs, and MyLBA/AlternateLBA agreeing with where the headers lie.
   bool backupValid = false;
+  // Where the backup header was looked for (0: nowhere), its facts and the
+  // whole sectors of its array (kept only when the backup is valid).
+  uint64_t backupLba = 0;
+  GptHeaderFacts backupFacts;
+  std::vector<uint8_t> backupArray;
+  // The entries come from the backup GPT, because the primary failed a
+  // check and the backup passed them all.  Such a table is never rewritten.
+  bool fromBackup = false;
   bool isVirtual = false;
-  // The whole sectors of the entry array as read, entries of every type
-  // included, and which of its slots have been removed since.
+  // The disk index the table was loaded for (the disk set's currentDisk).
+  int32_t loadedDisk = -1;
+  // The whole sectors of the primary entry array as read, entries of every
+  // type included, and which of its slots have been removed since.
   bool arrayLoaded = false;
   std::vector<uint8_t> entryArray;
   std::vector<uint8_t> slotRemoved;
+
+  // The header whose revision and disk GUID describe the listed entries:
+  // the backup's when the entries come from it, else the primary's; null
+  // when no header passed the field checks.
+  const uint8_t* ShownHeader() const {
+    if (fromBackup) return backupHeader;
+    return headerValid ? primaryHeader : nullptr;
+  }
 
   DiskSet* owner() const { return owner_; }
 
@@ -97,9 +121,15 @@ class GptTable : public TableDriver {
 };
 
 // Builds the GPT of the current disk of `disks` (its device, isVirtual and
-// totalSectors); the disk set's loader.  Always yields a table; failures are in its
-// firstError: 200 for a header that is unreadable or fails the checks, 201
-// for a missing backup header, 203 for an unreadable entry array.
+// totalSectors); the disk set's loader.  Both copies are checked: the
+// primary header at LBA 1 and its array, the backup header where a sound
+// primary header puts it (else at the disk's last sector) and its array.
+// The entries come from the primary when it passes, else from the backup
+// when that passes, else from the primary array as it stands, when it
+// could be read.  Always yields a table; failures are in its firstError:
+// 200 for a primary header that is unreadable or fails the field checks,
+// 201 for a backup that fails any check, 203 for an unreadable primary
+// entry array.
 std::unique_ptr<TableDriver> LoadGptTable(DiskSet& disks);
 // The GPT table of the current disk; null on a disk without one.
 GptTable* GptOf(DiskSet& disks);

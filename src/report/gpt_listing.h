@@ -3,6 +3,9 @@
 // entry of a known type.  The listing prints the frame around them.
 #pragma once
 
+#include <string>
+#include <vector>
+
 namespace dh {
 
 class DiskSet;
@@ -20,5 +23,12 @@ void PrintGptRows(const DiskSet& disks, const GptTable& table, FramedWriter& out
 // `details` may be null (the row then shows no type, file system or flags).
 void PrintGptRow(const DiskSet& disks, const PartitionRecord& record, const GptEntryDetails* details, int position,
                  FramedWriter& out);
+
+// The warnings about a GPT that failed the reader's checks: one line per
+// copy at fault, the primary's first, each "diskhold: warning: " and
+// `diskName` ("disk 1", "virtual disk"), a colon, what is wrong and, for the
+// primary, which entries are listed; each ends in a line break.  None for a
+// GPT that passed every check.
+std::vector<std::string> GptWarningLines(const GptTable& table, const std::string& diskName);
 
 }  // namespace dh

@@ -111,6 +111,19 @@ void PrintDiskBlock(DiskSet& disks, int32_t diskNumber, const ListRequest& reque
 constexpr int32_t kAllDisks = -1;
 constexpr int32_t kVirtualDisk = 999;
 
+// The warnings of the GPT of the disk just listed.  A disk that failed to
+// load leaves the table of the disk before it in place: its warnings are
+// not repeated under another disk's name.
+void PrintGptWarnings(const DiskSet& disks, int32_t diskNumber, Sink& warnings) {
+  const GptTable* gpt = GptOf(disks);
+  if (gpt == nullptr) return;
+  const bool virtualDisk = diskNumber == kVirtualDisk;
+  if (gpt->isVirtual != virtualDisk || disks.isVirtual != virtualDisk) return;
+  if (!virtualDisk && (gpt->loadedDisk != diskNumber || disks.currentDisk != diskNumber)) return;
+  const std::string name = virtualDisk ? "virtual disk" : "disk " + std::to_string(diskNumber);
+  for (const std::string& line : GptWarningLines(*gpt, name)) warnings.Write(line);
+}
+
 ResultCode ListOneDisk(DiskSet& disks, int32_t diskNumber, const ListRequest& request, FramedWriter& out) {
   if (diskNumber == kVirtualDisk) {
     disks.OpenVirtualDisk(request.diskFileName);
@@ -120,6 +133,7 @@ ResultCode ListOneDisk(DiskSet& disks, int32_t diskNumber, const ListRequest& re
   // A disk that failed to load is listed all the same, with whatever the
   // loaded disk record then holds: the listing shows what the program sees.
   PrintDiskBlock(disks, diskNumber, request, out);
+  PrintGptWarnings(disks, diskNumber, request.warnings != nullptr ? *request.warnings : StdErr());
   return disks.firstError;
 }
 

@@ -11,6 +11,7 @@ namespace dh {
 
 class DiskSet;
 class FramedWriter;
+class Sink;
 struct PartitionRecord;
 
 // Row forms of PrintPartitionRow.
@@ -30,11 +31,16 @@ struct ListRequest {
   // The character map after the listing, for this console code page.
   bool asciiMap = false;
   uint32_t codePage = 437;
+  // Where the warnings about a damaged GPT go; standard error when null.
+  Sink* warnings = nullptr;
 };
 
 // The list/tablist operation: one framed block per disk (every disk, or the
 // one selected), then the character map when asked for.  A disk that fails
-// to load is listed all the same; the first such code is returned.
+// to load is listed all the same; the first such code is returned.  After
+// the block of a GPT disk whose GPT failed a check come its warning lines
+// (GptWarningLines), on `request.warnings`: once per listed disk, never
+// for a disk that is only loaded.
 ResultCode ListDisks(DiskSet& disks, const ListRequest& request, FramedWriter& out);
 
 // The details block and the column header of the current MBR disk.

@@ -126,8 +126,10 @@ TEST_F(GptTableTest, HostileHeadersAreInvalidAndAllocateNothing) {
     GptTable& table = LoadGpt();
     EXPECT_EQ(table.firstError, kGptInvalid);
     EXPECT_FALSE(table.headerValid);
-    EXPECT_EQ(table.EntryCount(), 0);
     EXPECT_TRUE(table.entryArray.empty());
+    // The intact backup is listed instead, and still nothing is written.
+    EXPECT_TRUE(table.fromBackup);
+    EXPECT_EQ(table.EntryCount(), 3);
     EXPECT_FALSE(GptHeaderValid(*disks));
     EXPECT_EQ(GptSaveSectorCount(*disks), 0u);
     ExpectNoWrite(kGptInvalid, [&] { return ClearGptEntries(*disks); });
@@ -156,11 +158,12 @@ TEST_F(GptTableTest, UnreadableHeaderOrArray) {
   GptTable& table = LoadGpt();
   EXPECT_EQ(table.firstError, kGptFileRead);
   EXPECT_TRUE(table.headerValid);
-  EXPECT_EQ(table.EntryCount(), 0);
+  EXPECT_EQ(table.primaryFault, GptFault::kArrayUnreadable);
+  EXPECT_EQ(table.EntryCount(), 3);  // from the backup
   // An array that was not read is never written back.
   drive->badSectors.clear();
   ExpectNoWrite(kGptFileRead, [&] { return ClearGptEntries(*disks); });
-  ExpectNoWrite(kInvalidPartition, [&] { return RemoveGptEntry(*disks, 1); });
+  ExpectNoWrite(kGptFileRead, [&] { return RemoveGptEntry(*disks, 1); });
 }
 
 TEST_F(GptTableTest, RemovingClosesUpAndKeepsUnknownEntries) {
