@@ -32,9 +32,15 @@ void HandleFormat(CommandContext& c) {
     return;
   }
   if (!c.options.confirmed && ReadVolumeEncrypted(c.disks, partition->startLba)) {
+    // A virtual disk file has no disk number of its own.
     char action[96];
-    std::snprintf(action, sizeof action, "format the encrypted (BitLocker) volume of partition %d on disk %d",
-                  static_cast<int>(n), static_cast<int>(c.disks.currentDisk));
+    if (c.disks.isVirtual) {
+      std::snprintf(action, sizeof action, "format the encrypted (BitLocker) volume of virtual disk partition %d",
+                    static_cast<int>(n));
+    } else {
+      std::snprintf(action, sizeof action, "format the encrypted (BitLocker) volume of partition %d on disk %d",
+                    static_cast<int>(n), static_cast<int>(c.disks.currentDisk));
+    }
     if (!ConfirmAction(action, c.out)) {
       SetResultIfNone(kUserCancelled);
       return;

@@ -190,6 +190,14 @@ TEST_F(Format, EncryptedVolumeAsksFirst) {
     EXPECT_EQ(r.err.find(requested) != std::string::npos, c.formats) << what << "\n" << r.err;
     EXPECT_EQ(e2e::ResultOf(r), c.formats ? 0 : 129) << what << "\n" << r.out;
   }
+  // The same disk as a VMware disk file named on the command line has no
+  // disk number.
+  if (!e2e::HaveTool("qemu-img")) GTEST_SKIP() << "qemu-img is not installed";
+  e2e::ShellOk("qemu-img convert -f raw -O vmdk '" + disk->path() + "' '" + m.PathOf("copy.vmdk") + "'");
+  const Result file = m.Run({"/format", "/disk=copy.vmdk", "/part=1"}, "n");
+  EXPECT_TRUE(Has(file, " Preparing to format the encrypted (BitLocker) volume of virtual disk partition 1, are you "
+                        "sure? (Y/N): n\n"))
+      << file.out;
   EXPECT_EQ(disk->Hash(), hash);
 }
 
