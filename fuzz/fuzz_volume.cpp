@@ -1,5 +1,6 @@
-// Volume boot records: FAT and NTFS boot sectors, the FAT root directory,
-// NTFS file records with their attributes and run lists.  The input is a
+// Volume boot records: FAT, exFAT, NTFS and BitLocker boot sectors, the FAT
+// root directory, the exFAT root directory's cluster chain, NTFS file
+// records with their attributes and run lists.  The input is a
 // selector byte and then the first sectors of the partition at 2048 of a
 // 64 MiB disk; the selector picks the partition's type and the command.
 // Reading labels and serial numbers must never write; a saved boot record

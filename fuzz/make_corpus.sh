@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Writes the seed corpora of the fuzz targets (fuzz/corpus/<target>/) from
 # disk images made by the tools the tests compare with: sfdisk, sgdisk,
-# mkfs.fat, mkntfs, qemu-img, and diskhold itself for backup files.  Each
+# mkfs.fat, mkfs.exfat, mkntfs, qemu-img, and diskhold itself for backup files.  Each
 # seed is the part of an image its target reads, with trailing zeros cut
 # (the targets pad with zeros), so that the committed corpus stays small.
 #
@@ -79,6 +79,21 @@ mkntfs -F -Q -q -c 512 -L DATA ntfs.img >/dev/null 2>&1
 # The boot sector and the MFT up to $Volume (record 3).
 mft=$(python3 -c "import struct,sys; b=open('ntfs.img','rb').read(512); print(struct.unpack('<Q', b[48:56])[0] * 512 * b[13])")
 seed fuzz_volume ntfs-volume-name '\x08' ntfs.img 0 $((mft + 4096))
+truncate -s 4M exfat.img
+# Small clusters and alignment keep the root directory within the seed.
+mkfs.exfat -b 4K -c 4K -L STICK exfat.img >/dev/null
+seed fuzz_volume exfat-label '\x00' exfat.img 0 65536
+# An encrypted volume's boot sector: a FAT32 look-alike with "-FVE-FS-".
+python3 - bitlocker.img <<'EOF2'
+import struct, sys
+b = bytearray(512)
+b[0:11] = b'\xeb\x58\x90-FVE-FS-'
+struct.pack_into('<HB', b, 11, 512, 8)
+b[82:90] = b'FAT32   '
+b[510:512] = b'\x55\xaa'
+open(sys.argv[1], 'wb').write(bytes(b))
+EOF2
+seed fuzz_volume bitlocker-format '\x46' bitlocker.img 0 512
 
 # ---- backup files, as diskhold saves them ---------------------------------
 truncate -s 16M disk.img

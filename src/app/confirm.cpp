@@ -68,8 +68,11 @@ std::string ConfirmActionText(const RunOptions& options, const DiskSet& disks) {
 }
 
 bool ConfirmCommand(const RunOptions& options, const DiskSet& disks, Sink& out) {
-  std::string action = ConfirmActionText(options, disks);
-  if (action.empty()) return true;
+  const std::string action = ConfirmActionText(options, disks);
+  return action.empty() || ConfirmAction(action, out);
+}
+
+bool ConfirmAction(const std::string& action, Sink& out) {
   std::string question = "Preparing to " + action + ", are you sure? (Y/N): ";
   if (question.size() > kQuestionSize - 1) question.resize(kQuestionSize - 1);
   out.Write("\n " + question);

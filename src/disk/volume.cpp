@@ -1,4 +1,4 @@
-// Volume boot record inspection: file system detection, FAT and NTFS
+// Volume boot record inspection: file system detection, FAT, exFAT and NTFS
 // labels, the volume ID text and the error box of the NTFS reader.
 #include "disk/volume.h"
 
@@ -103,6 +103,7 @@ std::string ReadFatLabel(SectorDevice& device, FileSystemKind kind, uint64_t lba
     if (entry[vbr::kDirName] == vbr::kDirDeleted) continue;
     char name[vbr::kDirNameSize + 1] = {};
     std::memcpy(name, entry + vbr::kDirName, vbr::kDirNameSize);
+    if (entry[vbr::kDirName] == vbr::kDirEscapedE5) name[0] = static_cast<char>(vbr::kDirDeleted);
     // A label of spaces only (or starting with a zero byte) is no label:
     // the walk goes on.
     std::string label = TrimBlanks(name);
@@ -263,15 +264,20 @@ FileSystemKind DetectFileSystem(const uint8_t* sectors, size_t size, std::string
     FileSystemKind kind;
     const char* name;
   };
-  // First match wins: an NTFS boot sector may carry "FAT16" further on.
+  // First match wins: an NTFS boot sector may carry "FAT16" further on,
+  // and an exFAT one has binary fields where FAT names its type.
   static constexpr Signature kSignatures[] = {
       {vbr::kNtfsOemId, "NTFS", kFsNtfs, "NTFS"},
+      {vbr::kExfatName, "EXFAT   ", kFsExfat, "exFAT"},
       {vbr::kFat16TypeText, "FAT16", kFsFat16, "FAT16"},
       {vbr::kFat32TypeText, "FAT32", kFsFat32, "FAT32"},
       {vbr::kHfsSignature, "HFSJ", kFsHfsJournaled, "HFS-J"},
       {vbr::kHfsSignature, "10.0", kFsHfsExtended, "HFSEX"},
   };
   if (sectors == nullptr) return kFsNone;
+  // An encrypted volume keeps a FAT32-like boot sector for old systems to
+  // leave alone; what it names there is not what it holds.
+  if (IsBitLockerBootSector(sectors, size)) return kFsNone;
   for (const Signature& s : kSignatures) {
     if (HasText(sectors, size, s.offset, s.text)) {
       if (name) *name = s.name;
@@ -281,11 +287,20 @@ FileSystemKind DetectFileSystem(const uint8_t* sectors, size_t size, std::string
   return kFsNone;
 }
 
+bool IsBitLockerBootSector(const uint8_t* sector, size_t size) {
+  return sector != nullptr && HasText(sector, size, vbr::kBitLockerSignature, "-FVE-FS-");
+}
+
 FileSystemKind ReadPartitionBootSector(DiskSet& disks, uint64_t lba, std::string* name) {
   // A failed read must not leave bytes of some other volume to detect.
   uint8_t sectors[kVolumeProbeBytes] = {};
   if (!ReadSectorsAt(disks.Device(), sectors, lba, kVolumeProbeBytes / kSectorSize)) return kFsNone;
   return DetectFileSystem(sectors, sizeof sectors, name);
+}
+
+bool ReadVolumeEncrypted(DiskSet& disks, uint64_t lba) {
+  uint8_t sector[kSectorSize] = {};
+  return ReadSectorsAt(disks.Device(), sector, lba, 1) && IsBitLockerBootSector(sector, sizeof sector);
 }
 
 std::string ReadVolumeLabel(FileSystemKind kind, DiskSet& disks, uint64_t lba) {
@@ -295,10 +310,79 @@ std::string ReadVolumeLabel(FileSystemKind kind, DiskSet& disks, uint64_t lba) {
     case kFsFat16:
     case kFsFat32:
       return CapLabel(ReadFatLabel(disks.Device(), kind, lba));
+    case kFsExfat:
+      return ReadExfatLabel(disks.Device(), lba);
     default:
       // HFS+ volumes show their file system but no label.
       return {};
   }
+}
+
+// ---- exFAT -----------------------------------------------------------------
+
+// The label entry of the root directory, whose clusters follow the first
+// FAT from the boot sector's root cluster.  Every step is bounded: the walk
+// reads one 512-byte piece at a time and stops after kExfatMaxRootEntries
+// entries, so a chain that loops or never ends costs no more than that.
+std::string ReadExfatLabel(SectorDevice& device, uint64_t lba) {
+  uint8_t boot[kSectorSize] = {};
+  if (!ReadSectorsAt(device, boot, lba, 1)) return {};
+  if (!HasText(boot, sizeof boot, vbr::kExfatName, "EXFAT   ")) return {};
+  const uint32_t sectorShift = boot[vbr::kExfatBytesPerSectorShift];
+  const uint32_t clusterShift = boot[vbr::kExfatSectorsPerClusterShift];
+  if (sectorShift < vbr::kExfatMinSectorShift || sectorShift > vbr::kExfatMaxSectorShift ||
+      clusterShift > vbr::kExfatMaxClusterShift - sectorShift) {
+    return {};
+  }
+  const uint64_t clusterBytes = uint64_t{1} << (sectorShift + clusterShift);
+  const uint64_t fatSector = LoadLe32(boot + vbr::kExfatFatOffset);
+  const uint64_t heapSector = LoadLe32(boot + vbr::kExfatClusterHeapOffset);
+  const uint64_t clusterCount = LoadLe32(boot + vbr::kExfatClusterCount);
+  uint64_t lastCluster = clusterCount + vbr::kExfatFirstCluster - 1;
+  if (lastCluster > vbr::kExfatLastCluster) lastCluster = vbr::kExfatLastCluster;
+  if (lba > UINT64_MAX / kSectorSize) return {};
+  const uint64_t volumeOffset = lba * kSectorSize;
+
+  // 32-bit sector and cluster numbers shifted by at most 25 bits stay far
+  // below 2^63; only the volume's own offset can carry them beyond what a
+  // device can be positioned at.
+  auto readPiece = [&](uint64_t inVolume, uint8_t* piece) {
+    uint64_t at = 0;
+    return !__builtin_add_overflow(volumeOffset, inVolume, &at) && at <= static_cast<uint64_t>(INT64_MAX) &&
+           ReadFullyAt(device, at, piece, kSectorSize);
+  };
+  auto nextCluster = [&](uint64_t cluster) -> uint64_t {
+    // FAT entries are 4-byte aligned, so one never straddles two pieces.
+    const uint64_t entry = (fatSector << sectorShift) + cluster * vbr::kExfatFatEntrySize;
+    uint8_t piece[kSectorSize] = {};
+    if (!readPiece(entry / kSectorSize * kSectorSize, piece)) return 0;
+    return LoadLe32(piece + entry % kSectorSize);
+  };
+
+  uint64_t cluster = LoadLe32(boot + vbr::kExfatRootCluster);
+  uint32_t entriesLeft = kExfatMaxRootEntries;
+  while (cluster >= vbr::kExfatFirstCluster && cluster <= lastCluster) {
+    const uint64_t first =
+        (heapSector << sectorShift) + ((cluster - vbr::kExfatFirstCluster) << (sectorShift + clusterShift));
+    for (uint64_t piece = 0; piece < clusterBytes; piece += kSectorSize) {
+      uint8_t entries[kSectorSize] = {};
+      if (!readPiece(first + piece, entries)) return {};
+      for (size_t at = 0; at < kSectorSize; at += vbr::kExfatEntrySize) {
+        if (entriesLeft-- == 0) return {};
+        const uint8_t* entry = entries + at;
+        const uint8_t type = entry[vbr::kExfatEntryType];
+        if (type == vbr::kExfatEndOfDirectory) return {};
+        if (type != vbr::kExfatVolumeLabel) continue;
+        // The first label entry is the label, even an empty one; a length
+        // above the entry's room is read as the room it has.
+        uint32_t length = entry[vbr::kExfatLabelLength];
+        if (length > vbr::kExfatLabelMaxLength) length = vbr::kExfatLabelMaxLength;
+        return NarrowUtf16(entry + vbr::kExfatLabelText, size_t{length} * 2);
+      }
+    }
+    cluster = nextCluster(cluster);
+  }
+  return {};
 }
 
 std::string ReadNtfsLabel(SectorDevice& device, uint64_t lba) {
@@ -377,6 +461,9 @@ std::string VolumeIdTextAt(DiskSet& disks, uint64_t lba) {
     case kFsNtfs:
       // Only the low four of the eight serial bytes.
       serialOffset = vbr::kNtfsSerial;
+      break;
+    case kFsExfat:
+      serialOffset = vbr::kExfatSerial;
       break;
     default:
       return {};

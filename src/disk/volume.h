@@ -1,6 +1,7 @@
 // Volume boot records: which file system a partition holds (NTFS, FAT16,
-// FAT32, HFS+), its label (FAT root directory, NTFS $Volume record) and its
-// serial number as the volume ID text.
+// FAT32, exFAT, HFS+), its label (FAT and exFAT root directory, NTFS $Volume
+// record) and its serial number as the volume ID text.  A BitLocker volume
+// holds none of them: its boot sector only looks like a FAT32 one.
 //
 // Everything here reads sectors that the disk controls, so every offset,
 // size and loop is bounded by the buffers it works on.  Failures are
@@ -25,6 +26,7 @@ enum FileSystemKind : int32_t {
   kFsNtfs = 3,
   kFsHfsJournaled = 4,  // "HFS-J"
   kFsHfsExtended = 5,   // "HFSEX"
+  kFsExfat = 6,         // "exFAT"
 };
 
 // The bytes detection looks at: three sectors from the partition's first.
@@ -51,6 +53,9 @@ constexpr size_t kDirNameSize = 11;
 constexpr size_t kDirAttributes = 11;
 constexpr uint8_t kDirVolumeLabel = 0x08;  // the attribute byte of the label entry, exactly
 constexpr uint8_t kDirDeleted = 0xE5;      // first name byte of a deleted entry
+// A name whose first character really is 0xE5 stores 0x05 there instead,
+// so that the entry does not read as deleted.
+constexpr uint8_t kDirEscapedE5 = 0x05;
 // NTFS boot sector.
 constexpr size_t kNtfsOemId = 3;               // "NTFS"
 constexpr size_t kNtfsBytesPerSector = 11;     // 2 bytes
@@ -81,25 +86,75 @@ constexpr uint32_t kAttrVolumeName = 0x60;
 constexpr uint32_t kAttrEnd = 0xFFFFFFFF;
 // HFS+ volume header signature and version, 1,024 bytes into the volume.
 constexpr size_t kHfsSignature = 1032;  // "HFSJ" or "10.0"
+// BitLocker boot sector (Vista and later): the signature stands where
+// other boot sectors name their OEM.
+constexpr size_t kBitLockerSignature = 3;  // "-FVE-FS-"
+// exFAT boot sector.  Positions count in the volume's own sectors
+// (2^BytesPerSectorShift bytes) and clusters (2^SectorsPerClusterShift
+// sectors); data clusters are numbered from 2.
+constexpr size_t kExfatName = 3;                 // "EXFAT   "
+constexpr size_t kExfatFatOffset = 80;           // 4 bytes, sectors
+constexpr size_t kExfatClusterHeapOffset = 88;   // 4 bytes, sectors
+constexpr size_t kExfatClusterCount = 92;        // 4 bytes
+constexpr size_t kExfatRootCluster = 96;         // 4 bytes
+constexpr size_t kExfatSerial = 100;             // 4 bytes, VolumeSerialNumber
+constexpr size_t kExfatBytesPerSectorShift = 108;     // 1 byte, 9 to 12
+constexpr size_t kExfatSectorsPerClusterShift = 109;  // 1 byte, at most 25 - the above
+constexpr uint32_t kExfatMinSectorShift = 9;
+constexpr uint32_t kExfatMaxSectorShift = 12;
+constexpr uint32_t kExfatMaxClusterShift = 25;  // bytes per cluster, as a power of two
+constexpr uint32_t kExfatFirstCluster = 2;
+constexpr uint32_t kExfatLastCluster = 0xFFFFFFF6;  // above: bad cluster and end-of-chain marks
+constexpr uint32_t kExfatFatEntrySize = 4;
+// exFAT directory entry (32 bytes): the type byte, then per type.
+constexpr size_t kExfatEntrySize = 32;
+constexpr size_t kExfatEntryType = 0;
+constexpr uint8_t kExfatEndOfDirectory = 0x00;
+constexpr uint8_t kExfatVolumeLabel = 0x83;  // in use; 0x03 is a removed label
+constexpr size_t kExfatLabelLength = 1;      // 1 byte, characters
+constexpr size_t kExfatLabelText = 2;        // up to 11 UTF-16LE characters
+constexpr uint32_t kExfatLabelMaxLength = 11;
 }  // namespace vbr
+
+// How far the exFAT root directory is searched for its label entry.  The
+// label is normally its first entries; a chain that is longer, or loops,
+// ends the search here.
+constexpr uint32_t kExfatMaxRootEntries = 16384;
 
 // The file system of a volume from its first bytes (normally
 // kVolumeProbeBytes of them); writes its name ("NTFS", "FAT16", "FAT32",
-// "HFS-J", "HFSEX") to `name` and leaves `name` alone when nothing matched.
-// `name` may be null.
+// "exFAT", "HFS-J", "HFSEX") to `name` and leaves `name` alone when nothing
+// matched.  `name` may be null.  A BitLocker volume matches nothing, whatever
+// else its boot sector spells.
 FileSystemKind DetectFileSystem(const uint8_t* sectors, size_t size, std::string* name);
 inline FileSystemKind DetectFileSystem(const uint8_t* sectors, std::string* name) {
   return DetectFileSystem(sectors, kVolumeProbeBytes, name);
 }
 
+// Whether a boot sector (at least its first 11 bytes) carries the
+// BitLocker signature.
+bool IsBitLockerBootSector(const uint8_t* sector, size_t size);
+
 // Reads the three sectors at `lba` of the current device and detects the
 // file system there; kFsNone when the read fails.
 FileSystemKind ReadPartitionBootSector(DiskSet& disks, uint64_t lba, std::string* name);
 
-// The label of the volume at `lba` of the current device: the FAT root
-// directory's label entry or the NTFS volume name; empty for every other
-// kind and whenever the label cannot be read.
+// Whether the volume at `lba` of the current device is BitLocker-encrypted;
+// false when its boot sector cannot be read.
+bool ReadVolumeEncrypted(DiskSet& disks, uint64_t lba);
+
+// The label of the volume at `lba` of the current device: the FAT or exFAT
+// root directory's label entry or the NTFS volume name; empty for every
+// other kind and whenever the label cannot be read.  FAT labels are the
+// bytes of the entry (0x05 first shown as the 0xE5 it stands for); exFAT and
+// NTFS labels are UTF-16, of which ASCII is kept and every other character
+// shows as '?'.
 std::string ReadVolumeLabel(FileSystemKind kind, DiskSet& disks, uint64_t lba);
+
+// The label of the exFAT volume at `lba`: the volume label entry of its
+// root directory, searched along the cluster chain for at most
+// kExfatMaxRootEntries entries.
+std::string ReadExfatLabel(SectorDevice& device, uint64_t lba);
 
 // The volume name of the NTFS volume at `lba`, from the $Volume record of
 // its master file table.
@@ -107,7 +162,8 @@ std::string ReadNtfsLabel(SectorDevice& device, uint64_t lba);
 
 // The volume ID of the n-th partition (1-based, primary numbering; on GPT
 // disks the n-th entry): "1234-fABCD" for the serial bytes CD AB 34 12.
-// Empty when there is no such partition or it holds no FAT or NTFS volume.
+// Empty when there is no such partition or it holds no FAT, exFAT or NTFS
+// volume (a BitLocker volume has none).
 std::string VolumeIdText(DiskSet& disks, int32_t partNumber);
 // The same for the volume at `lba` of the current disk.
 std::string VolumeIdTextAt(DiskSet& disks, uint64_t lba);

@@ -154,6 +154,53 @@ TEST_F(Format, FaultEnginesOfTheMachineFile) {
   EXPECT_EQ(disk->Hash(), hash);
 }
 
+// A BitLocker volume is formatted only after a question that says it is
+// encrypted; /confirm answers it as it answers every other question, and
+// other volumes are formatted without one.
+TEST_F(Format, EncryptedVolumeAsksFirst) {
+  Bytes boot = disk->Read(kStart);
+  std::copy_n("-FVE-FS-", 8, boot.begin() + 3);
+  std::copy_n("FAT32   ", 8, boot.begin() + 82);
+  disk->Write(kStart, boot);
+  // The engine that only tells what it would format.
+  m.Set("formatengine", "ok");
+  const std::string hash = disk->Hash();
+  const std::string question =
+      "\n Preparing to format the encrypted (BitLocker) volume of partition 1 on disk 0, are you sure? (Y/N): ";
+  const std::string requested = "diskhold: format requested";
+  struct Case {
+    std::vector<std::string> args;
+    std::string input;
+    bool asked;
+    bool formats;
+  };
+  const Case cases[] = {
+      {{"/format", "/part=1"}, "n", true, false},
+      {{"/format", "/part=1"}, "y", true, true},
+      {{"/format", "/part=1", "/confirm"}, "", false, true},
+      {{"/format", "/part=2"}, "", false, true},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args = c.args;
+    args.push_back("/result");
+    const Result r = m.Run(args, c.input);
+    const std::string what = args[1] + " " + c.input;
+    EXPECT_EQ(Has(r, question + c.input + "\n\n"), c.asked) << what << "\n" << r.out;
+    EXPECT_EQ(Has(r, "Preparing"), c.asked) << what << "\n" << r.out;
+    EXPECT_EQ(r.err.find(requested) != std::string::npos, c.formats) << what << "\n" << r.err;
+    EXPECT_EQ(e2e::ResultOf(r), c.formats ? 0 : 129) << what << "\n" << r.out;
+  }
+  // The same disk as a VMware disk file named on the command line has no
+  // disk number.
+  if (!e2e::HaveTool("qemu-img")) GTEST_SKIP() << "qemu-img is not installed";
+  e2e::ShellOk("qemu-img convert -f raw -O vmdk '" + disk->path() + "' '" + m.PathOf("copy.vmdk") + "'");
+  const Result file = m.Run({"/format", "/disk=copy.vmdk", "/part=1"}, "n");
+  EXPECT_TRUE(Has(file, " Preparing to format the encrypted (BitLocker) volume of virtual disk partition 1, are you "
+                        "sure? (Y/N): n\n"))
+      << file.out;
+  EXPECT_EQ(disk->Hash(), hash);
+}
+
 TEST_F(Format, RefusedWhereThereIsNoPrimaryToFormat) {
   const std::string hash = disk->Hash();
   // A third partition number names no primary of this disk.

@@ -1,11 +1,12 @@
-// Volume boot record inspection: file system detection, FAT and NTFS labels
-// on hand-built volumes, hostile boot sectors and MFT records, the volume ID
-// text and the error box.  Volumes made by mkfs.fat and mkntfs are read end
-// to end (e2e/volume_test).
+// Volume boot record inspection: file system detection, FAT, exFAT and NTFS
+// labels on hand-built volumes, hostile boot sectors, MFT records and exFAT
+// cluster chains, the volume ID text and the error box.  Volumes made by
+// mkfs.fat, mkfs.exfat and mkntfs are read end to end (e2e/volume_test).
 #include "disk/volume.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -33,7 +34,7 @@ TEST(DetectFileSystem, RecognisesEachSignatureInOrder) {
   const Case cases[] = {
       {3, "NTFS", kFsNtfs, "NTFS"},         {54, "FAT16", kFsFat16, "FAT16"},
       {82, "FAT32", kFsFat32, "FAT32"},     {1032, "HFSJ", kFsHfsJournaled, "HFS-J"},
-      {1032, "10.0", kFsHfsExtended, "HFSEX"},
+      {1032, "10.0", kFsHfsExtended, "HFSEX"},  {3, "EXFAT   ", kFsExfat, "exFAT"},
   };
   for (const Case& c : cases) {
     uint8_t sectors[kVolumeProbeBytes] = {};
@@ -64,6 +65,22 @@ TEST(DetectFileSystem, RecognisesEachSignatureInOrder) {
   PutText(sectors + 1032, "HFSJ");
   EXPECT_EQ(DetectFileSystem(sectors, 1030, &name), kFsNone);
   EXPECT_EQ(DetectFileSystem(sectors, 1036, &name), kFsHfsJournaled);
+}
+
+TEST(DetectFileSystem, BitLockerHoldsNoFileSystem) {
+  // The boot sector of an encrypted volume names FAT32 where FAT32 does.
+  uint8_t sectors[kVolumeProbeBytes] = {0xEB, 0x58, 0x90};
+  PutText(sectors + 3, "-FVE-FS-");
+  PutText(sectors + 82, "FAT32   ");
+  std::string name = "keep";
+  EXPECT_EQ(DetectFileSystem(sectors, &name), kFsNone);
+  EXPECT_EQ(name, "keep");
+  EXPECT_TRUE(IsBitLockerBootSector(sectors, sizeof sectors));
+  // Only as far as the buffer goes.
+  EXPECT_FALSE(IsBitLockerBootSector(sectors, 10));
+  // "EXFAT" followed by other bytes than blanks is no exFAT name.
+  PutText(sectors + 3, "EXFAT\0\0\0");
+  EXPECT_EQ(DetectFileSystem(sectors, &name), kFsFat32);
 }
 
 TEST(VolumeId, FormatsTheSerialHighPairFirst) {
@@ -181,6 +198,43 @@ class VolumeTest : public test::FakeDiskTest {
   }
 
   std::vector<uint8_t> StandardInfo() { return ResidentAttr(0x10, std::vector<uint8_t>(48, 0x11)); }
+
+  // An exFAT boot sector: clusters of 2^clusterShift 512-byte sectors, the
+  // FAT at sector 8, the cluster heap at sector 16, the root at cluster 4.
+  uint8_t* PutExfatBoot(uint64_t lba, uint8_t clusterShift = 1, uint32_t clusterCount = 100) {
+    uint8_t* b = drive->Sector(lba);
+    b[0] = 0xEB;
+    b[1] = 0x76;
+    b[2] = 0x90;
+    PutText(b + vbr::kExfatName, "EXFAT   ");
+    StoreLe32(b + vbr::kExfatFatOffset, 8);
+    StoreLe32(b + vbr::kExfatClusterHeapOffset, 16);
+    StoreLe32(b + vbr::kExfatClusterCount, clusterCount);
+    StoreLe32(b + vbr::kExfatRootCluster, 4);
+    b[vbr::kExfatBytesPerSectorShift] = 9;
+    b[vbr::kExfatSectorsPerClusterShift] = clusterShift;
+    b[510] = 0x55;
+    b[511] = 0xAA;
+    return b;
+  }
+  // The FAT entry of a cluster of the default exFAT volume at kVolumeLba.
+  void PutExfatNext(uint32_t cluster, uint32_t next) { StoreLe32(At((kVolumeLba + 8) * 512 + 4 * cluster), next); }
+  // The 32-byte entry `index` of a cluster (of two sectors) of that volume.
+  uint8_t* ExfatEntry(uint32_t cluster, size_t index) {
+    return At((kVolumeLba + 16 + (cluster - 2) * 2) * 512 + 32 * index);
+  }
+  void PutExfatLabel(uint32_t cluster, size_t index, const std::u16string& text, uint8_t length) {
+    uint8_t* e = ExfatEntry(cluster, index);
+    e[0] = vbr::kExfatVolumeLabel;
+    e[1] = length;
+    const std::vector<uint8_t> bytes = Utf16(text);
+    std::memcpy(e + 2, bytes.data(), std::min<size_t>(bytes.size(), 30));
+  }
+  // Entries in use that are no label (allocation bitmap), from `first` to
+  // the end of the cluster.
+  void FillExfatCluster(uint32_t cluster, size_t first = 0) {
+    for (size_t i = first; i < 32; ++i) ExfatEntry(cluster, i)[0] = 0x81;
+  }
 };
 
 // ---- FAT ------------------------------------------------------------------------
@@ -220,6 +274,9 @@ TEST_F(VolumeTest, FatLabelSpacesAndOldEntries) {
   // A zero byte ends the name.
   PutDirEntry(root, 2, "AB\0CD      ", 0x08);
   EXPECT_EQ(Label(kFsFat32), "AB");
+  // A first byte 0x05 stands for 0xE5, which would mark the entry deleted.
+  PutDirEntry(root, 2, "\x05" "BC\x05      ", 0x08);
+  EXPECT_EQ(Label(kFsFat32), "\xE5" "BC\x05");
   // Not a label kind: nothing is read.
   EXPECT_EQ(Label(kFsHfsJournaled), "");
   EXPECT_EQ(Label(kFsNone), "");
@@ -271,6 +328,78 @@ TEST_F(VolumeTest, HostileFatBootSectors) {
   EXPECT_EQ(Label(kFsFat32), "");
   drive->badSectors = {kVolumeLba};
   EXPECT_EQ(Label(kFsFat32), "");
+}
+
+// ---- exFAT ----------------------------------------------------------------------
+
+TEST_F(VolumeTest, ExfatLabelAlongTheRootChain) {
+  PutExfatBoot(kVolumeLba);
+  FillExfatCluster(4, 0);
+  PutExfatLabel(4, 2, u"USB Stick", 9);
+  PutExfatNext(4, 0xFFFFFFFF);
+  EXPECT_EQ(Label(kFsExfat), "USB Stick");
+
+  // A removed label (0x03) is passed over; the label lies two links on.
+  ExfatEntry(4, 2)[0] = 0x03;
+  PutExfatNext(4, 9);
+  FillExfatCluster(9);
+  PutExfatNext(9, 6);
+  PutExfatLabel(6, 0, u"Third \u00c4\u20ac and more", 15);
+  PutExfatNext(6, 0xFFFFFFFF);
+  // Eleven characters at most; non-ASCII shows as '?', as NTFS names do.
+  EXPECT_EQ(Label(kFsExfat), "Third ?? an");
+  // The count says how many characters there are.
+  ExfatEntry(6, 0)[1] = 3;
+  EXPECT_EQ(Label(kFsExfat), "Thi");
+
+  // The end of the directory, before the label, ends the search.
+  ExfatEntry(9, 31)[0] = 0x00;
+  EXPECT_EQ(Label(kFsExfat), "");
+}
+
+TEST_F(VolumeTest, HostileExfatVolumes) {
+  uint8_t* boot = PutExfatBoot(kVolumeLba);
+  FillExfatCluster(4);
+  PutExfatLabel(5, 0, u"FOUND", 5);
+  PutExfatNext(4, 5);
+  ASSERT_EQ(Label(kFsExfat), "FOUND");
+  // Labels where clusters 1 and 102 would lie: outside the heap of 100.
+  PutExfatLabel(102, 0, u"OUTSIDE", 7);
+  uint8_t* beforeHeap = At((kVolumeLba + 14) * 512);
+  std::memcpy(beforeHeap, ExfatEntry(102, 0), 32);
+
+  // A chain that loops onto itself ends after a bounded walk.
+  PutExfatNext(4, 4);
+  EXPECT_EQ(Label(kFsExfat), "");
+  // Links and a root outside the heap are not followed.
+  for (uint32_t cluster : {1u, 102u}) {
+    PutExfatNext(4, cluster);
+    EXPECT_EQ(Label(kFsExfat), "") << cluster;
+    StoreLe32(boot + vbr::kExfatRootCluster, cluster);
+    EXPECT_EQ(Label(kFsExfat), "") << cluster;
+    StoreLe32(boot + vbr::kExfatRootCluster, 4);
+  }
+  PutExfatNext(4, 5);
+
+  // 4,096-byte sectors, one per cluster: the FAT, the heap and the root
+  // lie eight times further in.
+  boot[vbr::kExfatBytesPerSectorShift] = 12;
+  boot[vbr::kExfatSectorsPerClusterShift] = 0;
+  StoreLe32(At((kVolumeLba + 64) * 512 + 4 * 4), 0xFFFFFFFF);
+  std::memcpy(At((kVolumeLba + 128 + 2 * 8) * 512), ExfatEntry(5, 0), 32);
+  EXPECT_EQ(Label(kFsExfat), "FOUND");
+  // Clusters above 32 MiB are no exFAT clusters (and 2^255 no number).
+  boot[vbr::kExfatSectorsPerClusterShift] = 0xFF;
+  EXPECT_EQ(Label(kFsExfat), "");
+
+  // Unreadable FAT or directory, a volume at the top of the address space.
+  boot[vbr::kExfatBytesPerSectorShift] = 9;
+  boot[vbr::kExfatSectorsPerClusterShift] = 1;
+  drive->badSectors.insert(kVolumeLba + 8);
+  EXPECT_EQ(Label(kFsExfat), "");
+  drive->badSectors = {kVolumeLba + 16 + 3 * 2};
+  EXPECT_EQ(Label(kFsExfat), "");
+  EXPECT_EQ(Label(kFsExfat, UINT64_MAX - 10), "");
 }
 
 // ---- NTFS -----------------------------------------------------------------------
@@ -514,6 +643,28 @@ TEST_F(LoadedDiskTest, LabelsAndVolumeIdsOfEachPartition) {
   LoadDisk();
   EXPECT_EQ(LabelOf(1), "FAT16 VOL");
   EXPECT_EQ(LabelOf(2), "");
+}
+
+TEST_F(LoadedDiskTest, ExfatAndBitLockerVolumes) {
+  const test::MbrEntry entries[] = {{0, 0x07, 2048, 2048}, {0, 0x07, 4096, 2048}};
+  for (size_t slot = 0; slot < 2; ++slot) test::PutMbrEntry(drive->Sector(0), 446 + 16 * slot, entries[slot]);
+  StoreLe32(PutExfatBoot(2048) + vbr::kExfatSerial, 0x5EC0ABCD);
+  FillExfatCluster(4);
+  PutExfatLabel(5, 0, u"Camera", 6);
+  PutExfatNext(4, 5);
+  // An encrypted volume whose boot sector looks like FAT32, with a label
+  // entry where FAT32's root directory would be.
+  uint8_t* locked = PutFatBoot(4096, kFsFat32, 1, 32, 2, 8);
+  PutText(locked + 3, "-FVE-FS-");
+  PutDirEntry(4096 + 48, 0, "NOT A LABEL", 0x08);
+  LoadDisk();
+
+  EXPECT_EQ(LabelOf(1), "Camera");
+  EXPECT_EQ(VolumeIdText(*disks, 1), "5EC0-fABCD");
+  EXPECT_EQ(LabelOf(2), "");
+  EXPECT_EQ(VolumeIdText(*disks, 2), "");
+  EXPECT_FALSE(ReadVolumeEncrypted(*disks, 2048));
+  EXPECT_TRUE(ReadVolumeEncrypted(*disks, 4096));
 }
 
 }  // namespace
