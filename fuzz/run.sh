@@ -24,8 +24,8 @@ targets="fuzz_argv fuzz_option_file fuzz_machine_file fuzz_mbr fuzz_gpt fuzz_vmd
 # Executions per target in the fixed form: about 40 s each at the speed
 # of a 2-core CI machine with a second target beside it.
 declare -A fixed_runs=(
-  [fuzz_argv]=12000 [fuzz_option_file]=4000 [fuzz_machine_file]=40000 [fuzz_mbr]=8000 [fuzz_gpt]=8000
-  [fuzz_vmdk_descriptor]=6000 [fuzz_vmdk_sparse]=6000 [fuzz_backup]=8000 [fuzz_volume]=8000
+  [fuzz_argv]=60000 [fuzz_option_file]=20000 [fuzz_machine_file]=200000 [fuzz_mbr]=10000 [fuzz_gpt]=20000
+  [fuzz_vmdk_descriptor]=10000 [fuzz_vmdk_sparse]=8000 [fuzz_backup]=25000 [fuzz_volume]=20000
 )
 
 if [[ "${2:-}" == "--fixed" ]]; then
@@ -41,21 +41,37 @@ mkdir -p "$work"
 run_one() {
   local t=$1
   mkdir -p "$work/$t/corpus" "$work/$t/findings"
-  local limits=(-rss_limit_mb=2048 -detect_leaks=1 -print_final_stats=1 -artifact_prefix="$work/$t/findings/")
+  local limits=(-rss_limit_mb=2048 -detect_leaks=1 -print_final_stats=1)
   if [[ $mode == fixed ]]; then
     # The seeds as a list in name order: a folder would be read in the
     # order the file system keeps, which differs between machines.
     (cd "$here/corpus/$t" && LC_ALL=C ls | sed "s|^|$here/corpus/$t/|" | paste -sd, -) >"$work/$t/seeds"
-    "$build/fuzz/$t" "$work/$t/corpus" -seed_inputs=@"$work/$t/seeds" -seed=1 -runs="$runs" -timeout=30 \
-      "${limits[@]}" >"$work/$t/log" 2>&1
+    # libFuzzer feeds the values of the program's comparisons back into its
+    # mutations, and some of them are addresses: the run is repeatable only
+    # with the same addresses every time, so address randomisation is off
+    # (where the machine lets it be), the environment is the same and the
+    # paths on the command line do not depend on where the tree lies.  The
+    # corpus is never re-read while the run goes on (-reload=0), since
+    # when that happens depends on the clock.
+    (cd "$work/$t" && env -i PATH=/usr/bin:/bin $norandom "../../fuzz/$t" corpus -seed_inputs=@seeds -seed=1 \
+      -runs="$runs" -reload=0 -timeout=30 -artifact_prefix=findings/ "${limits[@]}" >log 2>&1)
   else
     "$build/fuzz/$t" "$work/$t/corpus" "$here/corpus/$t" -max_total_time="$seconds" -timeout=1 \
-      "${limits[@]}" >"$work/$t/log" 2>&1
+      -artifact_prefix="$work/$t/findings/" "${limits[@]}" >"$work/$t/log" 2>&1
   fi
   echo $? >"$work/$t/status"
 }
+# Address randomisation off for the fixed runs, where the machine allows it.
+norandom=""
+if [[ $mode == fixed ]]; then
+  if setarch "$(uname -m)" -R true 2>/dev/null; then
+    norandom="setarch $(uname -m) -R"
+  else
+    echo "fuzz: address randomisation cannot be turned off here; fixed runs may take other paths on other runs"
+  fi
+fi
 export -f run_one
-export build here work mode
+export build here work mode norandom
 export seconds=${seconds:-0}
 
 for t in $targets; do
