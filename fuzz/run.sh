@@ -21,11 +21,11 @@ here=$(cd "$(dirname "$0")" && pwd)
 work="$build/fuzz-work"
 targets="fuzz_argv fuzz_option_file fuzz_machine_file fuzz_mbr fuzz_gpt fuzz_vmdk_descriptor fuzz_vmdk_sparse fuzz_backup fuzz_volume"
 
-# Executions per target in the fixed form: about 40 s each at the speed
-# of a 2-core CI machine with a second target beside it.
+# Executions per target in the fixed form: 20 to 40 s each on a 2-core
+# machine with a second target beside it.
 declare -A fixed_runs=(
-  [fuzz_argv]=60000 [fuzz_option_file]=20000 [fuzz_machine_file]=200000 [fuzz_mbr]=10000 [fuzz_gpt]=20000
-  [fuzz_vmdk_descriptor]=10000 [fuzz_vmdk_sparse]=8000 [fuzz_backup]=25000 [fuzz_volume]=20000
+  [fuzz_argv]=120000 [fuzz_option_file]=40000 [fuzz_machine_file]=400000 [fuzz_mbr]=20000 [fuzz_gpt]=40000
+  [fuzz_vmdk_descriptor]=20000 [fuzz_vmdk_sparse]=16000 [fuzz_backup]=50000 [fuzz_volume]=40000
 )
 
 if [[ "${2:-}" == "--fixed" ]]; then
@@ -83,7 +83,8 @@ failed=0
 for t in $targets; do
   status=$(cat "$work/$t/status" 2>/dev/null || echo missing)
   runs=$(grep -o 'Done [0-9]* runs' "$work/$t/log" | tail -1)
-  echo "$t: status $status, ${runs:-no runs}"
+  added=$(grep -o 'new_units_added: *[0-9]*' "$work/$t/log" | grep -o '[0-9]*$')
+  echo "$t: status $status, ${runs:-no runs}, ${added:-no} new inputs"
   if [[ "$status" != 0 ]]; then
     failed=1
     grep -E 'ERROR|check failed|SUMMARY' "$work/$t/log" | head -5
