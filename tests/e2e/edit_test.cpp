@@ -360,6 +360,13 @@ TEST_F(EditSfdiskTest, CreateSortDeleteAndType) {
        {{"/type=17", "/part=3"}, {"/del", "/part=2"}},
        "1 : start=          63, size=        1000, type=7\n"
        "3 : start=        6048, size=        1000, type=17\n"},
+      // max takes the free run that /freespace lists (4096 to 6143) from the
+      // start on, up to the next partition's first sector.
+      {"label: dos\nstart=2048, size=2048, type=7\nstart=6144, size=1024, type=83\n",
+       {{"/create=1", "/start=4500", "/size=max"}},
+       "1 : start=        2048, size=        2048, type=7\n"
+       "2 : start=        6144, size=        1024, type=83\n"
+       "3 : start=        4500, size=        1644, type=7\n"},
   };
   for (const Case& c : cases) {
     e2e::Image& disk = Partition(c.script);

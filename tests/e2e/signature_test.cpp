@@ -153,8 +153,9 @@ TEST(Signature, EachCommandTouchesOnlyItsOwnBytes) {
       {"status=7 without 55 AA", kGptNoMarker, {"/status=7", "/confirm"}, 510, kStatusByte,
        " Error 510: Unable to locate a valid MBR at this location\n\n"},
       {"status without 55 AA", kGptNoMarker, {"/status"}, -510, kNothing, ""},
-      {"MBR without 55 AA has no partition 1", kMbrNoMarker, {"/signature=Zero"}, 106, kNothing,
-       " Error 106: Invalid Partition specified.\n"},
+      // No partition is needed, but an MBR is.
+      {"signature of an MBR without 55 AA", kMbrNoMarker, {"/signature=Zero"}, 510, kNothing,
+       " Error 510: Unable to locate a valid MBR at this location\n\n"},
       {"status=255", kMbr, {"/status=255", "/confirm"}, 116, kNothing,
        " Error 116: Status must be between 0 and 254\n"},
       {"status=-1", kMbr, {"/status=-1", "/confirm"}, 117, kNothing, " Error 117: Invalid Parameter: /status=-1\n"},
