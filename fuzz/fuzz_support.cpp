@@ -9,6 +9,9 @@
 
 #include "app/program.h"
 #include "app/run_state.h"
+#include "gpt/gpt_table.h"
+#include "mbr/partition.h"
+#include "platform/sim/sim_drive.h"
 #include "platform/sim/sim_machine.h"
 #include "vdisk/vmdk.h"
 
@@ -189,6 +192,39 @@ platform::sim::DriveDescription Drive(int number, const std::string& image, plat
   return d;
 }
 
+DirectDisk::DirectDisk() {
+  platform::SetHost(host.get());
+  DiskDrivers drivers;
+  drivers.loadMbr = LoadMbrTable;
+  drivers.loadGpt = LoadGptTable;
+  disks_ = std::make_unique<DiskSet>(drivers, false);
+}
+
+DiskSet& DirectDisk::Load(const MemFile& image, platform::sim::MediaKind media) {
+  platform::SetHost(host.get());
+  host->files.clear();
+  host->created = 0;
+  host->Put(kPath, image);
+  DiskSet& d = *disks_;
+  d.SetWritePlan(nullptr);
+  d.table.reset();
+  d.firstError = kSuccess;
+  d.isVirtual = false;
+  d.currentDisk = 0;
+  d.diskCount = 1;
+  d.diskTable[0] = 0;
+  d.walkExtended = true;
+  d.skipVolumeInfo = false;
+  d.device.Close();
+  d.devicePath = "\\\\.\\PhysicalDrive0";
+  d.device.Attach(platform::sim::MakeDriveFile(Drive(0, kPath, media), host->Open(kPath, platform::OpenMode::DiskReadWrite),
+                                               image.size, true, host, std::make_shared<platform::sim::ErrorState>(),
+                                               nullptr),
+                  d.devicePath);
+  d.LoadDisk(true);
+  return d;
+}
+
 int32_t RunProgram(const std::shared_ptr<MemMachine>& host, const platform::sim::MachineDescription& description,
                    const std::vector<std::string>& args, const std::string& programPath) {
   ResetRun();
@@ -282,6 +318,13 @@ void RequireNoWrites(const MemMachine& host, const std::vector<std::string>& exc
 MemFile ImageFromInput(const uint8_t* data, size_t size, uint64_t sectors) {
   const uint64_t bytes = sectors * kSector;
   return MemFile(data, static_cast<size_t>(std::min<uint64_t>(size, bytes)), bytes);
+}
+
+MemFile TailImage(const uint8_t* data, size_t size, size_t tailSectors, uint64_t sectors) {
+  const size_t tail = std::min(size, tailSectors * kSector);
+  MemFile image = ImageFromInput(data, size - tail, sectors);
+  if (tail > 0) image.Write(sectors * kSector - tail, data + size - tail, tail);
+  return image;
 }
 
 Bytes ReadVirtualDisk(MemMachine& host, const std::string& path, uint64_t sectors) {

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "disk/disk_set.h"
 #include "platform/platform.h"
 #include "platform/sim/machine_file.h"
 
@@ -114,6 +115,28 @@ class MemMachine : public platform::Machine {
 platform::sim::DriveDescription Drive(int number, const std::string& image,
                                       platform::sim::MediaKind media = platform::sim::MediaKind::Fixed);
 
+// One disk set over one in-memory drive, for the targets that call the
+// table and volume readers themselves: made once per process (its drive
+// count is taken then, on a host without drives), and loaded afresh from an
+// image for each input without starting the program or probing drives.
+class DirectDisk {
+ public:
+  DirectDisk();
+  // Puts `image` on the host as the drive's image, attaches the drive and
+  // loads it as the program loads a selected disk: geometry, sector 0, the
+  // MBR or GPT table, volume labels.
+  DiskSet& Load(const MemFile& image, platform::sim::MediaKind media = platform::sim::MediaKind::Fixed);
+  DiskSet& disks() { return *disks_; }
+  // The image as it stands now.
+  const MemFile& Image() const { return host->Get(kPath); }
+
+  static constexpr const char* kPath = "/fz/direct.img";
+  std::shared_ptr<MemMachine> host = std::make_shared<MemMachine>();
+
+ private:
+  std::unique_ptr<DiskSet> disks_;
+};
+
 // Runs the program once with `args` (without the program name, which is
 // `programPath`) on the simulated machine `description` over `host`.  The
 // run's options and state are fresh; its console output goes wherever
@@ -167,6 +190,9 @@ void RequireNoWrites(const MemMachine& host, const std::vector<std::string>& exc
 // The fuzz input as a disk image of `sectors` sectors: the input from
 // sector 0, zeros after it (cut when longer).
 MemFile ImageFromInput(const uint8_t* data, size_t size, uint64_t sectors);
+// The same with the input's last `tailSectors` sectors at the disk's end
+// (where a backup GPT lives) and the rest from sector 0.
+MemFile TailImage(const uint8_t* data, size_t size, size_t tailSectors, uint64_t sectors);
 
 // Reads `sectors` sectors (at most) of a VMware disk through the program's
 // own opener on `host`; empty when it does not open.

@@ -35,9 +35,14 @@ text_seed() {
 truncate -s 16M mbr.img
 printf 'label: dos\nstart=2, size=4, type=7, bootable\nstart=6, size=2, type=c\nstart=8, size=40, type=5\nstart=10, size=4, type=6\nstart=16, size=4, type=e\n' |
   sfdisk -q mbr.img
-seed fuzz_mbr chain-list '\x17' mbr.img 0 32768
-seed fuzz_mbr chain-hide-removable '\x80' mbr.img 0 32768
-seed fuzz_mbr chain-create '\x6a' mbr.img 0 32768
+# fuzz_commands takes them behind a layout byte whose bit 7 makes an MBR disk.
+mbr_seed() {
+  seed fuzz_mbr "$1" "$2" "$3" 0 32768
+  seed fuzz_commands "$1" "$2\x80" "$3" 0 32768
+}
+mbr_seed chain-list '\x17' mbr.img
+mbr_seed chain-hide-removable '\x80' mbr.img
+mbr_seed chain-create '\x6a' mbr.img
 truncate -s 16M loop.img
 printf 'label: dos\nstart=4, size=40, type=f\nstart=6, size=4, type=7\nstart=12, size=4, type=7\n' | sfdisk -q loop.img
 # The second EBR links back to the first: a loop the chain walk must stop.
@@ -47,12 +52,14 @@ f = open(sys.argv[1], 'r+b')
 f.seek(10 * 512 + 462)
 f.write(bytes([0, 0, 0, 0, 0x05, 0, 0, 0]) + struct.pack('<II', 0, 40))
 EOF
-seed fuzz_mbr chain-loop '\x07' loop.img 0 32768
+mbr_seed chain-loop '\x07' loop.img
 
 # ---- GPT: four entries with the backup at the end, and 128 without --------
 truncate -s 1M gpt4.img
 sgdisk -a 1 --resize-table=4 -n 1:4:100 -t 1:ef00 -c 1:EFI -n 2:101:900 -t 2:0700 -c 2:Data gpt4.img >/dev/null
-python3 - gpt4.img "$out/fuzz_gpt" <<'EOF'
+# The GPT seeds serve fuzz_commands as they are.
+for target in fuzz_gpt fuzz_commands; do
+python3 - gpt4.img "$out/$target" <<'EOF'
 import os, sys
 data = open(sys.argv[1], 'rb').read()
 os.makedirs(sys.argv[2], exist_ok=True)
@@ -63,9 +70,11 @@ open(os.path.join(sys.argv[2], 'sgdisk-4-entries-del'), 'wb').write(bytes([0xC0,
 open(os.path.join(sys.argv[2], 'sgdisk-4-entries-primary-zeroed'), 'wb').write(
     bytes([0xC0, 2]) + data[:512] + bytes(512) + data[2 * 512:3 * 512] + data[-2 * 512:])
 EOF
+done
 truncate -s 1M gpt128.img
 sgdisk -n 1:34:233 -t 1:ef00 -n 2:234:0 -t 2:0700 gpt128.img >/dev/null
 seed fuzz_gpt sgdisk-no-backup '\x0d\x00' gpt128.img 0 17408
+seed fuzz_commands sgdisk-no-backup '\x0d\x00' gpt128.img 0 17408
 
 # ---- volume boot records --------------------------------------------------
 truncate -s 8M fat16.img
@@ -122,9 +131,15 @@ qemu-img create -q -f vmdk -o subformat=twoGbMaxExtentSparse split.vmdk 1M
 sed -e 's/"split-s001.vmdk"/"d-s001.vmdk"/' split.vmdk >d.vmdk
 seed fuzz_vmdk_descriptor qemu-sparse-active '\x04' d.vmdk
 text_seed fuzz_vmdk_descriptor extents-mixed '\x06# Disk DescriptorFile\nversion=1\nCID=fffffffe\nparentCID=ffffffff\ncreateType="monolithicFlat"\nRW 1024 FLAT "d-flat.vmdk" 0\nRW 512 ZERO\nRW 2048 SPARSE "d-s001.vmdk"\nddb.geometry.cylinders = "3"\nddb.geometry.heads = "16"\nddb.geometry.sectors = "63"\nddb.adapterType = "lsilogic"\n'
+# Sparse files: commands on them in fuzz_commands, the grain mapper alone in
+# fuzz_vmdk_grains.
+sparse_seed() {
+  seed fuzz_commands "$@"
+  seed fuzz_vmdk_grains "$@"
+}
 qemu-img create -q -f vmdk -o subformat=monolithicSparse sparse.vmdk 1M
-seed fuzz_vmdk_sparse qemu-empty-list '\x00' sparse.vmdk
-seed fuzz_vmdk_sparse qemu-empty-status '\x85' sparse.vmdk
+sparse_seed qemu-empty-list '\x00' sparse.vmdk
+sparse_seed qemu-empty-status '\x85' sparse.vmdk
 # A disk with an MBR in grains of 4 KiB, so that the seed stays small.
 python3 - small.vmdk <<'EOF'
 import struct, sys
@@ -150,8 +165,8 @@ f[mbr + 510:mbr + 512] = b'\x55\xaa'
 open(sys.argv[1], 'wb').write(f)
 EOF
 qemu-img check -q small.vmdk
-seed fuzz_vmdk_sparse grain8-hide '\x03' small.vmdk
-seed fuzz_vmdk_sparse grain8-copy-by-path '\x87' small.vmdk
+sparse_seed grain8-hide '\x03' small.vmdk
+sparse_seed grain8-copy-by-path '\x87' small.vmdk
 
 # ---- machine files --------------------------------------------------------
 text_seed fuzz_machine_file readme '\x00[machine]\ncodepage = 437\nelevated = yes\nversion = 6.1\ncomputername = TESTPC\nsystemdrive = C:\ndecimal = ,\nthousands = .\ngrouping = 3\nformatengine = ok\nshutdownlog = shutdown.log\n\n[environment]\nNAME = value\n\n[drive 0]\nimage = disk0.img\nmedia = fixed\nheads = 255\nsectors = 63\ncylinders = 2\nbadsectors = 100-120,5000\nlayout = 07,1048576,4194304\ninstance = IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0\nfriendlyname = ST3500418AS  ATA Device\ndevicedesc = Disk drive\nparentidprefix = 7&2a3b&0\n\n[drive 1]\nimage = disk1.img\n\n[drive 3]\nimage = usb.img\nmedia = removable\nreadonly = yes\n\n[volume C]\ndrive = 0\noffset = 1048576\nguid = {6a1c0000-0000-0000-0000-000000000001}\n\n[volume E]\ndevice = \\??\\STORAGE#RemovableMedia#7&2a3b&0&RM\n'

@@ -19,13 +19,14 @@ set -uo pipefail
 build=$(realpath "$1")
 here=$(cd "$(dirname "$0")" && pwd)
 work="$build/fuzz-work"
-targets="fuzz_argv fuzz_option_file fuzz_machine_file fuzz_mbr fuzz_gpt fuzz_vmdk_descriptor fuzz_vmdk_sparse fuzz_backup fuzz_volume"
+targets="fuzz_commands fuzz_argv fuzz_option_file fuzz_machine_file fuzz_mbr fuzz_gpt fuzz_vmdk_descriptor fuzz_vmdk_grains fuzz_backup fuzz_volume"
 
 # Executions per target in the fixed form: 20 to 40 s each on a 2-core
 # machine with a second target beside it.
 declare -A fixed_runs=(
-  [fuzz_argv]=120000 [fuzz_option_file]=40000 [fuzz_machine_file]=400000 [fuzz_mbr]=20000 [fuzz_gpt]=40000
-  [fuzz_vmdk_descriptor]=20000 [fuzz_vmdk_sparse]=16000 [fuzz_backup]=50000 [fuzz_volume]=40000
+  [fuzz_commands]=8000 [fuzz_argv]=380000 [fuzz_option_file]=240000 [fuzz_machine_file]=450000
+  [fuzz_mbr]=430000 [fuzz_gpt]=250000 [fuzz_vmdk_descriptor]=33000 [fuzz_vmdk_grains]=190000
+  [fuzz_backup]=20000 [fuzz_volume]=240000
 )
 
 if [[ "${2:-}" == "--fixed" ]]; then
