@@ -47,25 +47,6 @@ std::vector<uint8_t> Image::Read(uint64_t lba, uint64_t count) const {
   return out;
 }
 
-std::string Image::Hash() const {
-  // FNV-1a over the data, skipping runs of zeros cheaply is not needed: the
-  // images of the tests are small.
-  std::ifstream in(path_, std::ios::binary);
-  uint64_t h = 1469598103934665603ull;
-  std::vector<char> buf(1 << 20);
-  uint64_t total = 0;
-  while (in) {
-    in.read(buf.data(), static_cast<std::streamsize>(buf.size()));
-    std::streamsize got = in.gcount();
-    for (std::streamsize i = 0; i < got; ++i) {
-      h ^= static_cast<uint8_t>(buf[static_cast<size_t>(i)]);
-      h *= 1099511628211ull;
-    }
-    total += static_cast<uint64_t>(got);
-  }
-  return std::to_string(total) + ":" + std::to_string(h);
-}
-
 std::vector<uint8_t> Entry(uint8_t boot, uint8_t type, uint32_t start, uint32_t count) {
   std::vector<uint8_t> e(16, 0);
   e[0] = boot;
@@ -133,12 +114,6 @@ Image& Machine::AddDrive(int number, uint64_t sectors, const std::map<std::strin
   return drives_[number];
 }
 
-std::string Machine::Hashes() const {
-  std::string all;
-  for (const auto& [n, img] : drives_) all += std::to_string(n) + "=" + img.Hash() + " ";
-  return all;
-}
-
 std::string Machine::WriteMachineFile() const {
   std::ostringstream f;
   f << "[machine]\n";
@@ -168,12 +143,6 @@ std::vector<std::string> WrapperWords() {
   std::istringstream in(env);
   for (std::string word; in >> word;) words.push_back(word);
   return words;
-}
-
-std::string DiskholdCommand() {
-  std::string line;
-  for (const std::string& w : WrapperWords()) line += "'" + w + "' ";
-  return line + "'" + DiskholdPath() + "'";
 }
 
 Result RunProgram(const std::string& program, const std::vector<std::string>& args, const std::string& input,
@@ -271,45 +240,9 @@ Result RunProgram(const std::string& program, const std::vector<std::string>& ar
   return r;
 }
 
-Result Expect(const Machine& m, int code, Args args, const std::string& text, const std::string& input) {
-  args.push_back("/result");
-  Result r = m.Run(args, input);
-  EXPECT_EQ(code, ResultOf(r)) << ::testing::PrintToString(args) << "\n" << r.out;
-  // The shell sees the low 8 bits, and 1 for a failure whose low 8 bits are 0.
-  const int status = code != 0 && (code & 0xFF) == 0 ? 1 : (code & 0xFF);
-  EXPECT_EQ(status, r.status) << ::testing::PrintToString(args);
-  if (!text.empty()) {
-    EXPECT_TRUE(Has(r, text)) << ::testing::PrintToString(args) << "\n" << r.out;
-  }
-  return r;
-}
-
-std::string Shown(const Args& args, const Result& r) {
-  std::string line = ">";
-  for (const std::string& a : args) line += " " + a;
-  return line + "\n" + r.out + "= " + std::to_string(r.status) + "\n";
-}
-
-std::string Transcript(const Machine& m, const std::vector<Args>& runs, const std::string& input) {
-  std::string all;
-  for (const Args& args : runs) all += Shown(args, m.Run(args, input));
-  return all;
-}
-
 std::string DiskholdPath() {
   const char* env = std::getenv("DISKHOLD_EXE_OVERRIDE");
   return env ? env : DISKHOLD_EXE;
-}
-
-void ExpectGolden(const std::string& name, const std::string& actual) {
-  const std::string here = __FILE__;
-  const std::string path = here.substr(0, here.find_last_of("/\\") + 1) + "golden/" + name;
-  const std::string expected = ReadFileText(path);
-  if (actual == expected) return;
-  const std::string saved = ::testing::TempDir() + name + ".actual";
-  WriteFileText(saved, actual);
-  ASSERT_FALSE(expected.empty()) << "missing golden file " << path << "; output saved in " << saved;
-  EXPECT_EQ(expected, actual) << name << "; output saved in " << saved;
 }
 
 int ResultOf(const Result& r) {

@@ -24,8 +24,6 @@ class Image {
   uint64_t sectors() const { return sectors_; }
   void Write(uint64_t lba, const std::vector<uint8_t>& bytes) const;
   std::vector<uint8_t> Read(uint64_t lba, uint64_t count = 1) const;
-  // A hash of the whole file, for "nothing changed" checks.
-  std::string Hash() const;
 
  private:
   std::string path_;
@@ -75,9 +73,6 @@ class Machine {
   // empty value removes it.
   void SetProcessEnv(const std::string& name, const std::string& value) { processEnv_[name] = value; }
 
-  // The hashes of every image, for "nothing changed" checks.
-  std::string Hashes() const;
-
   std::string WriteMachineFile() const;
   // Runs diskhold with the arguments on this machine, stdin from the text
   // (closed at its end), in this folder as the working directory.
@@ -100,26 +95,11 @@ Result RunProgram(const std::string& program, const std::vector<std::string>& ar
                   const std::string& machineFile, const std::string& workDir,
                   const std::map<std::string, std::string>& env = {});
 
-// Runs with "/result" added; expects that value, its low 8 bits as the exit
-// status and, when given, `text` somewhere in the output.
-Result Expect(const Machine& m, int code, Args args, const std::string& text = "", const std::string& input = "");
-// One run as a transcript shows it: "> " and the arguments, the output,
-// and "= " with the exit status.
-std::string Shown(const Args& args, const Result& r);
-// The transcript of the runs in turn, for comparing with a golden file.
-std::string Transcript(const Machine& m, const std::vector<Args>& runs, const std::string& input = "");
-
 std::string DiskholdPath();
 // The words of the environment variable DISKHOLD_WRAPPER (split at blanks),
 // which every run of the program is started under: for instance
 // "valgrind --tool=memcheck --error-exitcode=197".  Empty when not set.
 std::vector<std::string> WrapperWords();
-// The program under its wrapper as a shell command line (quoted words).
-std::string DiskholdCommand();
-// Compares output with the file tests/e2e/golden/<name>; on a difference, or
-// when there is no such file yet, the actual output is saved beside the
-// test's temporary files.
-void ExpectGolden(const std::string& name, const std::string& actual);
 // The whole value printed by "/result" (the last " Result:" line).
 int ResultOf(const Result& r);
 inline bool Has(const Result& r, const std::string& text) { return r.out.find(text) != std::string::npos; }
