@@ -5,7 +5,8 @@
 # findings stay in <build-dir>/fuzz-work; a finding is fixed and then
 # committed as a seed of its target, so that every later run meets it first.
 #
-#   fuzz/run.sh <build-dir> <seconds per target>   random runs for a while
+#   fuzz/run.sh <build-dir> <seconds per target> [target...]
+#                                   random runs for a while, of the targets named (else all)
 #   fuzz/run.sh <build-dir> --fixed [scale]        what CI runs
 #
 # The timed form is for a developer's machine: each run draws its own
@@ -35,8 +36,14 @@ if [[ "${2:-}" == "--fixed" ]]; then
 else
   mode=timed
   seconds=$2
+  if (($# > 2)); then
+    for t in "${@:3}"; do
+      [[ " $targets " == *" $t "* ]] || { echo "fuzz: no target $t (targets: $targets)" >&2; exit 2; }
+    done
+    targets="${*:3}"
+  fi
 fi
-rm -rf "$work"
+for t in $targets; do rm -rf "${work:?}/$t"; done
 mkdir -p "$work"
 
 run_one() {
