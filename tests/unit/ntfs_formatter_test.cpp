@@ -131,19 +131,6 @@ TEST_F(NtfsFormatterTest, RunsReportProgressAndTheEnd) {
   EXPECT_TRUE(calls.empty());
 }
 
-TEST_F(NtfsFormatterTest, FindOnPathTakesTheFirstExecutable) {
-  WriteFile(dir_ / "a/tool", "not executable");
-  WriteFile(dir_ / "b/tool", "#!/bin/sh\n", true);
-  WriteFile(dir_ / "c/tool", "#!/bin/sh\n", true);
-  const char* saved = std::getenv("PATH");
-  const std::string keep = saved != nullptr ? saved : "";
-  ::setenv("PATH", ((dir_ / "a").string() + ":" + (dir_ / "b").string() + ":" + (dir_ / "c").string()).c_str(), 1);
-  EXPECT_EQ(FindOnPath("tool"), (dir_ / "b/tool").string());
-  EXPECT_EQ(FindOnPath("none"), "");
-  EXPECT_EQ(FindOnPath("b/tool"), "");  // names only, never paths
-  ::setenv("PATH", keep.c_str(), 1);
-}
-
 }  // namespace
 }  // namespace dh::platform::linux_native
 

@@ -86,54 +86,6 @@ TEST_F(SparseFile, ZeroRangeZeroesInsideTheFileOnly) {
   EXPECT_EQ(std::vector<uint8_t>(8 * kMiB, 0), all);
 }
 
-// Cloning shares blocks where the file system can and is refused, with
-// nothing changed and no error recorded, where it cannot: another file
-// system, offsets off the block boundaries, a source that is a device.
-TEST(CloneRange, SharesAlignedRangesOrRefusesWithoutATrace) {
-  auto machine = platform::linux_native::CreateLinuxMachine({});
-  std::vector<std::string> folders = {"/tmp"};
-  if (const char* reflink = std::getenv("DISKHOLD_REFLINK_DIR"); reflink != nullptr && *reflink != '\0') {
-    folders.push_back(reflink);
-  }
-  for (const std::string& folder : folders) {
-    const bool shares = folder != "/tmp";
-    const std::string from = folder + "/dh_clone_from";
-    const std::string to = folder + "/dh_clone_to";
-    {
-      auto source = machine->Open(from, platform::OpenMode::CreateAlways);
-      auto target = machine->Open(to, platform::OpenMode::CreateAlways);
-      ASSERT_TRUE(source && target);
-      std::vector<uint8_t> data(4 * 4096);
-      for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7 + 1);
-      uint32_t done = 0;
-      ASSERT_TRUE(source->Seek(0));
-      ASSERT_TRUE(source->Write(data.data(), static_cast<uint32_t>(data.size()), &done));
-      // Blocks are shared from a file open for reading.
-      source = machine->Open(from, platform::OpenMode::ReadExisting);
-      ASSERT_TRUE(source);
-      const uint32_t errorBefore = machine->LastError();
-      EXPECT_FALSE(target->CloneFrom(*source, 512, 512, 4096)) << folder;  // off the blocks
-      EXPECT_EQ(shares, target->CloneFrom(*source, 4096, 8192, 8192)) << folder;
-      EXPECT_EQ(errorBefore, machine->LastError());
-      uint64_t size = 0;
-      ASSERT_TRUE(target->Size(&size));
-      EXPECT_EQ(shares ? 16384u : 0u, size) << folder;
-      if (shares) {
-        auto copy = machine->Open(to, platform::OpenMode::ReadExisting);
-        ASSERT_TRUE(copy);
-        std::vector<uint8_t> got(8192);
-        ASSERT_TRUE(copy->Seek(8192));
-        ASSERT_TRUE(copy->Read(got.data(), 8192, &done));
-        EXPECT_TRUE(std::equal(got.begin(), got.end(), data.begin() + 4096));
-      }
-      // A hint only: it changes nothing that reads back.
-      target->StartWriteback(0, 16384);
-    }
-    std::remove(from.c_str());
-    std::remove(to.c_str());
-  }
-}
-
 TEST_F(SparseFile, HoleMapAnswersOnlyForWholeHolesInsideTheSize) {
   DeviceHandle device;
   device.Attach(std::move(file_), path_);
