@@ -40,25 +40,17 @@ struct FakeDrive {
   uint32_t readLimit = 0;
   bool writeProtected = false;
 
-  bool geometryOk = true;
   platform::DiskGeometry geometry;  // set by FakeMachine::AddDrive
-  bool geometryExOk = true;
-  uint64_t diskSizeOverride = 0;  // DiskSize of the EX query; 0: bytes.size()
-  bool partitionInfoOk = false;
-  uint64_t partitionStart = 0;
-  uint64_t partitionLength = 0;
+  uint64_t diskSizeOverride = 0;    // DiskSize of the EX query; 0: bytes.size()
   bool layoutExOk = false;
   platform::LayoutEntry layoutEx;
   bool layoutOk = false;
   platform::LayoutEntry layout;
   int updatePropertiesCalls = 0;
 
-  // Counters for tests that check how the program used the drive.
-  int readCalls = 0;
   int writeCalls = 0;
   int flushCalls = 0;
 
-  // Sector helpers for building images.
   uint8_t* Sector(uint64_t lba) { return bytes.data() + lba * 512; }
   void SetBootSignature(uint64_t lba = 0) {
     Sector(lba)[510] = 0x55;
@@ -81,10 +73,7 @@ class FakeMachine : public platform::Machine {
 
   std::map<std::string, FakeDrive> devices;  // by path
 
-  // GetLastError of the last failure.
-  uint32_t lastError = 0;
-
-  // Locale: the texts GetLocaleInfoA answers, and whether it fails.
+  uint32_t lastError = 0;  // GetLastError
   std::map<platform::LocaleItem, std::string> locale;
   bool localeFails = false;
   // GetNumberFormatA: fails with `numberFormatError` when set; otherwise it
@@ -106,7 +95,7 @@ class FakeMachine : public platform::Machine {
   // FormatEx keeps each call.  When the engine is Ready it reports
   // `formatProgress` as command 0, hands the file `formatStaged` (when
   // named) to the place's writer, and ends with command 11: success when
-  // `formatSucceeds` and the writer agreed.
+  // the writer agreed.
   struct FormatCall {
     std::u16string driveRoot;
     uint32_t mediaFlag = 0;
@@ -118,14 +107,10 @@ class FakeMachine : public platform::Machine {
   };
   std::vector<FormatCall> formatCalls;
   std::vector<uint32_t> formatProgress;
-  bool formatSucceeds = true;
   std::string formatStaged;
 
   platform::OsVersion version{6, 1, 2};
   bool elevated = true;
-  bool elevationQueryOk = true;
-  bool shutdownPrivilege = true;
-  std::vector<uint32_t> exitWindowsCalls;
 
   uint32_t codePage = 437;
   int clearScreenCalls = 0;
@@ -155,20 +140,14 @@ class FakeMachine : public platform::Machine {
   int pumpCalls = 0;
   bool NtfsFormatterPresent() override { return false; }
   bool RunNtfsFormatter(const platform::NtfsFormatJob&, const platform::FormatCallback&) override { return false; }
-  bool GetVersionEx(platform::OsVersion* out) override {
-    *out = version;
-    return true;
-  }
+  bool GetVersionEx(platform::OsVersion* out) override { return *out = version, true; }
   uint32_t GetVersion() override { return version.majorVersion | (version.minorVersion << 8); }
   bool QueryElevation(bool* isElevated) override {
     *isElevated = elevated;
-    return elevationQueryOk;
-  }
-  bool EnableShutdownPrivilege() override { return shutdownPrivilege; }
-  bool ExitWindows(uint32_t flags) override {
-    exitWindowsCalls.push_back(flags);
     return true;
   }
+  bool EnableShutdownPrivilege() override { return true; }
+  bool ExitWindows(uint32_t) override { return true; }
   uint32_t ConsoleOutputCodePage() override { return codePage; }
   void ClearScreen() override { ++clearScreenCalls; }
   void SetCursorPosition(int, int) override {}
