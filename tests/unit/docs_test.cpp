@@ -180,15 +180,6 @@ TEST(CommandReference, ManualPageHasAnEntryAndExamplePerKeyword) {
   }
 }
 
-// Units and exit rules that users ask about are written down.
-TEST(CommandReference, ReadmeStatesUnitsAndTheExitRule) {
-  const std::string readme = ReadSource("README.md");
-  for (const char* text : {"units of 1,024 bytes (`/size=1024` is 1 MiB)", "exits with status 1",
-                           "No failure ever exits with 0", "apt-get install googletest"}) {
-    EXPECT_NE(readme.find(text), std::string::npos) << text;
-  }
-}
-
 }  // namespace
 }  // namespace dh
 

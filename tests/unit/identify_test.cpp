@@ -105,18 +105,6 @@ TEST_F(IdentifyTest, BusAndDescription) {
   EXPECT_EQ(Description(n + 1), "");
 }
 
-TEST_F(IdentifyTest, EnumInfoWritesOnlyWhatItFinds) {
-  AddDisk(0, "USBSTOR\\Disk&Ven_X\\1", "", "", "7&2a3b&0");
-  std::string out = "untouched";
-  EXPECT_FALSE(GetDiskEnumInfo(0, DiskEnumInfo::kDescription, &out));
-  EXPECT_FALSE(GetDiskEnumInfo(1, DiskEnumInfo::kInstancePath, &out));
-  EXPECT_EQ(out, "untouched");
-  EXPECT_TRUE(GetDiskEnumInfo(0, DiskEnumInfo::kParentPrefix, &out));
-  EXPECT_EQ(out, "7&2a3b&0");
-  EXPECT_TRUE(GetDiskEnumInfo(0, DiskEnumInfo::kInstancePath, &out));
-  EXPECT_EQ(out, "USBSTOR\\Disk&Ven_X\\1");
-}
-
 TEST_F(IdentifyTest, VirtualDiskTextsComeFromTheVirtualDisk) {
   AddDisk(0, "IDE\\Disk\\1", "Physical ATA Device");
   disks->isVirtual = true;

@@ -91,8 +91,7 @@ class SimMachineTest : public ::testing::Test {
 TEST_F(SimMachineTest, LoadFailuresSayWhy) {
   std::string error;
   EXPECT_EQ(LoadSimulatedMachine(Path("nothing.ini"), CreateNativeMachine(), &error), nullptr);
-  EXPECT_NE(error.find("cannot read the machine file: The system cannot find the file specified."),
-            std::string::npos) << error;
+  EXPECT_EQ(error, "cannot read the machine file " + Path("nothing.ini") + ": The system cannot find the file specified.");
   // Images that no drive can stand on are refused with the file and line of
   // their key: a missing file, a folder, and files shorter than one sector.
   fs::create_directory(Path("folder.img"));
@@ -271,7 +270,7 @@ TEST_F(SimMachineTest, RegistryAndMountedVolumes) {
   Machine& m = Load(
       "[drive 5]\nimage = c.img\ninstance = USBSTOR\\Disk&Ven_X\\0001\nparentidprefix = 7&2a3b&0\n"
       "[drive 0]\nimage = a.img\ninstance = IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0\n"
-      "friendlyname = ST3500418AS  ATA Device\n"
+      "friendlyname = ST3500418AS  ATA Device\ndevicedesc = Disk drive\n"
       "[drive 3]\nimage = b.img\n"
       "[volume D]\ndrive = 0\noffset = 1048576\nguid = 6a1c1c4e-0b2a-11e1-8e4c-806e6f6e6963\n"
       "[volume C]\ndrive = 0\noffset = 32256\n"
