@@ -1,12 +1,11 @@
 // The format engine wrapper against an in-memory machine: what each
-// callback command prints and keeps, the message pump, a missing engine,
-// what FormatEx is handed, where the partition may be written and the
-// copy of a staged volume onto it.
+// callback command prints and keeps, where a partition may be written, and
+// the copy of a staged volume onto it.  The engine's answers and a missing
+// engine are run end to end (e2e/format_test).
 #include "disk/formatter.h"
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -96,60 +95,6 @@ TEST_F(FormatterTest, CallbackCommands) {
   EXPECT_EQ(f.message, "Unknown error");
 }
 
-TEST_F(FormatterTest, EverySeventhCallHandsOverOneMessage) {
-  StringSink out;
-  Formatter f(out);
-  // The count runs on from earlier formats: line it up first.
-  const int start = machine_.pumpCalls;
-  int calls = 0;
-  while (machine_.pumpCalls == start) {
-    FormatCallback(f, 5, 0, {});
-    ASSERT_LT(++calls, 8);
-  }
-  for (int i = 1; i <= 21; ++i) FormatCallback(f, 5, 0, {});
-  EXPECT_EQ(machine_.pumpCalls, start + 1 + 3);
-}
-
-TEST_F(FormatterTest, AMissingEngineIsToldInAMessageBox) {
-  StringSink out;
-  Formatter missing(out);
-  machine_.formatEngine = platform::FormatEngineState::LibraryMissing;
-  EXPECT_FALSE(FormatVolume(Disks(), Primary(1), missing));
-  EXPECT_EQ(missing.state, kFormatterLoading);
-  Formatter noEntry(out);
-  machine_.formatEngine = platform::FormatEngineState::EntryMissing;
-  EXPECT_FALSE(FormatVolume(Disks(), Primary(1), noEntry));
-  EXPECT_EQ(noEntry.state, kFormatterNoEntry);
-  EXPECT_EQ(machine_.messageBoxes, (std::vector<std::string>{"Error: Unable to locate Windows disk format utility",
-                                                              "Unable to instantiate format functionality"}));
-  EXPECT_TRUE(machine_.formatCalls.empty());
-  EXPECT_EQ(out.text, "");
-}
-
-TEST_F(FormatterTest, TheEngineGetsTheVolumeNameAndThePlace) {
-  machine_.formatEngine = platform::FormatEngineState::Ready;
-  machine_.formatProgress = {0, 50, 100};
-  StringSink out;
-  Formatter f(out);
-  PartitionRecord partition = Primary(1);
-  partition.volumeName = "\\\\?\\Volume{0a1b2c3d-0000-0000-0000-000000000000}\\";
-  EXPECT_TRUE(FormatVolume(Disks(), partition, f));
-  EXPECT_EQ(out.text, "0 percent completed.\r50 percent completed.\r100 percent completed.\r");
-  ASSERT_EQ(machine_.formatCalls.size(), 1u);
-  const test::FakeMachine::FormatCall& call = machine_.formatCalls[0];
-  EXPECT_EQ(call.driveRoot, u"\\\\?\\Volume{0a1b2c3d-0000-0000-0000-000000000000}\\");
-  EXPECT_EQ(call.mediaFlag, 0x0Cu);
-  EXPECT_EQ(call.fileSystem, u"NTFS");
-  EXPECT_EQ(call.label, u"MYLABEL");
-  EXPECT_FALSE(call.quick);
-  EXPECT_EQ(call.clusterSize, 0u);
-  EXPECT_EQ(call.place.drivePath, test::DrivePath(0));
-  EXPECT_EQ(call.place.startLba, 2048u);
-  EXPECT_EQ(call.place.sectorCount, 2048u);
-  EXPECT_EQ(call.place.heads, 255u);
-  EXPECT_EQ(call.place.sectorsPerTrack, 63u);
-}
-
 TEST_F(FormatterTest, AStagedVolumeLandsOnExactlyItsPartition) {
   machine_.formatEngine = platform::FormatEngineState::Ready;
   std::vector<uint8_t> volume(2048 * 512);
@@ -185,6 +130,7 @@ TEST_F(FormatterTest, WhereAPartitionMayBeWritten) {
     uint32_t start;
     uint32_t count;
     uint64_t placed;
+    uint8_t type = 0x07;
   };
   const Case cases[] = {
       {"free space", 6144, 1024, 1024},
@@ -193,9 +139,12 @@ TEST_F(FormatterTest, WhereAPartitionMayBeWritten) {
       {"overlapping partition 1", 3072, 512, 0},
       {"the same sectors as partition 1", 2048, 2048, 2048},
       {"empty", 6144, 0, 0},
+      {"an extended area over its logicals", 6144, 2048, 0, 0x05},
   };
+  PutEntry(*drive_, 6144, 0, 0x07, 63, 1000);
+  drive_->SetBootSignature(6144);
   for (const Case& c : cases) {
-    PutEntry(*drive_, 0, 2, 0x07, c.start, c.count);
+    PutEntry(*drive_, 0, 2, c.type, c.start, c.count);
     disks_.reset();
     const PartitionRecord* record = GetPartition(Disks(), 3, kKindPrimary);
     ASSERT_NE(record, nullptr) << c.what;
@@ -203,37 +152,6 @@ TEST_F(FormatterTest, WhereAPartitionMayBeWritten) {
     EXPECT_EQ(place.sectorCount, c.placed) << c.what;
     EXPECT_EQ(place.startLba, c.start) << c.what;
   }
-}
-
-TEST_F(FormatterTest, AnExtendedAreaIsNotWrittenOverItsLogicals) {
-  PutEntry(*drive_, 0, 2, 0x05, 6144, 2048);
-  PutEntry(*drive_, 6144, 0, 0x07, 63, 1000);
-  drive_->SetBootSignature(6144);
-  const PartitionRecord& extended = Primary(3);
-  EXPECT_EQ(FormatPlaceOf(Disks(), extended).sectorCount, 0u);
-}
-
-// An engine that throws from inside the format.
-class ThrowingMachine : public test::FakeMachine {
- public:
-  bool FormatEx(const std::u16string&, uint32_t, const std::u16string&, const std::u16string&, bool, uint32_t,
-                const platform::FormatCallback&, const platform::FormatPlace&) override {
-    throw std::runtime_error("engine fault");
-  }
-};
-
-TEST(FormatterThrow, AnExceptionDuringTheCallIsAFailure) {
-  ThrowingMachine machine;
-  machine.AddDrive(0, 8192);
-  machine.formatEngine = platform::FormatEngineState::Ready;
-  test::ScopedHost host(&machine);
-  DiskSet disks(test::TestDrivers(), false);
-  StringSink out;
-  Formatter f(out);
-  PartitionRecord partition;
-  EXPECT_FALSE(FormatVolume(disks, partition, f));
-  EXPECT_EQ(f.message, "Exception thrown");
-  EXPECT_EQ(out.text, "");
 }
 
 }  // namespace
