@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -78,135 +77,64 @@ TEST(BootImagesTest, CommittedBytesAreWhatTheSourcesAssembleTo) {
 }
 #endif
 
-class BootRepairTest : public ::testing::Test {
- protected:
-  BootRepairTest() : host_(&machine_) { ResetRun(); }
-
-  // Drive 0: boot code that is a pattern (damaged code), signature
-  // DE AD BE EF, four entries of patterned bytes (two active) and 55 AA.
-  test::FakeDrive& MakeDisk(bool bootSignature = true) {
-    test::FakeDrive& d = machine_.AddDrive(0, 4096);
-    for (int i = 0; i < 510; ++i) d.Sector(0)[i] = static_cast<uint8_t>(i * 13 + 5);
-    const uint8_t signature[] = {0xDE, 0xAD, 0xBE, 0xEF};
-    std::memcpy(d.Sector(0) + 440, signature, 4);
-    for (int slot = 0; slot < 4; ++slot) {
-      uint8_t* e = d.Sector(0) + 446 + 16 * slot;
-      e[0] = slot % 2 == 0 ? 0x80 : 0x00;
-      e[4] = static_cast<uint8_t>(0x07 + slot);
-      e[8] = static_cast<uint8_t>(0x40 + slot);  // start LBA 64.., inside the disk
-      e[12] = 0x10;
-      e[13] = e[14] = e[15] = e[9] = e[10] = e[11] = 0;
-    }
-    d.Sector(0)[510] = bootSignature ? 0x55 : 0x12;
-    d.Sector(0)[511] = bootSignature ? 0xAA : 0x34;
-    return d;
-  }
-
-  void Load(bool ignore = false) {
-    disks_ = std::make_unique<DiskSet>(test::TestDrivers(), ignore);
-    before_ = drive().bytes;
-  }
-
-  test::FakeDrive& drive() { return machine_.devices[test::DrivePath(0)]; }
-  Bytes Range(size_t from, size_t to) { return Bytes(drive().Sector(0) + from, drive().Sector(0) + to); }
-  Bytes BeforeRange(size_t from, size_t to) { return Bytes(before_.begin() + from, before_.begin() + to); }
-
-  test::FakeMachine machine_;
-  test::ScopedHost host_;
-  std::unique_ptr<DiskSet> disks_;
-  Bytes before_;
-};
-
-TEST_F(BootRepairTest, ReplacesOnlyTheCodeAndKeepsTableAndSignature) {
-  for (const ImageCase& c : kImages) {
-    SCOPED_TRACE(c.name);
-    disks_.reset();
-    machine_.devices.clear();
-    MakeDisk();
-    Load();
-    const int writes = drive().writeCalls;
-    EXPECT_EQ(kSuccess, RepairBootCode(*disks_, c.image));
-    EXPECT_EQ(writes + 1, drive().writeCalls);
-    EXPECT_EQ(drive().writeCalls, drive().flushCalls);
-    EXPECT_EQ(Bytes(c.image, c.image + 440), Range(0, 440));
-    EXPECT_EQ(Bytes({0xDE, 0xAD, 0xBE, 0xEF, 0, 0}), Range(440, 446));
-    EXPECT_EQ(BeforeRange(446, 512), Range(446, 512));  // entries, active flags, 55 AA
-    // Only sector 0 was touched.
-    EXPECT_TRUE(std::equal(before_.begin() + 512, before_.end(), drive().bytes.begin() + 512));
-    EXPECT_EQ(0, std::memcmp(disks_->sector0, drive().Sector(0), 512));
-
-    // A new load sees a standard MBR with the same partitions.
-    DiskSet again(test::TestDrivers(), false);
-    EXPECT_EQ("MBR", again.diskKindText);
-    EXPECT_EQ(4, PartitionCount(again, kKindPrimary));
-  }
-}
-
-TEST_F(BootRepairTest, ReadsSectorZeroAfreshRatherThanTrustingTheLoadedCopy) {
-  MakeDisk();
-  Load();
-  // Someone else changed the table after the disk was loaded.
-  drive().Sector(0)[446 + 4] = 0x0C;
-  drive().Sector(0)[441] = 0x77;
-  EXPECT_EQ(kSuccess, RepairBootCode(*disks_, kWin7BootImage));
-  EXPECT_EQ(0x0C, drive().Sector(0)[446 + 4]);
-  EXPECT_EQ(0x77, drive().Sector(0)[441]);
-  EXPECT_EQ(0x77, disks_->savedSignature[1]);
-  EXPECT_EQ(0x0C, GetPartition(*disks_, 1, kKindPrimary)->type);
-}
-
-TEST_F(BootRepairTest, ASectorWithout55AAGetsAZeroSignatureAnd55AA) {
-  MakeDisk(false);
-  Load();
-  ASSERT_EQ("None", disks_->diskKindText);
-  EXPECT_EQ(kSuccess, RepairBootCode(*disks_, kXpBootImage));
-  EXPECT_EQ(Bytes(6, 0), Range(440, 446));
-  EXPECT_EQ(Bytes({0x55, 0xAA}), Range(510, 512));
-  EXPECT_EQ(BeforeRange(446, 510), Range(446, 510));
-  EXPECT_EQ(Bytes(4, 0), Bytes(disks_->savedSignature, disks_->savedSignature + 4));
-
-  DiskSet again(test::TestDrivers(), false);
-  EXPECT_EQ("MBR", again.diskKindText);
-  EXPECT_EQ(4, PartitionCount(again, kKindPrimary));
-}
-
-TEST_F(BootRepairTest, SectorZeroThatCannotBeReadWholeIsNeverWritten) {
-  struct Case {
-    const char* name;
+// The boot code repair on drive 0, whose sector 0 holds patterned (damaged)
+// code, the signature DE AD BE EF, four patterned entries and 55 AA: only
+// bytes 0..439 change, and a sector 0 that cannot be read whole is never
+// written.
+TEST(BootRepair, ReplacesOnlyTheCode) {
+  enum Damage { kNone, kNoMarker, kUnreadable, kShortRead, kWriteProtected };
+  const struct {
+    Damage damage;
     bool ignore;
-    bool shortRead;
-    ResultCode expected;
-  };
-  for (const Case& c : {Case{"unreadable", false, false, kReadFailed}, Case{"unreadable, ignore", true, false, kSuccess},
-                        Case{"short read", false, true, kReadFailed}}) {
-    SCOPED_TRACE(c.name);
-    disks_.reset();
-    machine_.devices.clear();
-    MakeDisk();
-    Load(c.ignore);
-    // The disk loaded fine, then went bad.
-    // A short read: the medium now ends inside sector 0.
-    if (c.shortRead) {
-      drive().bytes.resize(300);
-    } else {
-      drive().badSectors.insert(0);
-    }
-    EXPECT_EQ(c.expected, RepairBootCode(*disks_, kXpBootImage));
-    EXPECT_EQ(c.expected, disks_->firstError);
-    EXPECT_EQ(0, drive().writeCalls);
-    if (!c.shortRead) {
-      EXPECT_EQ(before_, drive().bytes);
+    ResultCode code;
+  } cases[] = {{kNone, false, kSuccess},         {kNoMarker, false, kSuccess},     {kUnreadable, false, kReadFailed},
+               {kUnreadable, true, kSuccess},    {kShortRead, false, kReadFailed}, {kWriteProtected, false, kWriteFailed}};
+  for (const auto& c : cases) {
+    for (const ImageCase& image : kImages) {
+      SCOPED_TRACE(std::string(image.name) + " damage " + std::to_string(c.damage));
+      ResetRun();
+      test::FakeMachine machine;
+      test::ScopedHost host(&machine);
+      test::FakeDrive& d = machine.AddDrive(0, 4096);
+      for (int i = 0; i < 510; ++i) d.Sector(0)[i] = static_cast<uint8_t>(i * 13 + 5);
+      const uint8_t signature[] = {0xDE, 0xAD, 0xBE, 0xEF};
+      std::memcpy(d.Sector(0) + 440, signature, 4);
+      for (int slot = 0; slot < 4; ++slot) {
+        test::PutMbrEntry(d.Sector(0), 446 + 16 * slot, {uint8_t(slot % 2 ? 0 : 0x80), uint8_t(7 + slot), 64u + slot, 16});
+      }
+      if (c.damage != kNoMarker) d.SetBootSignature();
+      d.writeProtected = c.damage == kWriteProtected;
+      DiskSet disks(test::TestDrivers(), c.ignore);
+      // Changed after the load: sector 0 is read afresh, not trusted from memory.
+      if (c.damage == kNone) d.Sector(0)[441] = d.Sector(0)[450] = 0x0C;
+      const Bytes before = d.bytes;
+      // The disk loaded fine, then went bad.
+      if (c.damage == kUnreadable) d.badSectors.insert(0);
+      if (c.damage == kShortRead) d.bytes.resize(300);
+      EXPECT_EQ(c.code, RepairBootCode(disks, image.image));
+      EXPECT_EQ(c.code, disks.firstError);
+      if (c.code != kSuccess || c.damage == kUnreadable) {
+        if (c.damage != kShortRead) {
+          EXPECT_EQ(before, d.bytes);
+        }
+        EXPECT_EQ(c.damage == kWriteProtected, d.writeCalls > 0);
+        continue;
+      }
+      EXPECT_EQ(1, d.writeCalls);
+      EXPECT_EQ(1, d.flushCalls);
+      EXPECT_EQ(Bytes(image.image, image.image + 440), Bytes(d.Sector(0), d.Sector(0) + 440));
+      // Without 55 AA the signature becomes zero and the marker is added.
+      Bytes kept(before.begin() + 440, before.begin() + 444);
+      if (c.damage == kNoMarker) kept = Bytes(4, 0);
+      EXPECT_EQ(kept, Bytes(d.Sector(0) + 440, d.Sector(0) + 444));
+      EXPECT_EQ(Bytes(2, 0), Bytes(d.Sector(0) + 444, d.Sector(0) + 446));
+      EXPECT_EQ(Bytes(before.begin() + 446, before.begin() + 510), Bytes(d.Sector(0) + 446, d.Sector(0) + 510));
+      EXPECT_EQ(Bytes({0x55, 0xAA}), Bytes(d.Sector(0) + 510, d.Sector(0) + 512));
+      EXPECT_TRUE(std::equal(before.begin() + 512, before.end(), d.bytes.begin() + 512));
+      DiskSet again(test::TestDrivers(), false);
+      EXPECT_EQ(4, PartitionCount(again, kKindPrimary));
     }
   }
-}
-
-TEST_F(BootRepairTest, AFailedWriteIs505AndChangesNothing) {
-  MakeDisk();
-  drive().writeProtected = true;
-  Load();
-  EXPECT_EQ(kWriteFailed, RepairBootCode(*disks_, kWin7BootImage));
-  EXPECT_EQ(kWriteFailed, disks_->firstError);
-  EXPECT_EQ(before_, drive().bytes);
 }
 
 }  // namespace

@@ -41,6 +41,7 @@ TEST_F(PartitionEditTest, EditsWriteAndFlushOnlyWhatTheyMust) {
   EXPECT_EQ(3, drive->writeCalls);
   EXPECT_EQ(drive->writeCalls, drive->flushCalls);
   EXPECT_EQ(std::vector<uint8_t>({0x00, 1, 2, 3, 0x07, 5, 6, 7, 63, 0, 0, 0, 0xE8, 0x03, 0, 0}), Slot(0));
+  EXPECT_EQ(0x07, Slot(2)[4]);  // made visible as it was activated
   ExpectOnlyTableChanged();
   // Refusals write nothing at all.
   EXPECT_EQ(kCannotHide, SetPartitionHidden(*disks, 2, true));
