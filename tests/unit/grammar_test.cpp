@@ -72,56 +72,32 @@ TEST_F(GrammarTest, SingleArgumentsSetTheirFields) {
     int64_t value;
   };
   const Case cases[] = {
-      // Prefixes, case and bare words.
-      {"/LIST", Command, kCmdList}, {"-list", Command, kCmdList}, {"/l", Command, kCmdList},
-      {"list", Command, kCmdList}, {"LiSt", Command, kCmdList}, {"/Li", Command, kCmdList},
-      // Abbreviations take the first keyword in table order.
+      // Prefixes, case and bare words; abbreviations take the first keyword
+      // in table order.
+      {"/LIST", Command, kCmdList}, {"-list", Command, kCmdList}, {"LiSt", Command, kCmdList},
       {"/s", Command, kCmdSort}, {"/st", Command, kCmdStatus}, {"/d", Command, kCmdDelete},
-      {"/de", Command, kCmdDelete}, {"/di", Command, kCmdDiskCount}, {"/c", Command, kCmdCompare},
-      {"/co", Command, kCmdCompare}, {"/cop", Command, kCmdCopy}, {"/f", Command, kCmdFlashMbr},
-      {"/fl", Command, kCmdFlashMbr}, {"/fo", Command, kCmdFormat}, {"/i", Command, kCmdIsSorted},
-      {"/is", Command, kCmdIsSorted}, {"/in", Command, kCmdInactive}, {"/inf", Command, kCmdInfo},
-      {"/t", Command, kCmdTabList}, {"/h", Command, kCmdHide}, {"/u", Command, kCmdUnhide},
-      {"/a", Command, kCmdActive}, {"/b", Command, kCmdBootMenu}, {"/w", Command, kCmdWriteIni},
-      {"/isf", Command, kCmdIsFixed}, {"/p", Command, kCmdPartCount}, {"/status", Command, kCmdStatus},
-      {"/disk", Command, kCmdDiskCount},
-      // Keywords without a command of their own.
+      {"/di", Command, kCmdDiskCount}, {"/c", Command, kCmdCompare}, {"/cop", Command, kCmdCopy},
+      {"/f", Command, kCmdFlashMbr}, {"/fo", Command, kCmdFormat}, {"/i", Command, kCmdIsSorted},
+      {"/in", Command, kCmdInactive}, {"/inf", Command, kCmdInfo}, {"/isf", Command, kCmdIsFixed},
       {"/si", [] { return int64_t{Options().silent}; }, 1}, {"/si", Command, kCmdNone},
-      {"/con", [] { return int64_t{Options().confirmed}; }, 1},
-      {"/r", [] { return int64_t{Options().showResult}; }, 1},
-      {"/ig", [] { return int64_t{Options().ignoreErrors}; }, 1},
-      {"/n", [] { return int64_t{Options().noHeader}; }, 1},
-      {"/as", [] { return int64_t{Options().asciiMap}; }, 1},
-      {"/?", [] { return int64_t{Options().helpRequested}; }, 1},
-      {"logical", [] { return int64_t{Options().showLogical}; }, 1}, {"/fi", Command, kCmdNone},
-      {"/FILE", Command, kCmdNone}, {"/deb", Command, kCmdNone}, {"/debug", Command, kCmdNone},
+      {"/ig", [] { return int64_t{Options().ignoreErrors}; }, 1}, {"/FILE", Command, kCmdNone},
       // Disk values; the empty value names an (empty) virtual disk file.
       {"/disk=*", Disk, kAllDisks}, {"/disk=2", Disk, 2}, {"-DISK=12abc", Disk, 12},
       {"/disk=C:\\vm\\a.vmdk", Disk, kVirtualDiskNumber}, {"/disk=", Disk, kVirtualDiskNumber},
       // Partition, volume, option and sector values.
-      {"/part=3", Part, 3}, {"/part=0", Part, 0}, {"/part=*", Part, kAllPartitions}, {"/part=Boot", Part, kPartBoot},
-      {"/part=SYSTEM", Part, kPartSystem}, {"/part=diag", Part, kPartUtility}, {"/part=Dell", Part, kPartUtility},
-      {"/part=utility", Part, kPartUtility}, {"/vol=c:", Part, kPartDriveLetter}, {"/vol=Z:", Part, kPartDriveLetter},
-      {"/vol=DATA", Part, kPartVolumeLabel}, {"/vol=1:", Part, kPartVolumeLabel}, {"/vol=c:x", Part, kPartVolumeLabel},
-      {"/vol=c", Part, kPartVolumeLabel}, {"/option=TRACK0", Area, kAreaTrack0}, {"/option=gpt", Area, kAreaGpt},
+      {"/part=3", Part, 3}, {"/part=*", Part, kAllPartitions}, {"/part=SYSTEM", Part, kPartSystem},
+      {"/part=Dell", Part, kPartUtility}, {"/vol=Z:", Part, kPartDriveLetter}, {"/vol=1:", Part, kPartVolumeLabel},
+      {"/vol=c:x", Part, kPartVolumeLabel}, {"/option=TRACK0", Area, kAreaTrack0},
       {"/sector=63", Sector, 63}, {"/sector=Disk", Sector, kSectorDisk},
       // Type bytes: hexadecimal unless a 'd' follows the digits.
-      {"/type=7", Type, 7}, {"/type=7d", Type, 7}, {"/type=1C", Type, 28}, {"/type=28d", Type, 28},
-      {"/type=fd", Type, 0}, {"/type=FD", Type, 253}, {"/type=0x1c", Type, 28}, {"/type=ee", Type, 0xEE},
-      {"/type:17", Type, 0x17}, {"/type=7D", Type, 0x7D}, {"/type=7", Command, kCmdType},
-      // Area words of save, restore and wipe.
-      {"/save=MBR", Command, kCmdSave}, {"/save=MBR", Area, kAreaMbr}, {"/save:mbr", Area, kAreaMbr},
-      {"/SAVE=Mbr", Area, kAreaMbr}, {"/save=range", Area, kAreaRange}, {"/restore=vbr", Area, kAreaVbr},
-      {"/restore=2048", Command, kCmdRestore}, {"/restore=2048", Area, kAreaRange},
-      {"/wipe=Track0", Command, kCmdWipe}, {"/wipe=Track0", Area, kAreaTrack0},
-      // The value of create= is never used, so the bare name is enough.
-      {"/create", Command, kCmdCreate},
-      {"/status=5", Command, kCmdStatusWrite}, {"/signature:Read", Command, kCmdSignature},
-      {"/show=File", Command, kCmdShow},
-      // Repair kinds.
-      {"/repair=XP", Repair, 1}, {"/repair=win7", Repair, 2}, {"/repair=PT", Repair, 3},
-      {"/repair=PartitionTable", Repair, 3}, {"/repair=2", Repair, 2}, {"/repair=vista", Repair, 0},
-      {"/repair=vista", Command, kCmdRepair},
+      {"/type=7d", Type, 7}, {"/type=28d", Type, 28}, {"/type=fd", Type, 0}, {"/type=FD", Type, 253},
+      {"/type=0x1c", Type, 28}, {"/type:17", Type, 0x17}, {"/type=7", Command, kCmdType},
+      // Area words of save, restore and wipe; the bare create is enough.
+      {"/save=MBR", Command, kCmdSave}, {"/SAVE:Mbr", Area, kAreaMbr}, {"/save=range", Area, kAreaRange},
+      {"/restore=2048", Command, kCmdRestore}, {"/restore=2048", Area, kAreaRange}, {"/wipe=Track0", Area, kAreaTrack0},
+      {"/create", Command, kCmdCreate}, {"/status=5", Command, kCmdStatusWrite},
+      {"/repair=XP", Repair, 1}, {"/repair=PartitionTable", Repair, 3}, {"/repair=2", Repair, 2},
+      {"/repair=vista", Repair, 0}, {"/repair=vista", Command, kCmdRepair},
   };
   for (const Case& c : cases) {
     ParseOnly(c.arg);
@@ -135,9 +111,8 @@ TEST_F(GrammarTest, SingleArgumentsSetTheirFields) {
     const char* value;
   };
   const TextCase texts[] = {
-      {"/disk=C:\\vm\\a.vmdk", DiskFile, "C:\\vm\\a.vmdk"}, {"/disk=", DiskFile, ""},
-      {"/filename=C:\\a b.bin", ValueText2, "C:\\a b.bin"}, {"/save=MBR", ValueText, "MBR"},
-      {"/save:mbr", ValueText, "mbr"}, {"/status=5", ValueText, "5"}, {"/show=File", ValueText, "File"},
+      {"/disk=C:\\vm\\a.vmdk", DiskFile, "C:\\vm\\a.vmdk"}, {"/filename=C:\\a b.bin", ValueText2, "C:\\a b.bin"},
+      {"/save:mbr", ValueText, "mbr"},
       {"/part=3", []() -> const std::string& { return Options().partArgument; }, "/part=3"},
   };
   for (const TextCase& c : texts) {
@@ -145,10 +120,6 @@ TEST_F(GrammarTest, SingleArgumentsSetTheirFields) {
     EXPECT_EQ(c.field(), c.value) << c.arg;
   }
 
-  ParseOnly("/te");
-  EXPECT_TRUE(Options().textFrame);
-  ResetRun();
-  EXPECT_EQ(ParseRepairKind(), -1);
 }
 
 TEST_F(GrammarTest, RefusedArgumentsAreInvalidSwitches) {
@@ -284,26 +255,6 @@ TEST_F(GrammarTest, HugeArgumentsAreCutOrSaturatedNeverOverflowed) {
   EXPECT_EQ(CurrentArgumentValue().size(), kArgumentValueWidth);
 }
 
-TEST_F(GrammarTest, FindArgumentByName) {
-  for (const char* arg : {"/list", "vol=bare", "-VOL=DATA", "/vol=second", "/Create", "/a=b=c", ""}) {
-    Arguments().Add(arg);
-  }
-  EXPECT_TRUE(FindArgument("/Vol"));
-  EXPECT_EQ(CurrentArgumentValue(), "DATA");
-  EXPECT_EQ(CurrentArgumentText(), "-VOL=DATA");
-  EXPECT_TRUE(FindArgument("-create"));
-  EXPECT_EQ(CurrentArgumentValue(), "");
-  EXPECT_EQ(CurrentArgumentText(), "/Create");
-  EXPECT_TRUE(FindArgument("/A"));
-  EXPECT_EQ(CurrentArgumentValue(), "b=c");
-  // "/Filename" is not "/Filename=x"'s text, and a miss leaves no current entry.
-  EXPECT_FALSE(FindArgument("/Filename"));
-  EXPECT_EQ(CurrentArgumentValue(), "");
-  EXPECT_EQ(CurrentArgumentText(), "");
-  EXPECT_FALSE(FindArgument("/lis"));
-  EXPECT_FALSE(FindArgument("/"));
-}
-
 class OptionFileTest : public GrammarTest {
  protected:
   void SetUp() override {
@@ -347,25 +298,6 @@ TEST_F(OptionFileTest, TokensActLikeArguments) {
   EXPECT_TRUE(ReadWith("/type=7 /create=1 /type=9\n"));
   EXPECT_EQ(Options().command, kCmdCreate);
   EXPECT_EQ(Options().typeValue, 7);
-}
-
-TEST_F(OptionFileTest, MissingOrEmptyFileReadsNoToken) {
-  EXPECT_FALSE(ReadOptionFile((dir_ / "diskhold.exe").string()));
-  EXPECT_FALSE(ReadWith(" \t\r\n\n"));
-  EXPECT_TRUE(Arguments().entries.empty());
-  // A folder of that name is no option file.
-  std::filesystem::create_directories(dir_ / "sub" / "diskhold.opt");
-  EXPECT_FALSE(ReadOptionFile((dir_ / "sub" / "x").string()));
-}
-
-TEST_F(OptionFileTest, LongLinesAreReadInPieces) {
-  // 1500 characters without a blank: the first 1023 form one token, the rest another.
-  EXPECT_TRUE(ReadWith("/Filename=" + std::string(1490, 'a') + "\n/list\n"));
-  ASSERT_EQ(Arguments().entries.size(), 3u);
-  EXPECT_EQ(Arguments().entries[0].text.size(), kArgumentTextWidth);
-  EXPECT_EQ(Options().valueText2, std::string(1023 - 10, 'a'));
-  EXPECT_EQ(State().badArgument, std::string(1500 - 1023, 'a'));
-  EXPECT_EQ(Options().command, kCmdList);
 }
 
 }  // namespace
