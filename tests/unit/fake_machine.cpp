@@ -1,4 +1,4 @@
-// The in-memory machine of the unit tests.
+// The in-memory machine of the unit tests, and the GPT disks they build.
 #include "fake_machine.h"
 
 #include "app/command_table.h"
@@ -124,7 +124,13 @@ class FakeFile : public platform::File {
   uint64_t position_ = 0;
 };
 
-std::string RegistryName(const std::string& key, const std::string& value) { return key + "\n" + value; }
+template <typename T>
+bool Lookup(const std::map<std::string, T>& values, const std::string& key, const std::string& value, T* out) {
+  auto it = values.find(key + "\n" + value);
+  if (it == values.end()) return false;
+  *out = it->second;
+  return true;
+}
 
 }  // namespace
 
@@ -133,16 +139,6 @@ std::string DrivePath(int number) {
   std::snprintf(path, sizeof path, "\\\\.\\PhysicalDrive%d", number);
   return path;
 }
-
-FakeMachine::FakeMachine() {
-  locale[platform::LocaleItem::LeadingZero] = "1";
-  locale[platform::LocaleItem::Grouping] = "3;0";
-  locale[platform::LocaleItem::DecimalSep] = ".";
-  locale[platform::LocaleItem::ThousandSep] = ",";
-  locale[platform::LocaleItem::NegativeNumber] = "1";
-}
-
-FakeMachine::~FakeMachine() = default;
 
 FakeDrive& FakeMachine::AddDrive(int number, uint64_t sectors, int32_t mediaType) {
   FakeDrive& drive = devices[DrivePath(number)];
@@ -183,40 +179,18 @@ std::unique_ptr<platform::File> FakeMachine::Open(const std::string& path, OpenM
   return std::make_unique<FakeFile>(this, drive, mode);
 }
 
-bool FakeMachine::PathExists(const std::string& path) { return Find(path) != nullptr; }
-
 bool FakeMachine::RegQueryString(const std::string& key, const std::string& value, std::string* out) {
-  auto it = registryStrings.find(RegistryName(key, value));
-  if (it == registryStrings.end()) return false;
-  *out = it->second;
-  return true;
+  return Lookup(registryStrings, key, value, out);
 }
 
 bool FakeMachine::RegQueryBinary(const std::string& key, const std::string& value, std::vector<uint8_t>* out) {
-  auto it = registryBinary.find(RegistryName(key, value));
-  if (it == registryBinary.end()) return false;
-  *out = it->second;
-  return true;
+  return Lookup(registryBinary, key, value, out);
 }
 
 bool FakeMachine::VolumeNameForMountPoint(const std::string& mountPoint, std::string* volumeName) {
   auto it = volumeNames.find(mountPoint);
   if (it == volumeNames.end()) return false;
   *volumeName = it->second;
-  return true;
-}
-
-int FakeMachine::ReadKey() {
-  if (keys.empty()) return -1;
-  int key = keys.front();
-  keys.pop_front();
-  return key;
-}
-
-bool FakeMachine::ReadLine(std::string* line) {
-  if (lines.empty()) return false;
-  *line = lines.front();
-  lines.pop_front();
   return true;
 }
 
@@ -231,12 +205,6 @@ bool FakeMachine::GetLocaleInfo(platform::LocaleItem item, std::string* out) {
 }
 
 bool FakeMachine::GetNumberFormat(const std::string& value, const platform::NumberFormat& format, std::string* out) {
-  lastNumberValue = value;
-  lastNumberFormat = format;
-  if (numberFormatFails) {
-    lastError = numberFormatError;
-    return false;
-  }
   if (!platform::FormatNumberLikeWindows(value, format, out)) {
     lastError = 87;
     return false;
@@ -244,16 +212,9 @@ bool FakeMachine::GetNumberFormat(const std::string& value, const platform::Numb
   return true;
 }
 
-bool FakeMachine::FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, const std::u16string& fileSystem,
-                           const std::u16string& label, bool quick, uint32_t clusterSize,
-                           const platform::FormatCallback& callback, const platform::FormatPlace& place) {
-  formatCalls.push_back({driveRoot, mediaFlag, fileSystem, label, quick, clusterSize, place});
+bool FakeMachine::FormatEx(const std::u16string&, uint32_t, const std::u16string&, const std::u16string&, bool,
+                           uint32_t, const platform::FormatCallback& callback, const platform::FormatPlace& place) {
   if (formatEngine != platform::FormatEngineState::Ready) return false;
-  for (uint32_t percent : formatProgress) {
-    platform::FormatCallbackData data;
-    data.percent = percent;
-    callback(0, 0, data);
-  }
   bool written = true;
   if (!formatStaged.empty()) {
     std::unique_ptr<platform::File> staged = Open(formatStaged, OpenMode::ReadExisting);
@@ -262,13 +223,6 @@ bool FakeMachine::FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, 
   platform::FormatCallbackData end;
   end.success = written;
   callback(11, 0, end);
-  return true;
-}
-
-bool FakeMachine::GetEnv(const std::string& name, std::string* value) {
-  auto it = environment.find(name);
-  if (it == environment.end()) return false;
-  *value = it->second;
   return true;
 }
 
@@ -281,10 +235,6 @@ bool FakeMachine::SystemMessageText(uint32_t code, std::string* text) {
 
 bool FakeMachine::RandomBytes(void* out, size_t bytes) {
   ++randomCalls;
-  if (randomFails) {
-    lastError = 31;  // ERROR_GEN_FAILURE
-    return false;
-  }
   uint8_t* at = static_cast<uint8_t*>(out);
   for (size_t i = 0; i < bytes; ++i) {
     if (!randomBytes.empty()) {
@@ -393,6 +343,127 @@ void RunHandler(DiskSet& disks) {
   static const FrameChars frame = SelectFrameChars(3, 437);
   CommandContext context{Options(), State(), disks, StdOut(), frame, 437};
   spec->handler(context);
+}
+
+uint32_t ReferenceCrc32(const uint8_t* data, size_t size) {
+  uint32_t crc = 0xFFFFFFFFu;
+  for (size_t i = 0; i < size; ++i) {
+    crc ^= data[i];
+    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  return ~crc;
+}
+
+std::vector<uint8_t> GuidBytes(const std::string& text) {
+  auto hex = [&](size_t at) { return static_cast<uint8_t>(std::stoul(text.substr(at, 2), nullptr, 16)); };
+  std::vector<uint8_t> g(16);
+  for (int i = 0; i < 4; ++i) g[static_cast<size_t>(i)] = hex(6 - 2 * static_cast<size_t>(i));
+  g[4] = hex(11);
+  g[5] = hex(9);
+  g[6] = hex(16);
+  g[7] = hex(14);
+  g[8] = hex(19);
+  g[9] = hex(21);
+  for (size_t i = 0; i < 6; ++i) g[10 + i] = hex(24 + 2 * i);
+  return g;
+}
+
+namespace {
+
+uint32_t ArraySectors(int32_t count) { return static_cast<uint32_t>((count + 3) / 4); }
+
+std::vector<uint8_t> MakeEntryArray(const std::vector<GptTestEntry>& entries, int32_t count) {
+  std::vector<uint8_t> array(ArraySectors(count) * 512u, 0);
+  for (size_t i = 0; i < entries.size(); ++i) {
+    uint8_t* e = array.data() + i * 128;
+    if (!entries[i].type.empty()) {
+      std::vector<uint8_t> g = GuidBytes(entries[i].type);
+      std::memcpy(e, g.data(), 16);
+      std::memset(e + 16, static_cast<int>(i + 1), 16);  // unique GUIDs told apart
+    }
+    StoreLe64(e + 32, entries[i].first);
+    StoreLe64(e + 40, entries[i].last);
+    StoreLe64(e + 48, entries[i].attributes);
+  }
+  return array;
+}
+
+}  // namespace
+
+void SealHeader(uint8_t* h) {
+  StoreLe32(h + 16, 0);
+  StoreLe32(h + 16, ReferenceCrc32(h, LoadLe32(h + 12)));
+}
+
+void WriteGptDisk(FakeDrive& drive, const std::vector<GptTestEntry>& entries, const GptLayout& layout) {
+  const uint64_t sectors = drive.bytes.size() / 512;
+  const uint32_t arraySectors = ArraySectors(layout.entryCount);
+  uint8_t* mbr = drive.Sector(0);
+  std::memset(mbr, 0, 512);
+  mbr[446 + 4] = 0xEE;
+  StoreLe32(mbr + 446 + 8, 1);
+  StoreLe32(mbr + 446 + 12, static_cast<uint32_t>(sectors - 1));
+  drive.SetBootSignature();
+
+  std::vector<uint8_t> array = MakeEntryArray(entries, layout.entryCount);
+  const uint32_t arrayCrc = ReferenceCrc32(array.data(), static_cast<size_t>(layout.entryCount) * 128);
+  const uint64_t backupArray = sectors - 1 - arraySectors;
+
+  uint8_t h[512] = {};
+  std::memcpy(h, "EFI PART", 8);
+  h[10] = 1;  // revision 1.0
+  StoreLe32(h + 12, 92);
+  StoreLe64(h + 24, 1);
+  StoreLe64(h + 32, sectors - 1);
+  StoreLe64(h + 40, layout.arrayLba + arraySectors);
+  StoreLe64(h + 48, backupArray - 1);
+  for (int i = 0; i < 16; ++i) h[56 + i] = static_cast<uint8_t>(0xA0 + i);
+  StoreLe64(h + 72, layout.arrayLba);
+  StoreLe32(h + 80, static_cast<uint32_t>(layout.entryCount));
+  StoreLe32(h + 84, 128);
+  StoreLe32(h + 88, arrayCrc);
+  SealHeader(h);
+  std::memcpy(drive.Sector(1), h, 512);
+  if (!array.empty()) std::memcpy(drive.Sector(layout.arrayLba), array.data(), array.size());
+
+  if (layout.writeBackup) {
+    StoreLe64(h + 24, sectors - 1);
+    StoreLe64(h + 32, 1);
+    StoreLe64(h + 72, backupArray);
+    SealHeader(h);
+    std::memcpy(drive.Sector(sectors - 1), h, 512);
+    if (!array.empty()) std::memcpy(drive.Sector(backupArray), array.data(), array.size());
+  }
+}
+
+std::string GptProblems(FakeDrive& drive) {
+  const uint8_t* p = drive.Sector(1);
+  if (std::memcmp(p, "EFI PART", 8) != 0) return "primary signature";
+  auto headerOk = [](const uint8_t* h) {
+    uint8_t copy[512];
+    std::memcpy(copy, h, 512);
+    StoreLe32(copy + 16, 0);
+    return ReferenceCrc32(copy, LoadLe32(h + 12)) == LoadLe32(h + 16);
+  };
+  if (!headerOk(p)) return "primary header CRC";
+  const uint32_t count = LoadLe32(p + 80);
+  const size_t arrayBytes = static_cast<size_t>(count) * 128;
+  const uint8_t* pa = drive.Sector(LoadLe64(p + 72));
+  if (ReferenceCrc32(pa, arrayBytes) != LoadLe32(p + 88)) return "primary array CRC";
+  const uint64_t alt = LoadLe64(p + 32);
+  const uint8_t* b = drive.Sector(alt);
+  if (std::memcmp(b, "EFI PART", 8) != 0) return "backup signature";
+  if (!headerOk(b)) return "backup header CRC";
+  if (LoadLe64(b + 24) != alt || LoadLe64(b + 32) != 1) return "backup LBAs";
+  if (LoadLe32(b + 80) != count || LoadLe32(b + 88) != LoadLe32(p + 88)) return "backup array facts";
+  const uint8_t* ba = drive.Sector(LoadLe64(b + 72));
+  if (std::memcmp(pa, ba, arrayBytes) != 0) return "backup array differs";
+  return "";
+}
+
+std::vector<uint8_t> SlotType(FakeDrive& drive, uint32_t slot) {
+  const uint8_t* e = drive.Sector(LoadLe64(drive.Sector(1) + 72)) + slot * 128;
+  return std::vector<uint8_t>(e, e + 16);
 }
 
 }  // namespace dh::test

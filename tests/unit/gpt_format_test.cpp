@@ -8,7 +8,7 @@
 #include <string>
 
 #include "base/le.h"
-#include "gpt_test_image.h"
+#include "fake_machine.h"
 
 namespace dh {
 namespace {

@@ -11,7 +11,6 @@
 #include "disk/disk_set.h"
 #include "base/le.h"
 #include "fake_machine.h"
-#include "gpt_test_image.h"
 #include "mbr/partition.h"
 
 namespace dh {

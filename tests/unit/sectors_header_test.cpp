@@ -12,7 +12,6 @@
 #include "disk/disk_set.h"
 #include "base/le.h"
 #include "fake_machine.h"
-#include "gpt_test_image.h"
 #include "mbr/partition.h"
 #include "disk/backup_file.h"
 
