@@ -1,12 +1,11 @@
 // The command-line grammar: keyword matching and order, value rules, number
-// readings, the ArgumentList and the option file.
+// readings and the ArgumentList.  The option file is read end to end
+// (e2e/run_control_test).
 #include "app/grammar.h"
 
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -24,10 +23,6 @@ int64_t Area() { return Options().areaKind; }
 int64_t Sector() { return Options().sectorNumber; }
 int64_t Type() { return Options().typeValue; }
 int64_t Repair() { return Options().rangeFirst; }
-using Text = const std::string& (*)();
-const std::string& ValueText() { return Options().valueText; }
-const std::string& ValueText2() { return Options().valueText2; }
-const std::string& DiskFile() { return Options().diskFileName; }
 
 class GrammarTest : public ::testing::Test {
  protected:
@@ -105,21 +100,10 @@ TEST_F(GrammarTest, SingleArgumentsSetTheirFields) {
     ExpectAccepted(c.arg);
   }
 
-  struct TextCase {
-    const char* arg;
-    Text field;
-    const char* value;
-  };
-  const TextCase texts[] = {
-      {"/disk=C:\\vm\\a.vmdk", DiskFile, "C:\\vm\\a.vmdk"}, {"/filename=C:\\a b.bin", ValueText2, "C:\\a b.bin"},
-      {"/save:mbr", ValueText, "mbr"},
-      {"/part=3", []() -> const std::string& { return Options().partArgument; }, "/part=3"},
-  };
-  for (const TextCase& c : texts) {
-    ParseOnly(c.arg);
-    EXPECT_EQ(c.field(), c.value) << c.arg;
-  }
-
+  ParseOnly("/disk=C:\\vm\\a.vmdk");
+  EXPECT_EQ(Options().diskFileName, "C:\\vm\\a.vmdk");
+  ParseOnly("/filename=C:\\a b.bin");
+  EXPECT_EQ(Options().valueText2, "C:\\a b.bin");
 }
 
 TEST_F(GrammarTest, RefusedArgumentsAreInvalidSwitches) {
@@ -132,20 +116,6 @@ TEST_F(GrammarTest, RefusedArgumentsAreInvalidSwitches) {
     ExpectInvalidSwitch(arg);
     EXPECT_EQ(Options().command, kCmdNone) << arg;
   }
-  // An unknown area word of save= and restore= replaces a pending code...
-  for (const char* arg : {"/save=boot", "/restore=range"}) {
-    ResetRun();
-    State().resultCode = kNotElevated;
-    Parse({arg});
-    EXPECT_EQ(State().resultCode, kInvalidSwitch) << arg;
-    EXPECT_TRUE(State().usageError) << arg;
-    EXPECT_EQ(State().badArgument, arg);
-  }
-  // ...but a pending code stays when the value is missing.
-  ResetRun();
-  State().resultCode = kNotElevated;
-  Parse({"/save="});
-  EXPECT_EQ(State().resultCode, kNotElevated);
 }
 
 TEST_F(GrammarTest, InvalidParametersAndTheFirstCode) {
@@ -253,51 +223,6 @@ TEST_F(GrammarTest, HugeArgumentsAreCutOrSaturatedNeverOverflowed) {
   EXPECT_EQ(e[2].text.size(), kArgumentTextWidth);
   EXPECT_TRUE(FindArgument("/Filename"));
   EXPECT_EQ(CurrentArgumentValue().size(), kArgumentValueWidth);
-}
-
-class OptionFileTest : public GrammarTest {
- protected:
-  void SetUp() override {
-    GrammarTest::SetUp();
-    const auto* unit = ::testing::UnitTest::GetInstance();
-    dir_ = std::filesystem::temp_directory_path() / ("diskhold_opt_" + std::to_string(unit->random_seed()) + "_" +
-                                                     unit->current_test_info()->name());
-    std::filesystem::remove_all(dir_);
-    std::filesystem::create_directories(dir_);
-  }
-  void TearDown() override {
-    std::filesystem::remove_all(dir_);
-    GrammarTest::TearDown();
-  }
-  bool ReadWith(const std::string& text) {
-    std::ofstream(dir_ / "diskhold.opt", std::ios::binary) << text;
-    return ReadOptionFile((dir_ / "diskhold.exe").string());
-  }
-
-  std::filesystem::path dir_;
-};
-
-TEST_F(OptionFileTest, TokensActLikeArguments) {
-  Arguments().Add("/stale");
-  EXPECT_TRUE(ReadWith("/list /disk=1\r\n\t/silent  \n\n"));
-  ASSERT_EQ(Arguments().entries.size(), 3u);
-  EXPECT_EQ(Arguments().entries[2].text, "/silent");
-  EXPECT_EQ(Options().command, kCmdList);
-  EXPECT_EQ(Options().diskNumber, 1);
-  EXPECT_TRUE(Options().silent);
-  EXPECT_EQ(State().resultCode, kSuccess);
-
-  ResetRun();
-  EXPECT_TRUE(ReadWith("/list /bogus\n"));
-  EXPECT_TRUE(State().usageError);
-  EXPECT_EQ(State().badArgument, "/bogus");
-
-  // Tokens join the list one by one, so /create later in the file is not
-  // yet known when /type= is parsed.
-  ResetRun();
-  EXPECT_TRUE(ReadWith("/type=7 /create=1 /type=9\n"));
-  EXPECT_EQ(Options().command, kCmdCreate);
-  EXPECT_EQ(Options().typeValue, 7);
 }
 
 }  // namespace
