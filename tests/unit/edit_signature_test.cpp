@@ -185,23 +185,5 @@ TEST_F(SignatureTest, StatusByteIsWrittenAloneAlsoWithoutMarker) {
   EXPECT_EQ(writes, drive().writeCalls);
 }
 
-TEST_F(SignatureTest, AVirtualDiskIsWrittenThroughItsOwnDevice) {
-  // Sector 0 of the virtual disk lies 100 sectors into the file.
-  FakeDrive& host = machine_.AddDrive(0, 400);
-  for (size_t i = 0; i < host.bytes.size(); ++i) host.bytes[i] = static_cast<uint8_t>(i * 3);
-  host.SetBootSignature(100);
-  Load();
-  disks_->virtualDisk =
-      test::ShiftedVirtualDisk(machine_.Open(test::DrivePath(0), platform::OpenMode::DiskReadWrite), 100, 300);
-  disks_->isVirtual = true;
-  disks_->LoadDisk(true);
-  before_ = drive().bytes;
-  EXPECT_EQ(kSuccess, SetDiskSignature(*disks_, kSignatureWrite, "AC67AC67"));
-  EXPECT_EQ(kSuccess, WriteStatusByte(*disks_, 7));
-  EXPECT_EQ(7, host.Sector(100)[434]);
-  EXPECT_EQ(Bytes({0x67, 0xAC, 0x67, 0xAC}), Bytes(host.Sector(100) + 440, host.Sector(100) + 444));
-  ExpectOnlyChanged({{100 * 512 + 434, 1}, {100 * 512 + 440, 4}});
-}
-
 }  // namespace
 }  // namespace dh

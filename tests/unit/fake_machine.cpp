@@ -171,10 +171,6 @@ std::unique_ptr<platform::File> FakeMachine::Open(const std::string& path, OpenM
     lastError = kErrorFileNotFound;
     return nullptr;
   }
-  if (drive->refusedModes.count(mode)) {
-    lastError = kErrorAccessDenied;
-    return nullptr;
-  }
   if (mode == OpenMode::CreateAlways && !drive->isDevice) drive->bytes.clear();
   return std::make_unique<FakeFile>(this, drive, mode);
 }

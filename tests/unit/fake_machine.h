@@ -32,7 +32,6 @@ namespace dh::test {
 struct FakeDrive {
   std::vector<uint8_t> bytes;
   bool isDevice = true;
-  std::set<platform::OpenMode> refusedModes;  // Open refuses these modes
   std::set<uint64_t> badSectors;              // transfers touching these 512-byte sectors fail
   uint32_t readLimit = 0;                     // non-zero: a read delivers at most this many bytes
   bool writeProtected = false;
@@ -82,7 +81,6 @@ class FakeMachine : public platform::Machine {
   // writer agreed.
   platform::FormatEngineState formatEngine = platform::FormatEngineState::LibraryMissing;
   std::string formatStaged;
-  int clearScreenCalls = 0;
   std::vector<std::string> messageBoxes;
   // RandomBytes hands these out first, then bytes of a fixed sequence.
   std::deque<uint8_t> randomBytes;
@@ -108,7 +106,7 @@ class FakeMachine : public platform::Machine {
   bool EnableShutdownPrivilege() override { return true; }
   bool ExitWindows(uint32_t) override { return true; }
   uint32_t ConsoleOutputCodePage() override { return 437; }
-  void ClearScreen() override { ++clearScreenCalls; }
+  void ClearScreen() override {}
   void SetCursorPosition(int, int) override {}
   int ReadKey() override { return -1; }  // the end of input
   bool ReadLine(std::string*) override { return false; }

@@ -240,40 +240,6 @@ TEST_F(GptTableTest, SaveAndWipeSizes) {
   }
 }
 
-// The GPT of a disk whose sector 0 lies inside its file, as a virtual
-// disk's does: every read and write goes through the disk's device, which
-// places it.
-TEST_F(GptTableTest, AddressesRelativeToTheDisksBase) {
-  constexpr uint64_t kBase = 100;
-  constexpr uint64_t kInner = 8192;
-  FakeDrive inner;
-  inner.bytes.assign(kInner * 512, 0);
-  // Entries that end before the backup area at the disk's end.
-  test::WriteGptDisk(inner, {{test::kEfiType, 2048, 4095, 0},
-                             {test::kUnknownType, 4096, 6143, 0},
-                             {test::kBasicDataType, 6144, 8000, 0}});
-  std::memcpy(inner.Sector(6144) + 82, "FAT32", 5);
-  std::memcpy(drive->Sector(kBase), inner.bytes.data(), inner.bytes.size());
-
-  disks = std::make_unique<DiskSet>(test::TestDrivers(), false);  // its own sector 0 is empty
-  disks->virtualDisk =
-      test::ShiftedVirtualDisk(machine.Open(test::DrivePath(0), platform::OpenMode::DiskReadWrite), kBase, kInner);
-  disks->isVirtual = true;
-  disks->totalSectors = kInner;
-  disks->isGpt = true;
-  disks->table = LoadGptTable(*disks);
-  GptTable& table = *GptOf(*disks);
-  EXPECT_EQ(table.firstError, kSuccess);
-  ASSERT_EQ(table.EntryCount(), 2);
-  EXPECT_EQ(table.Details(2)->fileSystemName, "FAT32");
-
-  EXPECT_EQ(RemoveGptEntry(*disks, 1), kSuccess);
-  inner.bytes = Area(*drive, kBase, kInner);
-  EXPECT_EQ(GptProblems(inner), "");
-  EXPECT_EQ(SlotType(inner, 0), GuidBytes(test::kUnknownType));
-  EXPECT_EQ(GptWipeLastSector(*disks), 2 + 32 - 1u);
-}
-
 class GptRestoreTest : public GptTableTest {
  protected:
   // A backup file of `kind` declaring `declared` sectors and holding the

@@ -1,7 +1,8 @@
-// Save, restore, wipe and compare against an in-memory machine, where the
-// number of transfers and flushes can be seen: chunked writes that keep
-// the outcome of one write per sector, short reads, files that fail, and
-// backups whose headers claim more or less than they hold.
+// Save, restore and wipe against an in-memory machine, where the number of
+// transfers and flushes can be seen: chunked writes that keep the outcome of
+// one write per sector, short reads, and backups whose headers claim more or
+// less than they hold.  Compare and the failures of backup files are run end
+// to end (e2e/sectors_test).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -136,49 +137,20 @@ TEST_F(SectorOpsTest, RestoreTakesNoMoreThanTheHeaderDeclares) {
   EXPECT_EQ(kFileSizeMismatch, RestoreFromFile(*Fresh(), "huge.bin", 0, 63, false, StdOut()));
 }
 
-TEST_F(SectorOpsTest, SaveRangeCopesWithShortReadsAndShowsProgressOnlyWhenLong) {
+TEST_F(SectorOpsTest, SaveRangeCopesWithShortReads) {
   test::FakeDrive& d = MakeDisk(14000);
   d.readLimit = 1000;  // not even whole sectors per read
   DiskSet disks(test::TestDrivers(), false);
   WriteScope scope(disks, AnySector());
   EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "quiet.bin", 100, 13000, kBackupRaw, StdOut()));
-  EXPECT_EQ(0, machine.clearScreenCalls);
   EXPECT_EQ(Bytes(d.Sector(100), d.Sector(13100)), machine.Find("quiet.bin")->bytes);
 
   testing::internal::CaptureStdout();
   EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "long.bin", 0, 13001, kBackupDisk, StdOut()));
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(1, machine.clearScreenCalls);
   const Bytes& file = machine.Find("long.bin")->bytes;
   ASSERT_EQ((1 + 13001u) * 512, file.size());
   EXPECT_EQ(Bytes(d.Sector(0), d.Sector(13001)), Bytes(file.begin() + 512, file.end()));
-}
-
-TEST_F(SectorOpsTest, SaveFailuresOfTheBackupFile) {
-  MakeDisk(100);
-  DiskSet disks(test::TestDrivers(), false);
-  WriteScope scope(disks, AnySector());
-  // A file that takes no writes fails the save, the last chunk too.
-  machine.AddFile("locked.bin").writeProtected = true;
-  EXPECT_EQ(kBackupWriteFailed, SaveRangeToFile(disks, "locked.bin", 0, 10, kBackupRaw, StdOut()));
-  EXPECT_EQ(kBackupWriteFailed, SaveSectorsToFile(*Fresh(), "locked.bin", 0, 1, kBackupMbr));
-  // An existing file that cannot be replaced, and a path that cannot exist.
-  machine.AddFile("kept.bin").refusedModes.insert(platform::OpenMode::CreateAlways);
-  EXPECT_EQ(kCannotOverwrite, SaveSectorsToFile(*Fresh(), "kept.bin", 0, 1, kBackupMbr));
-  EXPECT_EQ(kInvalidPath, SaveSectorsToFile(*Fresh(), "\\\\.\\nowhere", 0, 1, kBackupMbr));
-}
-
-TEST_F(SectorOpsTest, CompareOfAnUnreadableSectorEndsTheRunWith506) {
-  test::FakeDrive& d = MakeDisk(100);
-  d.badSectors = {50};
-  DiskSet disks(test::TestDrivers(), false);
-  WriteScope scope(disks, AnySector());
-  for (const char* a : {"/compare", "/source=50", "/target=0"}) {
-    Arguments().Add(a);
-    ParseArgument(a);
-  }
-  EXPECT_THROW(test::RunHandler(disks), CompareReadError);
-  EXPECT_EQ(kReadFailed, State().resultCode);
 }
 
 }  // namespace
