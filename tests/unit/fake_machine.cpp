@@ -208,20 +208,6 @@ bool FakeMachine::GetNumberFormat(const std::string& value, const platform::Numb
   return true;
 }
 
-bool FakeMachine::FormatEx(const std::u16string&, uint32_t, const std::u16string&, const std::u16string&, bool,
-                           uint32_t, const platform::FormatCallback& callback, const platform::FormatPlace& place) {
-  if (formatEngine != platform::FormatEngineState::Ready) return false;
-  bool written = true;
-  if (!formatStaged.empty()) {
-    std::unique_ptr<platform::File> staged = Open(formatStaged, OpenMode::ReadExisting);
-    written = staged && place.writeStaged && place.writeStaged(*staged);
-  }
-  platform::FormatCallbackData end;
-  end.success = written;
-  callback(11, 0, end);
-  return true;
-}
-
 bool FakeMachine::SystemMessageText(uint32_t code, std::string* text) {
   auto it = messages.find(code);
   if (it == messages.end()) return false;
@@ -253,39 +239,6 @@ DiskDrivers TestDrivers() {
   drivers.loadGpt = LoadGptTable;
   drivers.openVirtual = OpenVirtualVmdk;
   return drivers;
-}
-
-namespace {
-
-class ShiftedFile : public platform::PlainFile {
- public:
-  ShiftedFile(std::unique_ptr<platform::File> file, uint64_t base) : file_(std::move(file)), base_(base) {}
-  bool Seek(uint64_t offset) override { return file_->Seek(base_ + offset); }
-  bool Read(void* b, uint32_t n, uint32_t* done) override { return file_->Read(b, n, done); }
-  bool Write(const void* b, uint32_t n, uint32_t* done) override { return file_->Write(b, n, done); }
-  bool Flush() override { return file_->Flush(); }
-  bool Size(uint64_t* bytes) override {
-    uint64_t all = 0;
-    if (!file_->Size(&all) || all < base_) return false;
-    *bytes = all - base_;
-    return true;
-  }
-
- private:
-  std::unique_ptr<platform::File> file_;
-  uint64_t base_;
-};
-
-}  // namespace
-
-std::unique_ptr<VirtualDisk> ShiftedVirtualDisk(std::unique_ptr<platform::File> file, uint64_t baseSectors,
-                                                uint64_t sectors) {
-  auto disk = std::make_unique<VirtualDisk>();
-  disk->opened = true;
-  disk->totalSectors = sectors;
-  disk->sizeBytes = sectors * 512;
-  disk->device.Attach(std::make_unique<ShiftedFile>(std::move(file), baseSectors * 512), "shifted");
-  return disk;
 }
 
 void PutMbrEntry(uint8_t* sector, size_t offset, const MbrEntry& e) {

@@ -76,11 +76,6 @@ class FakeMachine : public platform::Machine {
   std::map<std::string, std::vector<uint8_t>> registryBinary;
   std::vector<std::string> logicalDrives;
   std::map<std::string, std::string> volumeNames;  // mount point -> volume name
-  // FormatEx, when the engine is Ready, hands the file `formatStaged` (when
-  // named) to the place's writer and ends with command 11: success when the
-  // writer agreed.
-  platform::FormatEngineState formatEngine = platform::FormatEngineState::LibraryMissing;
-  std::string formatStaged;
   std::vector<std::string> messageBoxes;
   // RandomBytes hands these out first, then bytes of a fixed sequence.
   std::deque<uint8_t> randomBytes;
@@ -93,10 +88,11 @@ class FakeMachine : public platform::Machine {
   bool RegQueryBinary(const std::string& key, const std::string& value, std::vector<uint8_t>* out) override;
   std::vector<std::string> LogicalDriveStrings() override { return logicalDrives; }
   bool VolumeNameForMountPoint(const std::string& mountPoint, std::string* volumeName) override;
-  platform::FormatEngineState LoadFormatEngine() override { return formatEngine; }
-  bool FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, const std::u16string& fileSystem,
-                const std::u16string& label, bool quick, uint32_t clusterSize, const platform::FormatCallback& callback,
-                const platform::FormatPlace& place) override;
+  platform::FormatEngineState LoadFormatEngine() override { return platform::FormatEngineState::LibraryMissing; }
+  bool FormatEx(const std::u16string&, uint32_t, const std::u16string&, const std::u16string&, bool, uint32_t,
+                const platform::FormatCallback&, const platform::FormatPlace&) override {
+    return false;
+  }
   void PumpOneMessage() override {}
   bool NtfsFormatterPresent() override { return false; }
   bool RunNtfsFormatter(const platform::NtfsFormatJob&, const platform::FormatCallback&) override { return false; }
@@ -138,12 +134,6 @@ class ScopedHost {
 // The table and virtual-disk drivers of the program, for disk sets built by
 // tests.
 DiskDrivers TestDrivers();
-
-// A virtual disk whose sectors lie `baseSectors` sectors into `file`, the
-// way a disk file with metadata in front of its data maps them: the disk
-// set reads and writes it only through its device.
-std::unique_ptr<VirtualDisk> ShiftedVirtualDisk(std::unique_ptr<platform::File> file, uint64_t baseSectors,
-                                                uint64_t sectors);
 
 // Runs the handler of Options().command on `disks` the way the dispatcher
 // does after its selector checks and the question.

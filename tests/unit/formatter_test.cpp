@@ -1,7 +1,7 @@
-// The format engine wrapper against an in-memory machine: what each
-// callback command prints and keeps, where a partition may be written, and
-// the copy of a staged volume onto it.  The engine's answers and a missing
-// engine are run end to end (e2e/format_test).
+// The format engine wrapper: what each callback command prints and keeps,
+// and where a partition may be written.  Whole formats, the engine's answers
+// and the bytes around a formatted partition are checked end to end
+// (e2e/format_test).
 #include "disk/formatter.h"
 
 #include <gtest/gtest.h>
@@ -93,33 +93,6 @@ TEST_F(FormatterTest, CallbackCommands) {
   f.message = "7";
   FormatCallback(f, 11, 0, {});
   EXPECT_EQ(f.message, "Unknown error");
-}
-
-TEST_F(FormatterTest, AStagedVolumeLandsOnExactlyItsPartition) {
-  machine_.formatEngine = platform::FormatEngineState::Ready;
-  std::vector<uint8_t> volume(2048 * 512);
-  for (size_t i = 0; i < volume.size(); ++i) volume[i] = static_cast<uint8_t>(i % 251);
-  machine_.AddFile("staged.img", volume);
-  machine_.formatStaged = "staged.img";
-  const std::vector<uint8_t> before = drive_->bytes;
-  StringSink out;
-  Formatter f(out);
-  EXPECT_TRUE(FormatVolume(Disks(), Primary(1), f));
-  const auto at = [](uint64_t lba) { return static_cast<std::ptrdiff_t>(lba * 512); };
-  EXPECT_TRUE(std::equal(drive_->bytes.begin(), drive_->bytes.begin() + at(2048), before.begin()));
-  EXPECT_TRUE(std::equal(drive_->bytes.begin() + at(2048), drive_->bytes.begin() + at(4096), volume.begin()));
-  EXPECT_TRUE(std::equal(drive_->bytes.begin() + at(4096), drive_->bytes.end(), before.begin() + at(4096)));
-  EXPECT_GE(drive_->flushCalls, 1);
-
-  // A staged file of another size is not copied at all.
-  machine_.AddFile("short.img", std::vector<uint8_t>(2047 * 512, 0xEE));
-  machine_.formatStaged = "short.img";
-  const std::vector<uint8_t> formatted = drive_->bytes;
-  Formatter again(out);
-  out.text.clear();
-  EXPECT_FALSE(FormatVolume(Disks(), Primary(1), again));
-  EXPECT_EQ(out.text, "Unable to complete format.\n\n");
-  EXPECT_EQ(drive_->bytes, formatted);
 }
 
 TEST_F(FormatterTest, WhereAPartitionMayBeWritten) {

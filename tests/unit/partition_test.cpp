@@ -242,20 +242,6 @@ TEST_F(PartitionTableTest, ChainOfTenThousandLogicalsLoadsQuickly) {
   EXPECT_EQ(t.Get(kLogicals, kKindLogical)->logicalNumber, static_cast<int32_t>(kLogicals));
 }
 
-TEST_F(PartitionTableTest, ChainOnAVirtualDiskCountsFromItsSectorZero) {
-  // A virtual disk whose sector 0 lies 100 sectors into its file: the chain
-  // is read through the disk's device, which places every sector.
-  disks->virtualDisk =
-      test::ShiftedVirtualDisk(machine.Open(test::DrivePath(0), platform::OpenMode::DiskReadWrite), 100, 4000);
-  disks->isVirtual = true;
-  PutSlot(0, kExtended, 1000, 3000);
-  PutEbr(1100, kNtfs, 63, 100, 0);
-  PartitionTable& t = LoadTable();
-  ASSERT_EQ(t.Count(kKindLogical), 1);
-  EXPECT_EQ(t.Get(1, kKindLogical)->ebrLba, 1000u);
-  EXPECT_EQ(t.Get(1, kKindLogical)->startLba, 1063u);
-}
-
 TEST_F(PartitionTableTest, SortByStartIsAPlainSelectionSort) {
   // Starts 5, 5, 3 (A, B, C) end as C, B, A: equal starts never exchange,
   // and the sort is not stable.
