@@ -142,42 +142,14 @@ TEST(VmdkKeys, TypesAndAdapters) {
 
 TEST_F(VmdkTest, FlatDescriptorOpensItsDataFileBesideItWithEitherSeparator) {
   for (const std::string dir : {"C:\\vm\\", "/vm/"}) {
-    Bytes flat(4096 * 512, 0);
-    flat[0] = 0xEB;
-    flat[510] = 0x55;
-    flat[511] = 0xAA;
-    File(dir + "disk-flat.vmdk", flat);
+    File(dir + "disk-flat.vmdk", Bytes(4096 * 512, 0)).SetBootSignature();
     Text(dir + "disk.vmdk", Descriptor("monolithicFlat", "RW 4096 FLAT \"disk-flat.vmdk\" 0\n", "pvscsi"));
     auto disk = Open(dir + "disk.vmdk");
     ASSERT_EQ(disk->errorCode, kSuccess) << dir;
     EXPECT_TRUE(disk->opened && disk->mbrValid);
     EXPECT_EQ(disk->dataPath, dir + "disk-flat.vmdk");
-    EXPECT_EQ(disk->sector0Image[0], 0xEB);
     EXPECT_EQ(disk->cylinders * disk->heads * disk->sectorsPerTrack, 4 * 16 * 63);
   }
-}
-
-TEST_F(VmdkTest, ReadWriteExtentsAreAddedUpOnlyWithAFullGeometry) {
-  // Flat files as large as their extents, without holding their bytes.
-  for (auto [path, sectors] : {std::pair<const char*, uint64_t>{"a-f001.vmdk", 4192256}, {"a-f002.vmdk", 2048}}) {
-    test::FakeDrive& flat = File(path, Bytes(512, 0));
-    flat.isDevice = true;
-    flat.diskSizeOverride = sectors * 512;
-  }
-  const std::string extents = "RW 4192256 FLAT \"a-f001.vmdk\" 0\nRW 2048 FLAT \"a-f002.vmdk\" 0\n";
-  Text("a.vmdk", Descriptor("twoGbMaxExtentFlat", extents, "lsilogic"));
-  Text("b.vmdk", Descriptor("twoGbMaxExtentFlat", extents, "", false));
-  auto a = Open("a.vmdk");
-  EXPECT_EQ(a->errorCode, kSuccess);
-  EXPECT_EQ(a->totalSectors, 4194304u);
-  EXPECT_EQ(a->sizeBytes, 2147483648u);
-  EXPECT_EQ(a->interfaceText, "SCSI");
-  EXPECT_FALSE(a->mbrValid);  // zeros: an empty sector 0, no error
-  auto b = Open("b.vmdk");
-  EXPECT_EQ(b->errorCode, kSuccess);
-  EXPECT_EQ(b->totalSectors, 0u);
-  EXPECT_EQ(b->cylinders, 0);
-  EXPECT_EQ(b->interfaceText, "");
 }
 
 TEST_F(VmdkTest, RefusedFilesEndWithTheirCodeAndWriteNothing) {
