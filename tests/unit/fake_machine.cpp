@@ -11,7 +11,6 @@
 #include "vdisk/vmdk.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "platform/common/number_format.h"
@@ -23,12 +22,10 @@ namespace {
 using platform::OpenMode;
 
 // Windows error codes the fake reports.
-constexpr uint32_t kErrorFileNotFound = 2;
-constexpr uint32_t kErrorAccessDenied = 5;
-constexpr uint32_t kErrorWriteProtect = 19;
-constexpr uint32_t kErrorCrc = 23;
-constexpr uint32_t kErrorSectorNotFound = 27;
-constexpr uint32_t kErrorNotSupported = 50;
+enum : uint32_t {
+  kErrorFileNotFound = 2, kErrorAccessDenied = 5, kErrorWriteProtect = 19, kErrorCrc = 23,
+  kErrorSectorNotFound = 27, kErrorNotSupported = 50,
+};
 
 bool ModeReads(OpenMode mode) { return mode != OpenMode::CreateAlways; }
 bool ModeWrites(OpenMode mode) { return mode != OpenMode::ProbeRead && mode != OpenMode::ReadExisting; }
@@ -78,33 +75,25 @@ class FakeFile : public platform::File {
     *bytes = drive_->isDevice && drive_->diskSizeOverride ? drive_->diskSizeOverride : drive_->bytes.size();
     return true;
   }
-  bool GetDriveGeometry(platform::DiskGeometry* out) override {
-    if (!drive_->isDevice) return Fail(kErrorNotSupported);
-    *out = drive_->geometry;
-    return true;
-  }
+  bool GetDriveGeometry(platform::DiskGeometry* out) override { return Answer(true, out, drive_->geometry); }
   bool GetDriveGeometryEx(platform::DiskGeometry* geometry, uint64_t* diskSize) override {
     return GetDriveGeometry(geometry) && Size(diskSize);
   }
   bool GetPartitionInfo(uint64_t*, uint64_t*) override { return Fail(kErrorNotSupported); }
-
-  bool GetDriveLayoutEx(platform::LayoutEntry* first) override {
-    if (!drive_->isDevice || !drive_->layoutExOk) return Fail(kErrorNotSupported);
-    *first = drive_->layoutEx;
-    return true;
-  }
-  bool GetDriveLayout(platform::LayoutEntry* first) override {
-    if (!drive_->isDevice || !drive_->layoutOk) return Fail(kErrorNotSupported);
-    *first = drive_->layout;
-    return true;
-  }
+  bool GetDriveLayoutEx(platform::LayoutEntry* first) override { return Answer(drive_->layoutExOk, first, drive_->layoutEx); }
+  bool GetDriveLayout(platform::LayoutEntry* first) override { return Answer(drive_->layoutOk, first, drive_->layout); }
   bool UpdateProperties() override {
-    if (!drive_->isDevice) return Fail(kErrorNotSupported);
-    ++drive_->updatePropertiesCalls;
-    return true;
+    return drive_->isDevice ? ++drive_->updatePropertiesCalls > 0 : Fail(kErrorNotSupported);
   }
 
  private:
+  // A device query: plain files and devices without the answer fail it.
+  template <typename T>
+  bool Answer(bool ok, T* out, const T& value) {
+    if (!drive_->isDevice || !ok) return Fail(kErrorNotSupported);
+    *out = value;
+    return true;
+  }
   bool Fail(uint32_t error) {
     machine_->lastError = error;
     return false;
@@ -124,9 +113,9 @@ class FakeFile : public platform::File {
   uint64_t position_ = 0;
 };
 
-template <typename T>
-bool Lookup(const std::map<std::string, T>& values, const std::string& key, const std::string& value, T* out) {
-  auto it = values.find(key + "\n" + value);
+template <typename K, typename T>
+bool Lookup(const std::map<K, T>& values, const K& key, T* out) {
+  auto it = values.find(key);
   if (it == values.end()) return false;
   *out = it->second;
   return true;
@@ -134,11 +123,7 @@ bool Lookup(const std::map<std::string, T>& values, const std::string& key, cons
 
 }  // namespace
 
-std::string DrivePath(int number) {
-  char path[64];
-  std::snprintf(path, sizeof path, "\\\\.\\PhysicalDrive%d", number);
-  return path;
-}
+std::string DrivePath(int number) { return "\\\\.\\PhysicalDrive" + std::to_string(number); }
 
 FakeDrive& FakeMachine::AddDrive(int number, uint64_t sectors, int32_t mediaType) {
   FakeDrive& drive = devices[DrivePath(number)];
@@ -176,44 +161,26 @@ std::unique_ptr<platform::File> FakeMachine::Open(const std::string& path, OpenM
 }
 
 bool FakeMachine::RegQueryString(const std::string& key, const std::string& value, std::string* out) {
-  return Lookup(registryStrings, key, value, out);
+  return Lookup(registryStrings, key + "\n" + value, out);
 }
 
 bool FakeMachine::RegQueryBinary(const std::string& key, const std::string& value, std::vector<uint8_t>* out) {
-  return Lookup(registryBinary, key, value, out);
+  return Lookup(registryBinary, key + "\n" + value, out);
 }
 
 bool FakeMachine::VolumeNameForMountPoint(const std::string& mountPoint, std::string* volumeName) {
-  auto it = volumeNames.find(mountPoint);
-  if (it == volumeNames.end()) return false;
-  *volumeName = it->second;
-  return true;
+  return Lookup(volumeNames, mountPoint, volumeName);
 }
 
 bool FakeMachine::GetLocaleInfo(platform::LocaleItem item, std::string* out) {
-  auto it = locale.find(item);
-  if (localeFails || it == locale.end()) {
-    lastError = 87;
-    return false;
-  }
-  *out = it->second;
-  return true;
+  return (!localeFails && Lookup(locale, item, out)) || (lastError = 87, false);
 }
 
 bool FakeMachine::GetNumberFormat(const std::string& value, const platform::NumberFormat& format, std::string* out) {
-  if (!platform::FormatNumberLikeWindows(value, format, out)) {
-    lastError = 87;
-    return false;
-  }
-  return true;
+  return platform::FormatNumberLikeWindows(value, format, out) || (lastError = 87, false);
 }
 
-bool FakeMachine::SystemMessageText(uint32_t code, std::string* text) {
-  auto it = messages.find(code);
-  if (it == messages.end()) return false;
-  *text = it->second;
-  return true;
-}
+bool FakeMachine::SystemMessageText(uint32_t code, std::string* text) { return Lookup(messages, code, text); }
 
 bool FakeMachine::RandomBytes(void* out, size_t bytes) {
   ++randomCalls;
@@ -304,16 +271,10 @@ uint32_t ReferenceCrc32(const uint8_t* data, size_t size) {
 }
 
 std::vector<uint8_t> GuidBytes(const std::string& text) {
-  auto hex = [&](size_t at) { return static_cast<uint8_t>(std::stoul(text.substr(at, 2), nullptr, 16)); };
+  // Where each stored byte's two digits stand in the text (mixed endian).
+  static const size_t kAt[16] = {6, 4, 2, 0, 11, 9, 16, 14, 19, 21, 24, 26, 28, 30, 32, 34};
   std::vector<uint8_t> g(16);
-  for (int i = 0; i < 4; ++i) g[static_cast<size_t>(i)] = hex(6 - 2 * static_cast<size_t>(i));
-  g[4] = hex(11);
-  g[5] = hex(9);
-  g[6] = hex(16);
-  g[7] = hex(14);
-  g[8] = hex(19);
-  g[9] = hex(21);
-  for (size_t i = 0; i < 6; ++i) g[10 + i] = hex(24 + 2 * i);
+  for (size_t i = 0; i < 16; ++i) g[i] = static_cast<uint8_t>(std::stoul(text.substr(kAt[i], 2), nullptr, 16));
   return g;
 }
 
