@@ -4,14 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <tuple>
 #include <string>
 #include <vector>
 
 #include "disk/disk_set.h"
 #include "fake_machine.h"
-#include "vdisk/vmdk.h"
 
 namespace dh {
 namespace {
@@ -60,79 +58,56 @@ class IdentifyTest : public test::FakeDiskTest {
     machine.registryBinary["SYSTEM\\MountedDevices\n\\??\\Volume{" + guid + "}"] = record;
   }
   std::string Description(int index) { return GetDiskDescription(*disks, index); }
-  // The letter found for a partition at `lba`, or 0.
-  char Letter(uint64_t lba) {
-    DriveLetterMatch found;
-    return FindDriveLetter(*disks, lba, &found) ? found.letter : 0;
-  }
 };
 
-TEST_F(IdentifyTest, BusAndDescription) {
-  // The bus is the first component of the instance path; the description
-  // drops the bus suffix (ignoring case, right-most) and reduces the first
-  // run of blanks only; texts end at their first NUL.
-  const std::tuple<const char*, std::string, const char*, const char*, const char*> cases[] = {
-      {"IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0", "", "", "IDE", "IDE"},  // no name: the bus stands
-      {"USBSTOR\\Disk&Ven_SanDisk\\1", "SanDisk Cruzer USB Device", "", "USB", "SanDisk Cruzer"},
-      {"SCSI", "", "", "SCSI", "SCSI"},
-      {"scsi\\Disk\\4", "A SCSI Disk Device B SCSI Disk Device", "", "scsi", "A SCSI Disk Device B"},
-      {"IDE\\Disk\\5", "", "Disk drive", "IDE", "Disk drive"},
-      {"SD\\Disk\\6", "Card  Reader  Two  USB Device", "", "SD", "Card Reader  Two  USB Device"},
-      {"PCI\\Disk\\7", std::string("Model\0junk", 10), "", "PCI", "Model"},
+// Each row: a disk's instance path and the FriendlyName and DeviceDesc of its
+// key, the bus and description shown; and whether a mounted volume's record
+// names a partition of that disk at sector 2048 (signature 12345678): by its
+// signature record, its device path, or its parent prefix for removable media.
+// The bus is the first component of the instance path; the description drops
+// the bus suffix (ignoring case, right-most) and reduces the first run of
+// blanks only; texts end at their first NUL.
+TEST_F(IdentifyTest, BusDescriptionAndDriveLetter) {
+  const struct {
+    const char* instance;
+    std::string friendlyName, deviceDesc, bus, description, prefix;
+    std::vector<uint8_t> record;
+    bool found;
+  } cases[] = {
+      {"IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0", "", "", "IDE", "IDE", "", SignatureRecord(0x12345678, 2048 * 512), true},
+      {"USBSTOR\\Disk&Ven_SanDisk\\1", "SanDisk Cruzer USB Device", "", "USB", "SanDisk Cruzer", "",
+       Utf16("\\??\\USBSTOR#Disk&Ven_SanDisk#1#{53f56307-b6bf-11d0-94f2-00a0c91efb8b}"), true},
+      {"USBSTOR\\Disk&Ven_Generic\\2", "", "", "USB", "USB", "7&2a3b&0",
+       Utf16("\\??\\STORAGE#RemovableMedia#7&2a3b&0&RM#{53f5630d}"), true},
+      {"STORAGE\\RemovableMedia\\7&2a3b&0&RM", "", "", "STORAGE", "STORAGE", "",  // no prefix, no match
+       Utf16("\\??\\STORAGE#RemovableMedia#7&2a3b&0&RM#{53f5630d}"), false},
+      {"SCSI", "", "", "SCSI", "SCSI", "", SignatureRecord(0x0BADF00D, 2048 * 512), false},  // another disk
+      {"scsi\\Disk\\4", "A SCSI Disk Device B SCSI Disk Device", "", "scsi", "A SCSI Disk Device B", "",
+       SignatureRecord(0x12345678, 63 * 512), false},  // another partition
+      {"IDE\\Disk\\5", "", "Disk drive", "IDE", "Disk drive", "", {0x78, 0x56, 0x34}, false},  // short record
+      {"SD\\Disk\\6", "Card  Reader  Two  USB Device", "", "SD", "Card Reader  Two  USB Device", "", Utf16("\\?"), false},
+      {"PCI\\Disk\\7", std::string("Model\0junk", 10), "", "PCI", "Model", "", {'\\', 0, '?', 0, '?'}, false},
+      {"PCI\\Disk\\8", std::string(5000, 'x'), "", "PCI", std::string(kRegistryTextSize - 1, 'x'), "",
+       SignatureRecord(0x12345678, (1ull << 32) + 2048 * 512), false},  // offsets compared in full
   };
-  const int n = static_cast<int>(std::size(cases));
-  for (int i = 0; i < n; ++i) AddDisk(i, std::get<0>(cases[i]), std::get<1>(cases[i]), std::get<2>(cases[i]));
-  AddDisk(n, "PCI\\Disk\\8", std::string(5000, 'x'));
-  for (int i = 0; i < n; ++i) {
-    EXPECT_EQ(GetDiskBus(*disks, i), std::get<3>(cases[i])) << i;
-    EXPECT_EQ(Description(i), std::get<4>(cases[i])) << i;
+  for (int i = 0; i < static_cast<int>(std::size(cases)); ++i) {
+    const auto& c = cases[i];
+    SCOPED_TRACE(c.instance);
+    machine.registryStrings.clear();
+    machine.registryBinary.clear();
+    machine.logicalDrives = {"A:\\"};  // a root without a volume name comes first
+    machine.volumeNames.clear();
+    AddDisk(i, c.instance, c.friendlyName, c.deviceDesc, c.prefix);
+    AddVolume('G', "g-guid", c.record);
+    disks->currentDisk = i;
+    EXPECT_EQ(GetDiskBus(*disks, i), c.bus);
+    EXPECT_EQ(Description(i), c.description);
+    DriveLetterMatch found;
+    EXPECT_EQ(FindDriveLetter(*disks, 2048, &found), c.found);
+    EXPECT_EQ(found.volumeName, c.found ? "\\\\?\\Volume{g-guid}\\" : "");
   }
-  EXPECT_EQ(Description(n), std::string(kRegistryTextSize - 1, 'x'));
   EXPECT_EQ(GetDiskBus(*disks, -1), "");
-  EXPECT_EQ(Description(n + 1), "");  // not the last disk's
-  // A virtual disk's texts come from the virtual disk.
-  disks->isVirtual = true;
-  disks->virtualDisk = std::make_unique<VmdkDisk>();
-  disks->virtualDisk->interfaceText = "lsilogic";
-  disks->virtualDisk->descriptionText = "VMware  Virtual  disk";
-  EXPECT_EQ(GetDiskBus(*disks, 0), "lsilogic");
-  EXPECT_EQ(Description(0), "VMware Virtual  disk");
-}
-
-// Disk 0 (signature 12345678) finds a letter by its signature record's
-// offset, disk 1 by the device path, disk 2 (removable) by its parent
-// prefix; malformed records and roots without a volume are passed over.
-TEST_F(IdentifyTest, DriveLetters) {
-  AddDisk(0, "IDE\\Disk\\1");
-  AddDisk(1, "USBSTOR\\Disk&Ven_Kingston\\0013729B", "Kingston USB Device");
-  AddDisk(2, "USBSTOR\\Disk&Ven_Generic\\1", "", "", "7&2a3b&0");
-  AddDisk(3, "STORAGE\\RemovableMedia\\7&2a3b&0&RM");
-  machine.logicalDrives.push_back("A:\\");  // no volume name
-  AddVolume('B', "b-guid", {0x78, 0x56, 0x34});
-  AddVolume('C', "c-guid", {'\\', 0, '?', 0, '?'});
-  AddVolume('D', "d-guid", Utf16("\\?"));
-  machine.logicalDrives.push_back("E:\\");  // a volume without a record
-  machine.volumeNames["E:\\"] = "\\\\?\\Volume{e-guid}\\";
-  AddVolume('F', "f-guid", SignatureRecord(0x0BADF00D, 2048ull * 512));  // another disk
-  AddVolume('G', "g-guid", SignatureRecord(0x12345678, 2048ull * 512));
-  AddVolume('H', "h-guid", SignatureRecord(0x12345678, 0x123456789ull * 512));  // beyond 32 bits of bytes
-  AddVolume('K', "k-guid", Utf16("\\??\\USBSTOR#Disk&Ven_Kingston#0013729B#{53f56307-b6bf-11d0-94f2-00a0c91efb8b}"));
-  AddVolume('R', "r-guid", Utf16("\\??\\STORAGE#RemovableMedia#7&2a3b&0&RM#{53f5630d}"));
-  const std::tuple<int, uint64_t, char> cases[] = {{0, 2048, 'G'}, {0, 0x123456789ull, 'H'}, {0, 63, 0},
-                                                   {1, 4096, 'K'}, {1, 999999, 'K'},          {2, 0, 'R'},
-                                                   {3, 0, 0}};
-  for (const auto& [disk, lba, letter] : cases) {
-    disks->currentDisk = disk;
-    EXPECT_EQ(Letter(lba), letter) << disk << " " << lba;
-  }
-  disks->currentDisk = 0;
-  DriveLetterMatch found;
-  ASSERT_TRUE(FindDriveLetter(*disks, 2048, &found));
-  EXPECT_EQ(found.volumeName, "\\\\?\\Volume{g-guid}\\");
-  // Long volume names are cut to the result.
-  AddVolume('L', std::string(80, 'a'), SignatureRecord(0x12345678, 512));
-  ASSERT_TRUE(FindDriveLetter(*disks, 1, &found));
-  EXPECT_EQ(found.volumeName.size(), kVolumeNameLength);
+  EXPECT_EQ(Description(99), "");  // not the last disk's
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
 // The texts the program prints where no end-to-end run pins them down: the
 // final report's lines (arguments with '%' in them among them), the first
 // error rule, size texts against the C library's own rounding and the
-// user's locale, the Windows-style number format, boot menu answers, a
-// disk description that would break the INI report's lines, and the exit
+// user's locale, the Windows-style number format, a disk description that would break the INI report's lines, and the exit
 // status the system sees.  Whole reports are compared end to end.
 #include <gtest/gtest.h>
 
@@ -21,7 +20,6 @@
 #include "fake_machine.h"
 #include "platform/common/number_format.h"
 #include "report/format.h"
-#include "report/info.h"
 #include "report/ini_report.h"
 
 namespace dh {
@@ -85,7 +83,7 @@ TEST(Messages, FinalReportLines) {
   ResetRun();
 }
 
-TEST(Reports, ScaledSizesAndBootMenuAnswers) {
+TEST(Reports, ScaledSizesRoundAsTheCLibraryDoes) {
   const std::tuple<uint64_t, int, const char*> sizes[] = {
       {500107862016ull, 20, "476940.02"}, {500107862016ull, 40, "0.45"}, {0, 20, "0.00"},
       {(1ull << 20) / 8, 20, "0.12"},      // 0.125: a tie, to the even 0.12
@@ -106,18 +104,6 @@ TEST(Reports, ScaledSizesAndBootMenuAnswers) {
     }
   }
 #endif
-
-  // Only the first character chooses a row; the number itself is not
-  // compared with the rows, and only the buffer's 99 characters are read.
-  const std::tuple<std::string, bool, int32_t> answers[] = {
-      {"3", true, 3},   {"4", false, 4},  {"0", false, 0}, {"", false, 0}, {" 2", false, 0}, {"2x7", true, 2},
-      {"35", true, 35}, {"1" + std::string(200, '9'), true, INT32_MAX}, {std::string(98, '0') + "21", false, 2}};
-  for (const auto& [line, valid, number] : answers) {
-    const BootMenuChoice choice = ReadBootMenuAnswer(line, 3);
-    EXPECT_TRUE(choice.asked);
-    EXPECT_EQ(choice.valid, valid) << line;
-    EXPECT_EQ(choice.number, number) << line;
-  }
 }
 
 using IniReportTest = test::FakeDiskTest;

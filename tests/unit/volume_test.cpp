@@ -27,15 +27,15 @@ constexpr uint64_t kTop = UINT64_MAX - 10;  // a volume at the top of the addres
 void PutText(uint8_t* p, const char* text) { std::memcpy(p, text, std::strlen(text)); }
 
 TEST(VolumeBootRecord, DetectionBitLockerAndIdText) {
-  const std::tuple<size_t, const char*, FileSystemKind, const char*> cases[] = {
+  const std::tuple<size_t, std::string, FileSystemKind, const char*> cases[] = {
       {3, "NTFS", kFsNtfs, "NTFS"},          {54, "FAT16", kFsFat16, "FAT16"},   {82, "FAT32", kFsFat32, "FAT32"},
       {1032, "HFSJ", kFsHfsJournaled, "HFS-J"}, {1032, "10.0", kFsHfsExtended, "HFSEX"}, {3, "EXFAT   ", kFsExfat, "exFAT"},
-      {54, "FAT12   ", kFsNone, "keep"},   // FAT12 is not listed as a file system
-      {3, "EXFAT\0\0\0", kFsNone, "keep"},  // no blanks after the name
+      {54, "FAT12   ", kFsNone, "keep"},                    // FAT12 is not listed as a file system
+      {3, std::string("EXFAT\0\0\0", 8), kFsNone, "keep"},  // no blanks after the name
   };
   for (const auto& [offset, text, kind, name] : cases) {
     uint8_t sectors[kVolumeProbeBytes] = {};
-    std::memcpy(sectors + offset, text, std::strlen(text) + (text[5] == '\0' ? 3 : 0));
+    std::memcpy(sectors + offset, text.data(), text.size());
     std::string found = "keep";
     EXPECT_EQ(DetectFileSystem(sectors, &found), kind) << text;
     EXPECT_EQ(found, name);
