@@ -179,8 +179,6 @@ TEST(PartitionCreate, ChsBytesAndAlignment) {
   EXPECT_FALSE(AlignStart(UINT64_MAX - 1, 1 << 20, &start));
 }
 
-
-
 class PartitionEditTest : public test::FakeDiskTest {
  protected:
   void Run(int32_t command, int32_t part) {
@@ -238,7 +236,6 @@ TEST_F(PartitionEditTest, IsSortedComparesEveryRecordWithEveryLaterOne) {
   }
 }
 
-
 using test::FakeDrive;
 using Sig = SignatureBytes;
 
@@ -257,51 +254,34 @@ TEST(SignatureText, PairsGoMostSignificantFirst) {
   for (const auto& c : cases) EXPECT_EQ(SignatureFromText(c.text), c.bytes) << c.text;
 }
 
-class SignatureTest : public ::testing::Test {
+class SignatureTest : public test::FakeDiskTest {
  protected:
-  SignatureTest() : host_(&machine_) { ResetRun(); }
-
-  // A drive whose sector 0 is a byte pattern with a signature and,
-  // optionally, 55 AA; the sectors after it hold a pattern too.
+  // A drive whose bytes are a pattern, with a signature, an empty entry
+  // table and, optionally, 55 AA.  Drive 0 becomes `drive`.
   FakeDrive& MakeDrive(int number, Sig signature, bool marker = true) {
-    FakeDrive& d = machine_.AddDrive(number, 256);
+    FakeDrive& d = machine.AddDrive(number, 256);
     for (size_t i = 0; i < d.bytes.size(); ++i) d.bytes[i] = static_cast<uint8_t>(i * 13 + 5);
     std::memcpy(d.Sector(0) + 440, signature.data(), 4);
-    // One empty-typed entry table: a valid, partitionless MBR.
     std::memset(d.Sector(0) + 446, 0, 64);
-    if (marker) {
-      d.SetBootSignature();
-    } else {
-      d.Sector(0)[511] = 0;
-    }
+    d.Sector(0)[510] = marker ? 0x55 : 0;
+    d.Sector(0)[511] = marker ? 0xAA : 0;
+    if (number == 0) drive = &d;
     return d;
   }
-
-  void Load(bool ignore = false) {
-    disks_ = std::make_unique<DiskSet>(test::TestDrivers(), ignore);
-    before_ = drive().bytes;
-  }
-
-  FakeDrive& drive(int number = 0) { return machine_.devices[test::DrivePath(number)]; }
-  Sig SignatureOnDisk(int number = 0) {
+  Sig SignatureOnDisk() {
     Sig s;
-    std::memcpy(s.data(), drive(number).Sector(0) + 440, 4);
+    std::memcpy(s.data(), drive->Sector(0) + 440, 4);
     return s;
   }
-  // Every byte of the drive outside [first, first + count) is as it was.
+  // Every byte of drive 0 outside [first, first + count) is as it was.
   void ExpectOnlyChanged(size_t first, size_t count) {
-    Bytes now = drive().bytes;
-    std::copy(before_.begin() + first, before_.begin() + first + count, now.begin() + first);
-    EXPECT_EQ(now, before_);
+    Bytes now = drive->bytes;
+    std::copy(before.begin() + first, before.begin() + first + count, now.begin() + first);
+    EXPECT_EQ(now, before);
   }
   void QueueRandom(std::initializer_list<Sig> draws) {
-    for (const Sig& s : draws) machine_.randomBytes.insert(machine_.randomBytes.end(), s.begin(), s.end());
+    for (const Sig& s : draws) machine.randomBytes.insert(machine.randomBytes.end(), s.begin(), s.end());
   }
-
-  test::FakeMachine machine_;
-  test::ScopedHost host_;
-  std::unique_ptr<DiskSet> disks_;
-  Bytes before_;
 };
 
 TEST_F(SignatureTest, EachModeWritesOnlyTheFourSignatureBytesAndFlushes) {
@@ -316,16 +296,15 @@ TEST_F(SignatureTest, EachModeWritesOnlyTheFourSignatureBytesAndFlushes) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.mode);
-    machine_.devices.clear();
     MakeDrive(0, {1, 2, 3, 4});
     Load();
     QueueRandom({{0x10, 0x20, 0x30, 0x40}});
-    EXPECT_EQ(kSuccess, SetDiskSignature(*disks_, c.mode, c.text));
+    EXPECT_EQ(kSuccess, SetDiskSignature(*disks, c.mode, c.text));
     EXPECT_EQ(SignatureOnDisk(), c.expected);
-    EXPECT_EQ(1, drive().writeCalls);
-    EXPECT_EQ(1, drive().flushCalls);
+    EXPECT_EQ(1, drive->writeCalls);
+    EXPECT_EQ(1, drive->flushCalls);
     ExpectOnlyChanged(440, 4);
-    EXPECT_EQ(0, std::memcmp(disks_->savedSignature, c.expected.data(), 4));
+    EXPECT_EQ(0, std::memcmp(disks->savedSignature, c.expected.data(), 4));
   }
 }
 
@@ -333,10 +312,10 @@ TEST_F(SignatureTest, UnderIgnoreAnUnreadableSectorIsStillNeverWritten) {
   // The image would be zeros: writing it would wipe the partition table.
   MakeDrive(0, {1, 2, 3, 4});
   Load(true);
-  drive().badSectors.insert(0);
-  EXPECT_EQ(kSuccess, SetDiskSignature(*disks_, kSignatureWrite, "AC67AC67"));
-  EXPECT_EQ(kSuccess, WriteStatusByte(*disks_, 9));
-  EXPECT_EQ(0, drive().writeCalls);
+  drive->badSectors.insert(0);
+  EXPECT_EQ(kSuccess, SetDiskSignature(*disks, kSignatureWrite, "AC67AC67"));
+  EXPECT_EQ(kSuccess, WriteStatusByte(*disks, 9));
+  EXPECT_EQ(0, drive->writeCalls);
 }
 
 TEST_F(SignatureTest, GenerateSkipsZeroTheCurrentAndOtherDrivesSignatures) {
@@ -345,32 +324,31 @@ TEST_F(SignatureTest, GenerateSkipsZeroTheCurrentAndOtherDrivesSignatures) {
   MakeDrive(2, {7, 7, 7, 7});
   Load();
   QueueRandom({{0, 0, 0, 0}, {1, 2, 3, 4}, {9, 9, 9, 9}, {7, 7, 7, 7}, {0xAA, 0, 0, 0}});
-  EXPECT_EQ(kSuccess, SetDiskSignature(*disks_, kSignatureGenerate, ""));
+  EXPECT_EQ(kSuccess, SetDiskSignature(*disks, kSignatureGenerate, ""));
   EXPECT_EQ(SignatureOnDisk(), (Sig{0xAA, 0, 0, 0}));
-  EXPECT_EQ(5, machine_.randomCalls);
+  EXPECT_EQ(5, machine.randomCalls);
   // The scan of the other drives wrote nothing there.
-  EXPECT_EQ(0, drive(1).writeCalls);
-  EXPECT_EQ(0, drive(2).writeCalls);
+  EXPECT_EQ(0, machine.Find(test::DrivePath(1))->writeCalls);
+  EXPECT_EQ(0, machine.Find(test::DrivePath(2))->writeCalls);
 }
 
 TEST_F(SignatureTest, StatusByteIsWrittenAloneAlsoWithoutMarker) {
   for (bool marker : {true, false}) {
     SCOPED_TRACE(marker);
-    machine_.devices.clear();
-    ResetRun();
+        ResetRun();
     MakeDrive(0, {1, 2, 3, 4}, marker);
     Load();
-    EXPECT_EQ(marker ? kSuccess : kNoMbrHere, WriteStatusByte(*disks_, 254));
-    EXPECT_EQ(254, drive().Sector(0)[434]);
-    EXPECT_EQ(1, drive().flushCalls);
+    EXPECT_EQ(marker ? kSuccess : kNoMbrHere, WriteStatusByte(*disks, 254));
+    EXPECT_EQ(254, drive->Sector(0)[434]);
+    EXPECT_EQ(1, drive->flushCalls);
     ExpectOnlyChanged(434, 1);
   }
   ResetRun();
   Load();
-  drive().badSectors.insert(0);
-  const int writes = drive().writeCalls;
-  EXPECT_EQ(kReadFailed, WriteStatusByte(*disks_, 3));
-  EXPECT_EQ(writes, drive().writeCalls);
+  drive->badSectors.insert(0);
+  const int writes = drive->writeCalls;
+  EXPECT_EQ(kReadFailed, WriteStatusByte(*disks, 3));
+  EXPECT_EQ(writes, drive->writeCalls);
 }
 
 }  // namespace

@@ -1,15 +1,7 @@
 // An in-memory machine for unit tests: drives and files are byte vectors,
-// and the services the tests steer answer from plain fields.
-//
-//   FakeMachine machine;
-//   FakeDrive& disk = machine.AddDrive(0, 2048);   // \\.\PhysicalDrive0
-//   disk.badSectors.insert(7);
-//   ScopedHost host(&machine);                     // Host() is now `machine`
-//
-// FakeDiskTest bundles the usual fixture: a fresh run, a machine that is the
-// host, drive 0 with an MBR of given entries, and the disk set loaded from
-// it.  WriteGptDisk puts a consistent GPT on a drive and GptProblems checks
-// one the way firmware does.
+// and the services the tests steer answer from plain fields.  FakeDiskTest
+// bundles the usual fixture: a fresh run, a machine that is the host, drive
+// 0 with an MBR of given entries, and the disk set loaded from it.
 #pragma once
 
 #include <cstdint>
@@ -81,7 +73,6 @@ class FakeMachine : public platform::Machine {
   std::deque<uint8_t> randomBytes;
   int randomCalls = 0;
 
-  // platform::Machine
   std::unique_ptr<platform::File> Open(const std::string& path, platform::OpenMode mode) override;
   bool PathExists(const std::string& path) override { return Find(path) != nullptr; }
   bool RegQueryString(const std::string& key, const std::string& value, std::string* out) override;
@@ -119,8 +110,7 @@ class FakeMachine : public platform::Machine {
   uint32_t randomState_ = 0x2545F491u;
 };
 
-// "\\.\PhysicalDrive<number>"
-std::string DrivePath(int number);
+std::string DrivePath(int number);  // "\\.\PhysicalDrive<number>"
 
 // Makes `machine` the Host() of the program for the lifetime of this object.
 class ScopedHost {
@@ -131,9 +121,7 @@ class ScopedHost {
   ScopedHost& operator=(const ScopedHost&) = delete;
 };
 
-// The table and virtual-disk drivers of the program, for disk sets built by
-// tests.
-DiskDrivers TestDrivers();
+DiskDrivers TestDrivers();  // the program's table and virtual-disk drivers
 
 // Runs the handler of Options().command on `disks` the way the dispatcher
 // does after its selector checks and the question.
@@ -141,10 +129,8 @@ void RunHandler(DiskSet& disks);
 
 // An MBR partition entry: boot indicator, type, first sector and count.
 struct MbrEntry {
-  uint8_t boot = 0;
-  uint8_t type = 0;
-  uint32_t start = 0;
-  uint32_t count = 0;
+  uint8_t boot = 0, type = 0;
+  uint32_t start = 0, count = 0;
 };
 // Stores `e` as the 16-byte entry at `offset` of `sector`; its CHS bytes are
 // the pattern 1 2 3 and 5 6 7, so that a rebuilt entry shows.
@@ -164,8 +150,7 @@ class FakeDiskTest : public ::testing::Test {
   // Drive 0 of `sectors` zero sectors and a disk set made before it, so that
   // nothing is loaded; its device is open on the drive.
   void OpenUnloaded(uint64_t sectors);
-  // The 16 bytes of slot `slot` of drive 0's sector 0.
-  std::vector<uint8_t> Slot(int slot);
+  std::vector<uint8_t> Slot(int slot);  // the 16 bytes of an entry of drive 0
   // Everything of drive 0 but the four entries of sector 0 is as it was.
   void ExpectOnlyTableChanged();
 
@@ -175,8 +160,6 @@ class FakeDiskTest : public ::testing::Test {
   std::unique_ptr<DiskSet> disks;
   std::vector<uint8_t> before;
 };
-
-// ---- GPT disks --------------------------------------------------------------
 
 // A bit-by-bit CRC32 of its own, so that the tests do not check the
 // program's CRC against itself.
@@ -191,9 +174,7 @@ const char* const kUnknownType = "75894C1E-3AEB-11D3-B7C1-7B03A0000000";  // HP-
 
 struct GptTestEntry {
   std::string type;  // empty: an unused slot
-  uint64_t first = 0;
-  uint64_t last = 0;
-  uint64_t attributes = 0;
+  uint64_t first = 0, last = 0, attributes = 0;
 };
 struct GptLayout {
   int32_t entryCount = 128;

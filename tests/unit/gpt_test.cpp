@@ -161,37 +161,6 @@ const std::vector<GptTestEntry> kFourEntries = {
 };
 const GptLayout kNoBackup{128, 2, false};
 
-TEST_F(GptTableTest, ListsKnownEntriesInArrayOrder) {
-  test::WriteGptDisk(*drive, {{test::kEfiType, 2048, 4095, gpt::kAttrRequired},
-                              {test::kUnknownType, 4096, 6143, 0},
-                              {"", 0, 0, 0},
-                              {test::kBasicDataType, 6144, 8191, gpt::kAttrReadOnly | gpt::kAttrHidden}});
-  std::memcpy(drive->Sector(6144) + 3, "NTFS", 4);
-  std::memcpy(drive->Sector(2048) + 1032, "HFSJ", 4);
-  GptTable& table = LoadGpt();
-
-  EXPECT_EQ(std::make_tuple(table.firstError, table.headerValid, table.backupValid), std::make_tuple(kSuccess, true, true));
-  ASSERT_EQ(table.EntryCount(), 2);
-  EXPECT_EQ(PartitionCount(*disks, kKindAll), 2);
-  EXPECT_EQ(table.Entry(3), nullptr);
-
-  const PartitionRecord& efi = *table.Entry(1);
-  EXPECT_EQ(std::make_tuple(efi.startLba, efi.sectorCount, efi.sizeBytes, efi.gptEntryIndex, efi.primaryNumber),
-            std::make_tuple(uint64_t{2048}, uint64_t{2048}, uint64_t{1048576}, 0, 1));
-  EXPECT_EQ(efi.gptTypeName, "EFI System Partition");
-  EXPECT_EQ(efi.type, 4);  // HFS-J, as the file-system kind
-  EXPECT_EQ(table.Details(1)->typeNumber, 2);
-  EXPECT_EQ(table.Entry(2)->gptEntryIndex, 3);  // the unknown and the unused slot are skipped
-  EXPECT_EQ(table.Entry(2)->type, 3);
-  // File system and attributes of each entry.
-  for (auto [n, fs, required, readOnly, hidden] :
-       {std::tuple{1, "HFS-J", true, false, false}, std::tuple{2, "NTFS", false, true, true}}) {
-    const GptEntryDetails& d = *table.Details(n);
-    EXPECT_EQ(d.fileSystemName, fs);
-    EXPECT_EQ(std::make_tuple(d.required, d.readOnly, d.attributeHidden), std::make_tuple(required, readOnly, hidden));
-  }
-}
-
 TEST_F(GptTableTest, HostileHeadersAreInvalidAndAllocateNothing) {
   const std::tuple<const char*, size_t, uint64_t, bool> cases[] = {
       {"count -1", gpt::kEntryCount, 0xFFFFFFFF, false},

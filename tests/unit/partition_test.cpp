@@ -272,28 +272,5 @@ TEST_F(PartitionTableTest, SortMovesLogicalsAheadOfALaterPrimary) {
   for (size_t i = 0; i < 4; ++i) EXPECT_EQ(t.records[i]->startLba, expected[i]) << i;
 }
 
-// A superfloppy's one partition comes from the drive layout query, or from
-// the old query when the new one fails; a style other than MBR gives zeros.
-TEST_F(PartitionTableTest, SuperfloppyTakesItsPartitionFromTheDriveLayout) {
-  disks->superFloppy = 1;
-  drive->layoutExOk = true;
-  drive->layoutEx = {0, 0x3D, 32256, 1048576, true};
-  PartitionTable& t = LoadTable();
-  ASSERT_EQ(t.Count(kKindAll), 1);
-  const PartitionRecord& r = *t.records[0];
-  EXPECT_EQ(std::make_tuple(r.type, r.typeName, r.hidden, r.startLba, r.sectorCount, r.sizeBytes),
-            std::make_tuple(0x3Du, std::string("Netware"), 1, uint64_t{63}, uint64_t{2048}, uint64_t{1048576}));
-  EXPECT_EQ(std::make_tuple(r.primaryNumber, r.isPrimary, r.active), std::make_tuple(1, 1, 0));
-  drive->layoutEx = {1, 0x07, 512, 512, true};
-  EXPECT_EQ(std::make_tuple(LoadTable().records[0]->type, table->records[0]->startLba, table->records[0]->typeName),
-            std::make_tuple(0u, uint64_t{0}, std::string("UNKNWN")));
-  drive->layoutExOk = false;
-  drive->layoutOk = true;
-  drive->layout = {0, 0x07, 512, 4096, true};
-  EXPECT_EQ(LoadTable().records.at(0)->typeName, "NTFS");
-  drive->layoutOk = false;
-  EXPECT_EQ(LoadTable().Count(kKindAll), 0);
-}
-
 }  // namespace
 }  // namespace dh

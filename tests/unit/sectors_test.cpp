@@ -118,20 +118,6 @@ TEST_F(BackupHeaderDiskTest, GptEntriesBeyondTheFourthHaveNoSlotButMayBeTheSourc
   EXPECT_EQ(0, std::memcmp(out + 510, "DD", 2));
 }
 
-TEST_F(BackupHeaderDiskTest, MbrSourceIsThePartitionStartingAtTheFirstSector) {
-  MakeMbrDisk({{}, {0, 0x07, 2048, 2048}, {0, 0x0B, 4096, 2048}});
-  Load();
-  ASSERT_EQ(2, PartitionCount(*disks, kKindPrimary));
-
-  uint8_t out[512];
-  FillBackupHeader(*disks, out, kBackupVbr, 4096, 3);
-  EXPECT_TRUE(DecodeBackupHeader(out).mbrDisk);
-  EXPECT_EQ(2, LoadLe16(out + 53));
-  EXPECT_EQ(Bytes({2, 2, 0x0B}), Bytes(out + 214, out + 217));  // the second partition sits in slot 2
-  FillBackupHeader(*disks, out, kBackupMbr, 0, 1);
-  EXPECT_EQ(Bytes(3, 0), Bytes(out + 214, out + 217));
-}
-
 TEST_F(BackupHeaderDiskTest, ReadersTakeOnlyAWholeSectorBeginningWithDD) {
   Bytes header(512, 0);
   header[0] = header[1] = 'D';
