@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "app/command_table.h"
@@ -73,15 +74,11 @@ TEST(BackupHeaderLayout, FieldsLandAtTheirOffsetsAndReadBack) {
   EXPECT_EQ(expected, Bytes(out, out + 512));
 
   const BackupHeader back = DecodeBackupHeader(out);
-  EXPECT_EQ(3, back.version);
-  EXPECT_EQ(512, back.sectorSize);
-  EXPECT_EQ(kBackupRange, back.kind);
-  EXPECT_EQ(h.diskSectors, back.diskSectors);
-  EXPECT_EQ("A model name of more than thir", back.diskModel);
-  EXPECT_EQ("ACOMPUTERNAMEO", back.computerName);
-  EXPECT_EQ(h.firstSector, back.firstSector);
+  EXPECT_EQ(std::make_tuple(int{back.version}, int{back.sectorSize}, int{back.kind}, back.diskSectors, back.firstSector,
+                            int{back.sourcePartition}),
+            std::make_tuple(3, 512, int{kBackupRange}, h.diskSectors, h.firstSector, 2));
+  EXPECT_EQ(back.diskModel + "|" + back.computerName, "A model name of more than thir|ACOMPUTERNAMEO");
   EXPECT_EQ((std::array<std::string, 4>{"DATA", "C", "", "BOOT"}), back.labels);
-  EXPECT_EQ(2, back.sourcePartition);
 }
 
 TEST(BackupHeaderLayout, UnterminatedTextsOfAForeignHeaderStayInTheirFields) {

@@ -11,6 +11,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <tuple>
 
 #include "app/grammar.h"
 #include "app/messages.h"
@@ -123,11 +124,7 @@ TEST(FormatSizeCompact, Values) {
   for (const auto& [bytes, text] : cases) EXPECT_EQ(FormatSizeCompact(bytes), text) << bytes;
 }
 
-class FormatSizeTextTest : public ::testing::Test {
- protected:
-  test::FakeMachine machine;
-  test::ScopedHost host{&machine};
-};
+using FormatSizeTextTest = test::FakeDiskTest;
 
 TEST_F(FormatSizeTextTest, ValuesInEnglishLocale) {
   const std::pair<int64_t, const char*> cases[] = {
@@ -165,43 +162,20 @@ const NumberFormat kUs{};
 const NumberFormat kGerman{.decimalSep = ",", .thousandSep = "."};
 
 TEST(NumberFormat, Formats) {
-  struct Case {
-    const char* in;
-    NumberFormat f;
-    const char* out;
-  };
-  const Case cases[] = {
-      // "%Lf" texts with six decimals, as the size reports hand them over.
-      {"0.000000", kUs, "0.00"},
-      {"1022.000000", kUs, "1,022.00"},
-      {"465.761459", kUs, "465.76"},
-      {"1022.000000", kGerman, "1.022,00"},
-      // Half away from zero, with carry into new groups.
-      {"1.005", kUs, "1.01"},
-      {"-1.005", kUs, "-1.01"},
-      {"999.995", kUs, "1,000.00"},
-      {"99999.999", kUs, "100,000.00"},
-      {"0.5", {.numDigits = 0}, "1"},
-      {"9.5", {.numDigits = 0}, "10"},
-      {"1.5", {.numDigits = 9}, "1.500000000"},  // padded, not rounded
-      // Zeros and leading zeros; no sign on a value that rounds to zero.
-      {"0001234", kUs, "1,234.00"},
-      {"-0.004", kUs, "0.00"},
-      {"0.5", {.leadingZero = 0}, ".50"},
-      {"-0.5", {.leadingZero = 0}, "-.50"},
-      {"0.2", {.numDigits = 0, .leadingZero = 0}, "0"},
-      // Grouping.
-      {"1234567", kUs, "1,234,567.00"},
-      {"1234567", {.grouping = 0}, "1234567.00"},
-      {"1234567", {.grouping = 32}, "12,34,567.00"},
-      {"1234567890", {.grouping = 32}, "1,23,45,67,890.00"},
-      {"123456789", {.grouping = 4, .thousandSep = "'"}, "1'2345'6789.00"},
-      {"1234", {.thousandSep = "\xA0"}, "1\xA0" "234.00"},
-  };
-  for (const Case& c : cases) {
-    std::string out = "untouched";
-    EXPECT_TRUE(FormatNumberLikeWindows(c.in, c.f, &out)) << c.in;
-    EXPECT_EQ(out, c.out) << c.in;
+  // "%Lf" texts as the size reports hand them over; half away from zero,
+  // with carry into new groups; padded, not rounded; leading zeros; no sign
+  // on a value that rounds to zero; groups.
+  const std::tuple<const char*, NumberFormat, const char*> cases[] = {
+      {"1022.000000", kUs, "1,022.00"},   {"1022.000000", kGerman, "1.022,00"}, {"465.761459", kUs, "465.76"},
+      {"-1.005", kUs, "-1.01"},           {"99999.999", kUs, "100,000.00"},      {"9.5", {.numDigits = 0}, "10"},
+      {"1.5", {.numDigits = 9}, "1.500000000"}, {"0001234", kUs, "1,234.00"},   {"-0.004", kUs, "0.00"},
+      {"-0.5", {.leadingZero = 0}, "-.50"}, {"0.2", {.numDigits = 0, .leadingZero = 0}, "0"},
+      {"1234567", {.grouping = 0}, "1234567.00"}, {"1234567890", {.grouping = 32}, "1,23,45,67,890.00"},
+      {"123456789", {.grouping = 4, .thousandSep = "'"}, "1'2345'6789.00"}};
+  for (const auto& [in, format, text] : cases) {
+    std::string out;
+    EXPECT_TRUE(FormatNumberLikeWindows(in, format, &out)) << in;
+    EXPECT_EQ(out, text) << in;
   }
 }
 
