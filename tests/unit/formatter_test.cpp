@@ -16,44 +16,18 @@
 namespace dh {
 namespace {
 
-using test::FakeDrive;
-
-void PutEntry(FakeDrive& d, uint64_t lba, int slot, uint8_t type, uint32_t start, uint32_t count) {
-  uint8_t* e = d.Sector(lba) + 446 + 16 * slot;
-  e[4] = type;
-  for (int i = 0; i < 4; ++i) {
-    e[8 + i] = static_cast<uint8_t>(start >> (8 * i));
-    e[12 + i] = static_cast<uint8_t>(count >> (8 * i));
-  }
-}
-
-class FormatterTest : public ::testing::Test {
+// Drive 0: a pattern, NTFS at 2048 and FAT32 at 4096.
+class FormatterTest : public test::FakeDiskTest {
  protected:
-  FormatterTest() : host_(&machine_) {
-    drive_ = &machine_.AddDrive(0, 8192);
-    for (size_t i = 0; i < drive_->bytes.size(); ++i) drive_->bytes[i] = static_cast<uint8_t>(i * 7 + 1);
-    std::fill(drive_->Sector(0) + 446, drive_->Sector(0) + 510, 0);
-    PutEntry(*drive_, 0, 0, 0x07, 2048, 2048);
-    PutEntry(*drive_, 0, 1, 0x0C, 4096, 1024);
-    drive_->SetBootSignature();
+  void SetUp() override {
+    MakeMbrDisk({{0, 0x07, 2048, 2048}, {0, 0x0C, 4096, 1024}});
+    for (size_t i = 512; i < drive->bytes.size(); ++i) drive->bytes[i] = static_cast<uint8_t>(i * 7 + 1);
   }
-
-  DiskSet& Disks() {
-    if (!disks_) disks_ = std::make_unique<DiskSet>(test::TestDrivers(), false);
-    return *disks_;
-  }
-  const PartitionRecord& Primary(int n) { return *GetPartition(Disks(), n, kKindPrimary); }
-
-  platform::FormatCallbackData Percent(uint32_t p) {
+  static platform::FormatCallbackData Percent(uint32_t p) {
     platform::FormatCallbackData d;
     d.percent = p;
     return d;
   }
-
-  test::FakeMachine machine_;
-  test::ScopedHost host_;
-  FakeDrive* drive_ = nullptr;
-  std::unique_ptr<DiskSet> disks_;
 };
 
 TEST_F(FormatterTest, CallbackCommands) {
@@ -114,14 +88,13 @@ TEST_F(FormatterTest, WhereAPartitionMayBeWritten) {
       {"empty", 6144, 0, 0},
       {"an extended area over its logicals", 6144, 2048, 0, 0x05},
   };
-  PutEntry(*drive_, 6144, 0, 0x07, 63, 1000);
-  drive_->SetBootSignature(6144);
+  test::PutMbrEntry(drive->Sector(6144), 446, {0, 0x07, 63, 1000});
+  drive->SetBootSignature(6144);
   for (const Case& c : cases) {
-    PutEntry(*drive_, 0, 2, c.type, c.start, c.count);
-    disks_.reset();
-    const PartitionRecord* record = GetPartition(Disks(), 3, kKindPrimary);
+    test::PutMbrEntry(drive->Sector(0), 446 + 32, {0, c.type, c.start, c.count});
+    const PartitionRecord* record = GetPartition(Load(), 3, kKindPrimary);
     ASSERT_NE(record, nullptr) << c.what;
-    const platform::FormatPlace place = FormatPlaceOf(Disks(), *record);
+    const platform::FormatPlace place = FormatPlaceOf(*disks, *record);
     EXPECT_EQ(place.sectorCount, c.placed) << c.what;
     EXPECT_EQ(place.startLba, c.start) << c.what;
   }

@@ -7,6 +7,7 @@
 
 #include <climits>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "app/run_state.h"
@@ -41,22 +42,12 @@ class GrammarTest : public ::testing::Test {
     Parse({arg});
   }
 
-  void ExpectAccepted(const std::string& arg) {
-    EXPECT_EQ(State().resultCode, kSuccess) << arg;
-    EXPECT_FALSE(State().usageError) << arg;
-  }
+  void ExpectAccepted(const std::string& arg) { EXPECT_TRUE(State().resultCode == kSuccess && !State().usageError) << arg; }
 
-  void ExpectInvalidSwitch(const std::string& arg) {
-    ParseOnly(arg);
-    EXPECT_TRUE(State().usageError) << arg;
-    EXPECT_EQ(State().resultCode, kInvalidSwitch) << arg;
-    EXPECT_EQ(State().badArgument, arg) << arg;
-  }
-
-  void ExpectInvalidParameter(const std::string& arg) {
-    EXPECT_EQ(State().resultCode, kInvalidParameter) << arg;
-    EXPECT_EQ(State().badArgument, arg) << arg;
-    EXPECT_FALSE(State().usageError) << arg;
+  // The code and argument a refused argument leaves; a bad switch is a usage error.
+  void ExpectRefused(const std::string& arg, ResultCode code) {
+    EXPECT_EQ(std::make_tuple(State().resultCode, State().badArgument, State().usageError),
+              std::make_tuple(code, arg, code == kInvalidSwitch));
   }
 };
 
@@ -106,25 +97,23 @@ TEST_F(GrammarTest, SingleArgumentsSetTheirFields) {
   EXPECT_EQ(Options().valueText2, "C:\\a b.bin");
 }
 
-TEST_F(GrammarTest, RefusedArgumentsAreInvalidSwitches) {
+TEST_F(GrammarTest, RefusedArgumentsAndTheFirstCode) {
   // Abbreviations longer than the keyword, values on flags, bare
   // abbreviations or bare value keywords with a value, and empty values.
   for (const char* arg : {"/lis=1", "/lists", "l", "disk=1", "/disk:1", "/", "-", "", "/?*", "save=mbr", "x",
                           "/part=123", "/part=", "/part=bootx", "part=", "/vol=", "/option=vbr", "/sector=x1",
                           "/sector=-1", "/save", "/save=", "/savex", "/msg=", "/shutdown", "/create=", "/createX",
                           "create", "/repair="}) {
-    ExpectInvalidSwitch(arg);
+    ParseOnly(arg);
+    ExpectRefused(arg, kInvalidSwitch);
     EXPECT_EQ(Options().command, kCmdNone) << arg;
   }
-}
-
-TEST_F(GrammarTest, InvalidParametersAndTheFirstCode) {
   ParseOnly("/type=xyz");  // no hexadecimal digit: no type byte
   EXPECT_EQ(Options().typeValue, -2);
-  ExpectInvalidParameter("/type=xyz");
+  ExpectRefused("/type=xyz", kInvalidParameter);
   ParseOnly("/wipe=foo");
   EXPECT_EQ(Options().command, kCmdWipe);
-  ExpectInvalidParameter("/wipe=foo");
+  ExpectRefused("/wipe=foo", kInvalidParameter);
   // The first code stays, and with it the argument its message names.
   ResetRun();
   Parse({"/wipe=vbr", "/status=x", "/bogus"});
@@ -204,7 +193,8 @@ TEST_F(GrammarTest, HugeArgumentsAreCutOrSaturatedNeverOverflowed) {
 
   const std::string name = "/" + std::string(4999, 'n');
   const std::string longValue = "/Filename=" + std::string(4990, 'v');
-  ExpectInvalidSwitch(name);
+  ParseOnly(name);
+  ExpectRefused(name, kInvalidSwitch);
   ParseOnly(longValue);
   EXPECT_EQ(Options().valueText2.size(), kValueTextSize - 1);
 
