@@ -80,7 +80,9 @@ class FakeFile : public platform::File {
     return GetDriveGeometry(geometry) && Size(diskSize);
   }
   bool GetPartitionInfo(uint64_t*, uint64_t*) override { return Fail(kErrorNotSupported); }
-  bool GetDriveLayoutEx(platform::LayoutEntry* first) override { return Answer(drive_->layoutExOk, first, drive_->layoutEx); }
+  bool GetDriveLayoutEx(platform::LayoutEntry* first) override {
+    return Answer(drive_->layoutExOk, first, drive_->layoutEx);
+  }
   bool GetDriveLayout(platform::LayoutEntry* first) override { return Answer(drive_->layoutOk, first, drive_->layout); }
   bool UpdateProperties() override {
     return drive_->isDevice ? ++drive_->updatePropertiesCalls > 0 : Fail(kErrorNotSupported);

@@ -68,7 +68,8 @@ TEST_F(GptHeaderCheck, AcceptsStandardHeadersAndRefusesHostileNumbers) {
   EXPECT_EQ(Check(), kGptInvalid);
   header[0] = 'E';
   // An empty table and the largest one are headers; nothing beyond that is.
-  for (auto [count, result] : {std::pair{0u, kSuccess}, {16384u, kSuccess}, {16385u, kGptInvalid}, {0x80000000u, kGptInvalid}}) {
+  for (auto [count, result] :
+       {std::pair{0u, kSuccess}, {16384u, kSuccess}, {16385u, kGptInvalid}, {0x80000000u, kGptInvalid}}) {
     StoreLe32(header + gpt::kEntryCount, count);
     EXPECT_EQ(Check(), result) << count;
   }

@@ -42,7 +42,9 @@ class GrammarTest : public ::testing::Test {
     Parse({arg});
   }
 
-  void ExpectAccepted(const std::string& arg) { EXPECT_TRUE(State().resultCode == kSuccess && !State().usageError) << arg; }
+  void ExpectAccepted(const std::string& arg) {
+    EXPECT_TRUE(State().resultCode == kSuccess && !State().usageError) << arg;
+  }
 
   // The code and argument a refused argument leaves; a bad switch is a usage error.
   void ExpectRefused(const std::string& arg, ResultCode code) {

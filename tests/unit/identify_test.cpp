@@ -74,7 +74,8 @@ TEST_F(IdentifyTest, BusDescriptionAndDriveLetter) {
     std::vector<uint8_t> record;
     bool found;
   } cases[] = {
-      {"IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0", "", "", "IDE", "IDE", "", SignatureRecord(0x12345678, 2048 * 512), true},
+      {"IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0", "", "", "IDE", "IDE", "", SignatureRecord(0x12345678, 2048 * 512),
+       true},
       {"USBSTOR\\Disk&Ven_SanDisk\\1", "SanDisk Cruzer USB Device", "", "USB", "SanDisk Cruzer", "",
        Utf16("\\??\\USBSTOR#Disk&Ven_SanDisk#1#{53f56307-b6bf-11d0-94f2-00a0c91efb8b}"), true},
       {"USBSTOR\\Disk&Ven_Generic\\2", "", "", "USB", "USB", "7&2a3b&0",
@@ -83,9 +84,10 @@ TEST_F(IdentifyTest, BusDescriptionAndDriveLetter) {
        Utf16("\\??\\STORAGE#RemovableMedia#7&2a3b&0&RM#{53f5630d}"), false},
       {"SCSI", "", "", "SCSI", "SCSI", "", SignatureRecord(0x0BADF00D, 2048 * 512), false},  // another disk
       {"scsi\\Disk\\4", "A SCSI Disk Device B SCSI Disk Device", "", "scsi", "A SCSI Disk Device B", "",
-       SignatureRecord(0x12345678, 63 * 512), false},  // another partition
+       SignatureRecord(0x12345678, 63 * 512), false},                                          // another partition
       {"IDE\\Disk\\5", "", "Disk drive", "IDE", "Disk drive", "", {0x78, 0x56, 0x34}, false},  // short record
-      {"SD\\Disk\\6", "Card  Reader  Two  USB Device", "", "SD", "Card Reader  Two  USB Device", "", Utf16("\\?"), false},
+      {"SD\\Disk\\6", "Card  Reader  Two  USB Device", "", "SD", "Card Reader  Two  USB Device", "", Utf16("\\?"),
+       false},
       {"PCI\\Disk\\7", std::string("Model\0junk", 10), "", "PCI", "Model", "", {'\\', 0, '?', 0, '?'}, false},
       {"PCI\\Disk\\8", std::string(5000, 'x'), "", "PCI", std::string(kRegistryTextSize - 1, 'x'), "",
        SignatureRecord(0x12345678, (1ull << 32) + 2048 * 512), false},  // offsets compared in full

@@ -29,7 +29,8 @@ TEST(LinuxDrives, WholeDisksTheirOrderAndDrivePaths) {
   for (const char* disk : {"sda", "sdaa", "vdb", "xvda", "nvme12n3", "mmcblk0", "loop7"}) {
     EXPECT_NE(FamilyOfBlockName(disk), DiskFamily::NotADisk) << disk;
   }
-  for (const char* part : {"sda1", "nvme0n1p1", "nvme0c0n1", "mmcblk0p1", "mmcblk0boot0", "loop0p1", "sr0", "dm-0", ""}) {
+  for (const char* part :
+       {"sda1", "nvme0n1p1", "nvme0c0n1", "mmcblk0p1", "mmcblk0boot0", "loop0p1", "sr0", "dm-0", ""}) {
     EXPECT_EQ(FamilyOfBlockName(part), DiskFamily::NotADisk) << part;
   }
   // Families first, then the kernel's natural order; loops only with a file behind them.
@@ -48,11 +49,13 @@ TEST(LinuxDrives, WholeDisksTheirOrderAndDrivePaths) {
     EXPECT_TRUE(ParsePhysicalDrivePath(bad, &drive)) << bad;
     EXPECT_FALSE(drive.valid) << bad;
   }
-  for (const char* file : {"disk.img", "/dev/sda", "\\\\?\\PhysicalDrive0"}) EXPECT_FALSE(ParsePhysicalDrivePath(file, &drive));
+  for (const char* file : {"disk.img", "/dev/sda", "\\\\?\\PhysicalDrive0"})
+    EXPECT_FALSE(ParsePhysicalDrivePath(file, &drive));
 }
 
 TEST(LinuxDrives, DriveNumbersFollowTheSortedDisksOfSysfs) {
-  const fs::path root = fs::temp_directory_path() / ("dh_linux_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
+  const fs::path root =
+      fs::temp_directory_path() / ("dh_linux_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
   fs::remove_all(root);
   auto write = [](const fs::path& path, const std::string& text) {
     fs::create_directories(path.parent_path());

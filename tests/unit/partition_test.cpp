@@ -200,7 +200,8 @@ TEST_F(PartitionTableTest, ChainsEndWhereTheyLoopOrCannotBeRead) {
     for (const Ebr& e : c.ebrs) {
       test::PutMbrEntry(drive->Sector(e.lba), mbr::kEntryOffset, {0, e.type, e.type ? 63u : 0u, e.type ? 100u : 0u});
       if (e.link >= 0) {
-        test::PutMbrEntry(drive->Sector(e.lba), mbr::kEbrLinkOffset, {0, e.linkType, static_cast<uint32_t>(e.link), 64});
+        test::PutMbrEntry(drive->Sector(e.lba), mbr::kEbrLinkOffset,
+                          {0, e.linkType, static_cast<uint32_t>(e.link), 64});
       }
     }
     drive->badSectors = c.bad;
@@ -242,7 +243,8 @@ TEST_F(PartitionTableTest, SortByStartIsAPlainSelectionSort) {
   PutSlot(2, 0x0B, 3, 1);
   PartitionTable& t = LoadTable();
   t.SortByStart();
-  EXPECT_EQ(std::make_tuple(t.sorted, t.records[0]->slot, t.records[1]->slot, t.records[2]->slot), std::make_tuple(0, 2, 1, 0));
+  EXPECT_EQ(std::make_tuple(t.sorted, t.records[0]->slot, t.records[1]->slot, t.records[2]->slot),
+            std::make_tuple(0, 2, 1, 0));
   EXPECT_EQ(t.records[0]->primaryNumber, 3);  // numbers travel with records
   t.SortByStart();
   EXPECT_EQ(t.sorted, 1);

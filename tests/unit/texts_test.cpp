@@ -45,7 +45,8 @@ TEST(Messages, FinalReportLines) {
   const std::pair<std::function<std::string()>, std::string> cases[] = {
       {[] { Options().valueText = "C:\\100%s%d%n.ini"; return Success(kCmdWriteIni); },
        " MBR information was successfully written to C:\\100%s%d%n.ini \n"},
-      {[] { Options().valueText = "2"; return Success(kCmdBootMenu); }, " \n Partition 2 successfully set to active \n"},
+      {[] { Options().valueText = "2"; return Success(kCmdBootMenu); },
+       " \n Partition 2 successfully set to active \n"},
       {[] { return Success(kCmdFlashMbr); }, ""},
       {[] { Options().areaKind = kAreaMbr; Options().valueText2 = "mbr%s.bin"; return Success(kCmdSave); },
        " The MBR was successfully saved to mbr%s.bin\n"},
@@ -148,7 +149,9 @@ TEST(FormatGroupedCount, ValuesAndWidths) {
       // Too narrow: the rightmost positions are kept; widths are clamped.
       {4294967295u, 5, ",295"}, {123, 1, ""}, {123, -7, ""}, {123, 24, std::string(20, ' ') + "123"},
       {123, 1000, std::string(21, ' ') + "123"}};
-  for (const auto& [value, width, text] : cases) EXPECT_EQ(FormatGroupedCount(value, width), text) << value << "," << width;
+  for (const auto& [value, width, text] : cases) {
+    EXPECT_EQ(FormatGroupedCount(value, width), text) << value << " " << width;
+  }
 }
 
 }  // namespace

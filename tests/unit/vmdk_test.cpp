@@ -128,14 +128,18 @@ TEST(VmdkKeys, NumbersAndQuotedValuesFollowTheBlockRules) {
 
 TEST(VmdkKeys, TypesAndAdapters) {
   const std::tuple<const char*, int32_t, const char*> types[] = {
-      {"monolithicFlat", 1, "VMware Pre-allocated Flat Disk File"}, {"twoGbMaxExtentFlat", 2, "VMware Pre-allocated 2GB Flat Disk File"},
-      {"monolithicSparse", 3, "VMware Standard Disk File"}, {"twoGbMaxExtentSparse", 4, "VMware 2GB Standard Disk File"},
-      {"monolithic", 1, "VMware Pre-allocated Flat Disk File"}, {"streamOptimized", 0, "Unknown Virtual Disk File"}};
+      {"monolithicFlat", 1, "VMware Pre-allocated Flat Disk File"},
+      {"twoGbMaxExtentFlat", 2, "VMware Pre-allocated 2GB Flat Disk File"},
+      {"monolithicSparse", 3, "VMware Standard Disk File"},
+      {"twoGbMaxExtentSparse", 4, "VMware 2GB Standard Disk File"},
+      {"monolithic", 1, "VMware Pre-allocated Flat Disk File"},
+      {"streamOptimized", 0, "Unknown Virtual Disk File"}};
   for (const auto& [createType, type, description] : types) {
     EXPECT_EQ(DiskTypeOf(createType), type) << createType;
     EXPECT_STREQ(DescriptionOfType(type), description) << createType;
   }
-  for (const auto& [adapter, text] : {std::pair{"lsilogic", "SCSI"}, {"buslogic", "SCSI"}, {"ide", "IDE"}, {"pvscsi", "UNKNOWN"}}) {
+  for (const auto& [adapter, text] :
+       {std::pair{"lsilogic", "SCSI"}, {"buslogic", "SCSI"}, {"ide", "IDE"}, {"pvscsi", "UNKNOWN"}}) {
     EXPECT_STREQ(AdapterTextOf(adapter), text) << adapter;
   }
 }
@@ -299,8 +303,9 @@ TEST_F(VmdkTest, ExtentsOfEveryKindMapInOrderAndOnlyReadWriteOnesTakeWrites) {
   s.capacity = 256;
   File("s.vmdk", s.Build(""));
   File("f.vmdk", Bytes(300 * 512, 0x11));
-  Text("d.vmdk", Descriptor("twoGbMaxExtentSparse",
-                            "RW 100 FLAT \"f.vmdk\" 200\nRW 256 SPARSE \"s.vmdk\"\nRW 50 ZERO\nRDONLY 10 FLAT \"f.vmdk\" 0\n"));
+  Text("d.vmdk",
+       Descriptor("twoGbMaxExtentSparse",
+                  "RW 100 FLAT \"f.vmdk\" 200\nRW 256 SPARSE \"s.vmdk\"\nRW 50 ZERO\nRDONLY 10 FLAT \"f.vmdk\" 0\n"));
   auto disk = Open("d.vmdk");
   ASSERT_EQ(disk->errorCode, kSuccess);
   EXPECT_EQ(disk->dataStartSector, s.overhead);  // from the first data file's header

@@ -29,7 +29,8 @@ void PutText(uint8_t* p, const char* text) { std::memcpy(p, text, std::strlen(te
 TEST(VolumeBootRecord, DetectionBitLockerAndIdText) {
   const std::tuple<size_t, std::string, FileSystemKind, const char*> cases[] = {
       {3, "NTFS", kFsNtfs, "NTFS"},          {54, "FAT16", kFsFat16, "FAT16"},   {82, "FAT32", kFsFat32, "FAT32"},
-      {1032, "HFSJ", kFsHfsJournaled, "HFS-J"}, {1032, "10.0", kFsHfsExtended, "HFSEX"}, {3, "EXFAT   ", kFsExfat, "exFAT"},
+      {1032, "HFSJ", kFsHfsJournaled, "HFS-J"}, {1032, "10.0", kFsHfsExtended, "HFSEX"},
+      {3, "EXFAT   ", kFsExfat, "exFAT"},
       {54, "FAT12   ", kFsNone, "keep"},                    // FAT12 is not listed as a file system
       {3, std::string("EXFAT\0\0\0", 8), kFsNone, "keep"},  // no blanks after the name
   };
@@ -183,7 +184,9 @@ class VolumeTest : public test::FakeDiskTest {
   }
   // The FAT entry of a cluster, and entry `index` of a cluster, of that volume.
   void PutExfatNext(uint32_t cluster, uint32_t next) { StoreLe32(At((kVolumeLba + 8) * 512 + 4 * cluster), next); }
-  uint8_t* ExfatEntry(uint32_t cluster, size_t index) { return At((kVolumeLba + 16 + (cluster - 2) * 2) * 512 + 32 * index); }
+  uint8_t* ExfatEntry(uint32_t cluster, size_t index) {
+    return At((kVolumeLba + 16 + (cluster - 2) * 2) * 512 + 32 * index);
+  }
   void PutExfatLabel(uint32_t cluster, size_t index, const std::u16string& text, uint8_t length) {
     uint8_t* e = ExfatEntry(cluster, index);
     e[0] = vbr::kExfatVolumeLabel;
@@ -218,13 +221,29 @@ TEST_F(VolumeTest, FatLabels) {
                 {"a label replaced earlier", label("\xE5OLDNAME   "), "LATER"},
                 {"a zero byte ends the name", label("AB\0CD      "), "AB"},
                 {"0x05 stands for 0xE5", label("\x05" "BC\x05      "), "\xE5" "BC\x05"},
-                {"the last slot of the cluster", [&] { PutDirEntry(root, 3, "           ", 0); PutDirEntry(root, 15, "LAST       ", 8); }, "LAST"},
-                {"the next cluster is not read", [&] { PutDirEntry(root, 3, "           ", 0); PutDirEntry(root, 16, "NEXT       ", 8); }, ""},
-                {"root at cluster 5", [&] { StoreLe32(boot + vbr::kFat32RootCluster, 5); PutDirEntry(root + 3, 0, "MOVED      ", 8); }, "MOVED"},
-                {"4,096-byte sectors", [&] { StoreLe16(boot + vbr::kFatBytesPerSector, 4096); PutDirEntry(kVolumeLba + 48 * 8, 100, "BIGSECTOR  ", 8); }, "BIGSECTOR"},
+                // The walk covers the whole first cluster and nothing after it.
+                {"the last slot of the cluster", [&] {
+                   PutDirEntry(root, 3, "           ", 0);
+                   PutDirEntry(root, 15, "LAST       ", 8);
+                 }, "LAST"},
+                {"the next cluster", [&] {
+                   PutDirEntry(root, 3, "           ", 0);
+                   PutDirEntry(root, 16, "NEXT       ", 8);
+                 }, ""},
+                {"root at cluster 5", [&] {
+                   StoreLe32(boot + vbr::kFat32RootCluster, 5);
+                   PutDirEntry(root + 3, 0, "MOVED      ", 8);
+                 }, "MOVED"},
+                {"4,096-byte sectors", [&] {
+                   StoreLe16(boot + vbr::kFatBytesPerSector, 4096);
+                   PutDirEntry(kVolumeLba + 48 * 8, 100, "BIG        ", 8);
+                 }, "BIG"},
                 // Hostile boot sectors and unreadable sectors.
                 {"no sectors per cluster", [&] { boot[vbr::kFatSectorsPerCluster] = 0; }, ""},
-                {"root beyond the disk", [&] { boot[vbr::kFatSectorsPerCluster] = boot[vbr::kFatCount] = 255; StoreLe32(boot + vbr::kFat32SectorsPerFat, 0xFFFFFFFF); }, ""},
+                {"root beyond the disk", [&] {
+                   boot[vbr::kFatSectorsPerCluster] = boot[vbr::kFatCount] = 255;
+                   StoreLe32(boot + vbr::kFat32SectorsPerFat, 0xFFFFFFFF);
+                 }, ""},
                 {"root cluster at the top", [&] { StoreLe32(boot + vbr::kFat32RootCluster, 0xFFFFFFFF); }, ""},
                 {"volume at the top", [] {}, "", kTop},
                 {"unreadable root", [&] { drive->badSectors = {root}; }, ""},
@@ -234,7 +253,10 @@ TEST_F(VolumeTest, FatLabels) {
   // size is taken as 512.
   ExpectLabels(kFsFat16, [&] { boot = PutFatBoot(kVolumeLba, kFsFat16); },
                {{"in the first cluster", [&] { PutDirEntry(kVolumeLba + 36, 63, "SYSTEM     ", 8); }, "SYSTEM"},
-                {"zero sector size", [&] { StoreLe16(boot + vbr::kFatBytesPerSector, 0); PutDirEntry(kVolumeLba + 36, 0, "SMALL      ", 8); }, "SMALL"}});
+                {"zero sector size", [&] {
+                   StoreLe16(boot + vbr::kFatBytesPerSector, 0);
+                   PutDirEntry(kVolumeLba + 36, 0, "SMALL      ", 8);
+                 }, "SMALL"}});
   EXPECT_EQ(ReadVolumeLabel(kFsHfsJournaled, *disks, kVolumeLba), "");  // not a label kind
 }
 
@@ -285,13 +307,20 @@ TEST_F(VolumeTest, NtfsLabels) {
     return [=, this] { PutRecord(at, attributes, size); };
   };
   const Bytes info = ResidentAttr(0x10, Bytes(48, 0x11));
-  ExpectLabels(kFsNtfs, [&] { boot = PutNtfsBoot(kVolumeLba); },
-               {{"resident name", records({info, ResidentAttr(0x30, Utf16(u"$Volume")), name(u"Backup Disk"), ResidentAttr(0x70, {0, 0, 3, 1})}), "Backup Disk"},
+  // Every volume starts with the record {information, name "Fine"}; the
+  // name attribute's value length lies at byte 144 of the record.
+  ExpectLabels(kFsNtfs,
+               [&] {
+                 boot = PutNtfsBoot(kVolumeLba);
+                 PutRecord(where, {info, name(u"Fine")});
+               },
+               {{"resident name", [] {}, "Fine"},
+                {"among other attributes", records({info, ResidentAttr(0x30, Utf16(u"$Volume")), name(u"Backup Disk")}),
+                 "Backup Disk"},
                 {"non-ASCII", records({name(u"Daten \u00e4\u20ac \U0001F4BE!")}), "Daten ?? ?!"},
                 {"a zero character ends the name", records({name(std::u16string(u"AB\0CD", 5))}), "AB"},
                 {"no name attribute", records({info, ResidentAttr(0x70, {0, 0, 3, 1})}), ""},
-                {"an empty name", records({name(u"")}), ""},
-                {"0x02: two clusters, 1 KiB", [&] { StoreLe32(boot + vbr::kNtfsClustersPerRecord, 2); PutRecord(where, {name(u"Two")}); }, "Two"},
+                {"0x02: two clusters, 1 KiB", [&] { StoreLe32(boot + vbr::kNtfsClustersPerRecord, 2); }, "Fine"},
                 {"0xF4: 4 KiB records", [&] {
                    StoreLe32(boot + vbr::kNtfsClustersPerRecord, 0xF4);
                    PutRecord(VolumeRecord(4096, 4, 4096), {name(u"Big Records")}, 4096);
@@ -305,16 +334,17 @@ TEST_F(VolumeTest, NtfsLabels) {
                    PutRecord(kVolumeLba * 512 + 3 * 1024, {name(u"Zero")});
                  }, "Zero"},
                 // Hostile boot sectors and records.
-                {"0x81 sectors per cluster: 2^127", [&] { boot[vbr::kNtfsSectorsPerCluster] = 0x81; PutRecord(where, {name(u"Fine")}); }, ""},
-                {"records of 2^31 bytes", [&] { StoreLe32(boot + vbr::kNtfsClustersPerRecord, 0xE1); PutRecord(where, {name(u"Fine")}); }, ""},
-                {"MFT past 64 bits", [&] { StoreLe64(boot + vbr::kNtfsMftCluster, UINT64_MAX / 2); PutRecord(where, {name(u"Fine")}); }, ""},
-                {"MFT beyond the disk", [&] { StoreLe64(boot + vbr::kNtfsMftCluster, 1u << 20); PutRecord(where, {name(u"Fine")}); }, ""},
-                {"not NTFS after all", [&] { PutText(boot + 3, "MSWIN"); PutRecord(where, {name(u"Fine")}); }, ""},
-                {"attribute of length 0", [&] { PutRecord(where, {info, name(u"Fine")}); StoreLe32(At(where + 60), 0); }, ""},
-                {"attribute past the record", [&] { PutRecord(where, {info, name(u"Fine")}); StoreLe32(At(where + 60), 0x7FFFFFF0); }, ""},
-                {"first attribute past the record", [&] { PutRecord(where, {name(u"Fine")}); StoreLe16(At(where + vbr::kRecordFirstAttribute), 0xFFFF); }, ""},
-                {"value longer than its attribute", [&] { PutRecord(where, {name(u"Fine")}); StoreLe32(At(where + 72), 0xFFFFFFF0); }, ""},
-                {"no FILE", [&] { PutRecord(where, {name(u"Fine")}); PutText(At(where), "BAAD"); }, ""}});
+                {"0x81 sectors per cluster: 2^127", [&] { boot[vbr::kNtfsSectorsPerCluster] = 0x81; }, ""},
+                {"records of 2^31 bytes", [&] { StoreLe32(boot + vbr::kNtfsClustersPerRecord, 0xE1); }, ""},
+                {"MFT past 64 bits", [&] { StoreLe64(boot + vbr::kNtfsMftCluster, UINT64_MAX / 2); }, ""},
+                {"MFT beyond the disk", [&] { StoreLe64(boot + vbr::kNtfsMftCluster, 1u << 20); }, ""},
+                {"not NTFS after all", [&] { PutText(boot + 3, "MSWIN"); }, ""},
+                {"attribute of length 0", [&] { StoreLe32(At(where + 60), 0); }, ""},
+                {"attribute past the record", [&] { StoreLe32(At(where + 60), 0x7FFFFFF0); }, ""},
+                {"first attribute past the record",
+                 [&] { StoreLe16(At(where + vbr::kRecordFirstAttribute), 0xFFFF); }, ""},
+                {"value longer than its attribute", [&] { StoreLe32(At(where + 144), 0xFFFFFFF0); }, ""},
+                {"no FILE", [&] { PutText(At(where), "BAAD"); }, ""}});
 
   // The update sequence: the last two bytes of each 512 are stored in the
   // record's header; a sequence that does not check out leaves the record as read.
@@ -355,7 +385,8 @@ TEST_F(VolumeTest, NtfsNonResidentNames) {
                  }, std::string(127, 'x')},
                 {"allocated 0: sized by the virtual clusters", attr(runs, 0, 8, 511), "Runs"},
                 {"a sparse run reads as zeros", attr({0x01, 0x01, 0x11, 0x01, 40, 0}, 1024, 16), ""},
-                {"huge run length: the bounded buffer", attr({0x18, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 40, 0}, 1u << 31, 8), "Runs"},
+                {"huge run length: the bounded buffer",
+                 attr({0x18, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 40, 0}, 1u << 31, 8), "Runs"},
                 {"allocated 0, one virtual cluster: no character", attr(runs, 0, UINT64_MAX), ""},
                 // Hostile run lists.
                 {"a run beyond the disk", attr({0x41, 0x01, 0x00, 0x00, 0x00, 0x40, 0}, 512, 8), ""},
@@ -375,7 +406,8 @@ TEST_F(VolumeTest, ErrorBoxShowsTheLastSystemError) {
   EXPECT_EQ(ShowLastErrorBox(), 131u);
   machine.lastError = 4242;  // no system text
   EXPECT_EQ(ShowLastErrorBox(), 4242u);
-  EXPECT_EQ(machine.messageBoxes, (std::vector<std::string>{"131: An attempt was made to move the file pointer.\r\n", "4242: "}));
+  EXPECT_EQ(machine.messageBoxes,
+            (std::vector<std::string>{"131: An attempt was made to move the file pointer.\r\n", "4242: "}));
 }
 
 }  // namespace

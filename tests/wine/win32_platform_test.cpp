@@ -63,8 +63,9 @@ TEST(Win32Records, GeometryPartitionLayoutsAndFormatCallbacks) {
   DiskGeometry g;
   uint64_t size = 0;
   ASSERT_TRUE(DecodeGeometryEx(bytes.data() + 1, sizeof record, &g, &size));
-  EXPECT_EQ(std::make_tuple(g.cylinders, g.mediaType, g.tracksPerCylinder, g.sectorsPerTrack, g.bytesPerSector, size),
-            std::make_tuple(int64_t{0x123456789LL}, uint32_t{kMediaRemovable}, 255u, 63u, 4096u, uint64_t{0x12345678000ULL}));
+  EXPECT_EQ(
+      std::make_tuple(g.cylinders, g.mediaType, g.tracksPerCylinder, g.sectorsPerTrack, g.bytesPerSector, size),
+      std::make_tuple(int64_t{0x123456789LL}, uint32_t{kMediaRemovable}, 255u, 63u, 4096u, uint64_t{0x12345678000ULL}));
   ASSERT_TRUE(DecodeGeometry(bytes.data() + 1, sizeof(DISK_GEOMETRY), &g));
   EXPECT_FALSE(DecodeGeometry(bytes.data() + 1, sizeof(DISK_GEOMETRY) - 1, &g));  // fewer bytes: failed
   PARTITION_INFORMATION partition;
