@@ -169,15 +169,7 @@ TEST(PartitionCreate, ChsBytesAndAlignment) {
   EXPECT_FALSE(AlignStart(UINT64_MAX - 1, 1 << 20, &start));
 }
 
-class PartitionEditTest : public test::FakeDiskTest {
- protected:
-  void Run(int32_t command, int32_t part) {
-    ResetRun();
-    Options().command = command;
-    Options().partNumber = part;
-    test::RunHandler(*disks);
-  }
-};
+using PartitionEditTest = test::FakeDiskTest;
 
 TEST_F(PartitionEditTest, EditsWriteAndFlushOnlyWhatTheyMust) {
   MakeMbrDisk({{0x81, 0x07, 63, 1000}, {0x80, 0x1F, 2048, 100}, {0, 0x17, 4096, 100}, {0, 0x05, 5000, 100}});
@@ -204,8 +196,11 @@ TEST_F(PartitionEditTest, EditsWriteAndFlushOnlyWhatTheyMust) {
 TEST_F(PartitionEditTest, AFailedWriteIs505UnlessIgnored) {
   MakeMbrDisk({{0, 0x07, 63, 1000}}).writeProtected = true;
   for (bool ignore : {false, true}) {
+    ResetRun();
     Load(ignore);
-    Run(kCmdHide, 1);
+    Options().command = kCmdHide;
+    Options().partNumber = 1;
+    test::RunHandler(*disks);
     EXPECT_EQ(ignore ? kSuccess : kWriteFailed, State().resultCode);
     EXPECT_EQ(before, drive->bytes);
     EXPECT_EQ(0, drive->updatePropertiesCalls);
@@ -269,9 +264,6 @@ class SignatureTest : public test::FakeDiskTest {
     std::copy(before.begin() + first, before.begin() + first + count, now.begin() + first);
     EXPECT_EQ(now, before);
   }
-  void QueueRandom(std::initializer_list<Sig> draws) {
-    for (const Sig& s : draws) machine.randomBytes.insert(machine.randomBytes.end(), s.begin(), s.end());
-  }
 };
 
 TEST_F(SignatureTest, EachModeWritesOnlyTheFourSignatureBytesAndFlushes) {
@@ -288,7 +280,7 @@ TEST_F(SignatureTest, EachModeWritesOnlyTheFourSignatureBytesAndFlushes) {
     SCOPED_TRACE(c.mode);
     MakeDrive(0, {1, 2, 3, 4});
     Load();
-    QueueRandom({{0x10, 0x20, 0x30, 0x40}});
+    machine.randomBytes = {0x10, 0x20, 0x30, 0x40};
     EXPECT_EQ(kSuccess, SetDiskSignature(*disks, c.mode, c.text));
     EXPECT_EQ(SignatureOnDisk(), c.expected);
     EXPECT_EQ(1, drive->writeCalls);
@@ -306,20 +298,6 @@ TEST_F(SignatureTest, UnderIgnoreAnUnreadableSectorIsStillNeverWritten) {
   EXPECT_EQ(kSuccess, SetDiskSignature(*disks, kSignatureWrite, "AC67AC67"));
   EXPECT_EQ(kSuccess, WriteStatusByte(*disks, 9));
   EXPECT_EQ(0, drive->writeCalls);
-}
-
-TEST_F(SignatureTest, GenerateSkipsZeroTheCurrentAndOtherDrivesSignatures) {
-  MakeDrive(0, {1, 2, 3, 4});
-  MakeDrive(1, {9, 9, 9, 9}, false);  // read with or without 55 AA
-  MakeDrive(2, {7, 7, 7, 7});
-  Load();
-  QueueRandom({{0, 0, 0, 0}, {1, 2, 3, 4}, {9, 9, 9, 9}, {7, 7, 7, 7}, {0xAA, 0, 0, 0}});
-  EXPECT_EQ(kSuccess, SetDiskSignature(*disks, kSignatureGenerate, ""));
-  EXPECT_EQ(SignatureOnDisk(), (Sig{0xAA, 0, 0, 0}));
-  EXPECT_EQ(5, machine.randomCalls);
-  // The scan of the other drives wrote nothing there.
-  EXPECT_EQ(0, machine.Find(test::DrivePath(1))->writeCalls);
-  EXPECT_EQ(0, machine.Find(test::DrivePath(2))->writeCalls);
 }
 
 TEST_F(SignatureTest, StatusByteIsWrittenAloneAlsoWithoutMarker) {

@@ -72,30 +72,26 @@ class FakeFile : public platform::File {
     return true;
   }
   bool Size(uint64_t* bytes) override {
-    *bytes = drive_->isDevice && drive_->diskSizeOverride ? drive_->diskSizeOverride : drive_->bytes.size();
+    *bytes = drive_->bytes.size();
     return true;
   }
-  bool GetDriveGeometry(platform::DiskGeometry* out) override { return Answer(true, out, drive_->geometry); }
+  bool GetDriveGeometry(platform::DiskGeometry* out) override {
+    if (!drive_->isDevice) return Fail(kErrorNotSupported);
+    *out = drive_->geometry;
+    return true;
+  }
   bool GetDriveGeometryEx(platform::DiskGeometry* geometry, uint64_t* diskSize) override {
     return GetDriveGeometry(geometry) && Size(diskSize);
   }
   bool GetPartitionInfo(uint64_t*, uint64_t*) override { return Fail(kErrorNotSupported); }
-  bool GetDriveLayoutEx(platform::LayoutEntry* first) override {
-    return Answer(drive_->layoutExOk, first, drive_->layoutEx);
-  }
-  bool GetDriveLayout(platform::LayoutEntry* first) override { return Answer(drive_->layoutOk, first, drive_->layout); }
+  // No drive has a layout of its own: superfloppies are run end to end.
+  bool GetDriveLayoutEx(platform::LayoutEntry*) override { return Fail(kErrorNotSupported); }
+  bool GetDriveLayout(platform::LayoutEntry*) override { return Fail(kErrorNotSupported); }
   bool UpdateProperties() override {
     return drive_->isDevice ? ++drive_->updatePropertiesCalls > 0 : Fail(kErrorNotSupported);
   }
 
  private:
-  // A device query: plain files and devices without the answer fail it.
-  template <typename T>
-  bool Answer(bool ok, T* out, const T& value) {
-    if (!drive_->isDevice || !ok) return Fail(kErrorNotSupported);
-    *out = value;
-    return true;
-  }
   bool Fail(uint32_t error) {
     machine_->lastError = error;
     return false;
@@ -182,22 +178,16 @@ bool FakeMachine::GetNumberFormat(const std::string& value, const platform::Numb
   return platform::FormatNumberLikeWindows(value, format, out) || (lastError = 87, false);
 }
 
-bool FakeMachine::SystemMessageText(uint32_t code, std::string* text) { return Lookup(messages, code, text); }
 
 bool FakeMachine::RandomBytes(void* out, size_t bytes) {
-  ++randomCalls;
-  uint8_t* at = static_cast<uint8_t*>(out);
   for (size_t i = 0; i < bytes; ++i) {
-    if (!randomBytes.empty()) {
-      at[i] = randomBytes.front();
-      randomBytes.pop_front();
-    } else {
-      // xorshift32: varied bytes for tests that do not care which.
-      randomState_ ^= randomState_ << 13;
-      randomState_ ^= randomState_ >> 17;
-      randomState_ ^= randomState_ << 5;
-      at[i] = static_cast<uint8_t>(randomState_ >> 24);
-    }
+    // xorshift32 once the queued bytes run out, for tests that do not care.
+    randomState_ ^= randomState_ << 13;
+    randomState_ ^= randomState_ >> 17;
+    randomState_ ^= randomState_ << 5;
+    const uint8_t next = randomBytes.empty() ? static_cast<uint8_t>(randomState_ >> 24) : randomBytes.front();
+    static_cast<uint8_t*>(out)[i] = next;
+    if (!randomBytes.empty()) randomBytes.pop_front();
   }
   return true;
 }

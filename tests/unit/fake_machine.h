@@ -28,11 +28,6 @@ struct FakeDrive {
   uint32_t readLimit = 0;                     // non-zero: a read delivers at most this many bytes
   bool writeProtected = false;
   platform::DiskGeometry geometry;  // set by FakeMachine::AddDrive
-  uint64_t diskSizeOverride = 0;    // the size a device reports; 0: bytes.size()
-  bool layoutExOk = false;
-  platform::LayoutEntry layoutEx;
-  bool layoutOk = false;
-  platform::LayoutEntry layout;
   int updatePropertiesCalls = 0;
   int writeCalls = 0;
   int flushCalls = 0;
@@ -62,7 +57,6 @@ class FakeMachine : public platform::Machine {
                                                          {platform::LocaleItem::ThousandSep, ","},
                                                          {platform::LocaleItem::NegativeNumber, "1"}};
   bool localeFails = false;
-  std::map<uint32_t, std::string> messages;  // system message texts by error code
   // Registry (key + '\n' + value name) and mount manager.
   std::map<std::string, std::string> registryStrings;
   std::map<std::string, std::vector<uint8_t>> registryBinary;
@@ -71,7 +65,6 @@ class FakeMachine : public platform::Machine {
   std::vector<std::string> messageBoxes;
   // RandomBytes hands these out first, then bytes of a fixed sequence.
   std::deque<uint8_t> randomBytes;
-  int randomCalls = 0;
 
   std::unique_ptr<platform::File> Open(const std::string& path, platform::OpenMode mode) override;
   bool PathExists(const std::string& path) override { return Find(path) != nullptr; }
@@ -103,7 +96,7 @@ class FakeMachine : public platform::Machine {
   bool GetEnv(const std::string&, std::string*) override { return false; }
   void MessageBox(const std::string& text, const std::string&) override { messageBoxes.push_back(text); }
   uint32_t LastError() override { return lastError; }
-  bool SystemMessageText(uint32_t code, std::string* text) override;
+  bool SystemMessageText(uint32_t, std::string*) override { return false; }
   bool RandomBytes(void* out, size_t bytes) override;
 
  private:

@@ -204,9 +204,8 @@ TEST_F(GptTableTest, UnreadableHeaderOrArray) {
 
   drive->badSectors = {3};  // inside the primary array
   GptTable& table = LoadGpt();
-  EXPECT_EQ(table.firstError, kGptFileRead);
-  EXPECT_TRUE(table.headerValid);
-  EXPECT_EQ(table.primaryFault, GptFault::kArrayUnreadable);
+  EXPECT_EQ(std::make_tuple(table.firstError, table.headerValid, table.primaryFault),
+            std::make_tuple(kGptFileRead, true, GptFault::kArrayUnreadable));
   EXPECT_EQ(table.EntryCount(), 3);  // from the backup
   // An array that was not read is never written back.
   drive->badSectors.clear();
@@ -301,11 +300,12 @@ TEST_F(GptTableTest, SaveAndWipeSizes) {
   }
 }
 
-class GptRestoreTest : public GptTableTest {
- protected:
+TEST_F(GptTableTest, RestoreRefusesWrongFilesAndWritesNothing) {
+  test::WriteGptDisk(*drive, kFourEntries);
+  LoadGpt();
   // A backup file of `kind` declaring `declared` sectors and holding the
   // first `count` sectors of the disk.
-  Bytes BackupFile(uint8_t kind, uint32_t count, uint32_t declared) {
+  auto BackupFile = [&](uint8_t kind, uint32_t count, uint32_t declared) {
     Bytes file(512, 0);
     std::memcpy(file.data(), "DDdhk\x03", 6);
     file[10] = kind;
@@ -314,17 +314,7 @@ class GptRestoreTest : public GptTableTest {
     const Bytes data = Area(*drive, 0, count);
     file.insert(file.end(), data.begin(), data.end());
     return file;
-  }
-
-  ResultCode Restore(Bytes contents) {
-    machine.AddFile("gpt.dhk", std::move(contents));
-    return RestoreGptImage(*disks, "gpt.dhk");
-  }
-};
-
-TEST_F(GptRestoreTest, RefusesWrongFilesAndWritesNothing) {
-  test::WriteGptDisk(*drive, kFourEntries);
-  LoadGpt();
+  };
   Bytes noEfi = BackupFile(3, 34, 34);
   noEfi[1024] = 'X';
   Bytes badArray = BackupFile(3, 34, 34);
@@ -342,7 +332,10 @@ TEST_F(GptRestoreTest, RefusesWrongFilesAndWritesNothing) {
       {"array off the disk", badArray, kGptInvalid},
   };
   const Bytes before = drive->bytes;
-  for (const auto& [what, file, expected] : cases) EXPECT_EQ(Restore(file), expected) << what;
+  for (const auto& [what, file, expected] : cases) {
+    machine.AddFile("gpt.dhk", file);
+    EXPECT_EQ(RestoreGptImage(*disks, "gpt.dhk"), expected) << what;
+  }
   EXPECT_EQ(RestoreGptImage(*disks, "missing.dhk"), kGptFileOpen);
   EXPECT_EQ(drive->bytes, before);
   EXPECT_EQ(GptOf(*disks)->firstError, kGptBadBackupFile);

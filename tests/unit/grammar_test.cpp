@@ -204,15 +204,11 @@ TEST_F(GrammarTest, HugeArgumentsAreCutOrSaturatedNeverOverflowed) {
   for (const std::string& a : {longValue, name + "=x", name}) Arguments().Add(a);
   const auto& e = Arguments().entries;
   ASSERT_EQ(e.size(), 3u);
-  EXPECT_TRUE(e[0].hasValue);
-  EXPECT_EQ(e[0].text.size(), kArgumentTextWidth);
-  EXPECT_EQ(e[0].name, "/Filename");
-  EXPECT_EQ(e[0].value, std::string(kArgumentValueWidth, 'v'));
-  EXPECT_EQ(e[1].name.size(), kArgumentNameWidth);
-  EXPECT_EQ(e[1].value, "x");
-  EXPECT_FALSE(e[2].hasValue);
-  EXPECT_TRUE(e[2].name.empty());
-  EXPECT_EQ(e[2].text.size(), kArgumentTextWidth);
+  EXPECT_EQ(std::make_tuple(e[0].hasValue, e[0].text.size(), e[0].name, e[0].value),
+            std::make_tuple(true, kArgumentTextWidth, std::string("/Filename"), std::string(kArgumentValueWidth, 'v')));
+  EXPECT_EQ(std::make_tuple(e[1].name.size(), e[1].value), std::make_tuple(kArgumentNameWidth, std::string("x")));
+  EXPECT_EQ(std::make_tuple(e[2].hasValue, e[2].name, e[2].text.size()),
+            std::make_tuple(false, std::string(), kArgumentTextWidth));
   EXPECT_TRUE(FindArgument("/Filename"));
   EXPECT_EQ(CurrentArgumentValue().size(), kArgumentValueWidth);
 }

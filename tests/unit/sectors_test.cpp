@@ -246,21 +246,5 @@ TEST_F(SectorOpsTest, RestoreTakesNoMoreThanTheHeaderDeclares) {
   EXPECT_EQ(kFileSizeMismatch, RestoreFromFile(*Fresh(), "huge.bin", 0, 63, false, StdOut()));
 }
 
-TEST_F(SectorOpsTest, SaveRangeCopesWithShortReads) {
-  test::FakeDrive& d = MakeDisk(14000);
-  d.readLimit = 1000;  // not even whole sectors per read
-  DiskSet disks(test::TestDrivers(), false);
-  WriteScope scope(disks, AnySector());
-  EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "quiet.bin", 100, 13000, kBackupRaw, StdOut()));
-  EXPECT_EQ(Bytes(d.Sector(100), d.Sector(13100)), machine.Find("quiet.bin")->bytes);
-
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(kSuccess, SaveRangeToFile(disks, "long.bin", 0, 13001, kBackupDisk, StdOut()));
-  testing::internal::GetCapturedStdout();
-  const Bytes& file = machine.Find("long.bin")->bytes;
-  ASSERT_EQ((1 + 13001u) * 512, file.size());
-  EXPECT_EQ(Bytes(d.Sector(0), d.Sector(13001)), Bytes(file.begin() + 512, file.end()));
-}
-
 }  // namespace
 }  // namespace dh

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <tuple>
 #include <string>
@@ -17,12 +16,7 @@
 namespace dh::platform {
 namespace {
 
-using win32::DecodeDriveLayout;
-using win32::DecodeDriveLayoutEx;
-using win32::DecodeFormatCallback;
-using win32::DecodeGeometry;
-using win32::DecodeGeometryEx;
-using win32::DecodePartitionInfo;
+using namespace win32;
 
 // Copies a record to an odd address, as a driver's buffer need not be aligned
 // for the decoder.
