@@ -2,7 +2,7 @@
 // search, alignment, sizing, the new entry's bytes, refusals that neither
 // write nor tell the system of a new layout), flag and sort edits, and the
 // disk signature and status byte (which bytes each write may change, and
-// how a generated signature avoids the values it must not take).  Where
+// that a sector 0 that cannot be read is never written back).  Where
 // entries land on simple tables, and the messages, are checked end to end
 // (e2e/edit_test, e2e/signature_test).
 #include <gtest/gtest.h>

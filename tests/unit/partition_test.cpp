@@ -1,6 +1,6 @@
 // The MBR partition model: entry decoding, the primary slots, the extended
-// chain walk and its guards, superfloppies, counting and lookup by kind, and
-// the sort by start sector.
+// chain walk and its guards against odd and hostile chains, counting and
+// lookup by kind, and the sort by start sector.
 #include "mbr/partition.h"
 
 #include <gtest/gtest.h>

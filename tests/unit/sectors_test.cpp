@@ -1,8 +1,8 @@
 // Backup files and sector transfers: the backup header's byte layout, what
 // it takes from a disk and how readers tell header files; save, restore and
 // wipe where the number of transfers and flushes can be seen (chunked writes
-// that keep the outcome of one write per sector, short reads, headers that
-// claim more or less than the file holds).  Compare and failing backup files
+// that keep the outcome of one write per sector, headers that claim more or
+// less than the file holds).  Compare and failing backup files
 // are run end to end (e2e/sectors_test).
 #include <gtest/gtest.h>
 
