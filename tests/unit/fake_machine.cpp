@@ -1,4 +1,4 @@
-// The in-memory machine of the unit tests.
+// The in-memory machine of the unit tests, and the GPT disks they build.
 #include "fake_machine.h"
 
 #include "app/command_table.h"
@@ -11,7 +11,6 @@
 #include "vdisk/vmdk.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "platform/common/number_format.h"
@@ -23,12 +22,10 @@ namespace {
 using platform::OpenMode;
 
 // Windows error codes the fake reports.
-constexpr uint32_t kErrorFileNotFound = 2;
-constexpr uint32_t kErrorAccessDenied = 5;
-constexpr uint32_t kErrorWriteProtect = 19;
-constexpr uint32_t kErrorCrc = 23;
-constexpr uint32_t kErrorSectorNotFound = 27;
-constexpr uint32_t kErrorNotSupported = 50;
+enum : uint32_t {
+  kErrorFileNotFound = 2, kErrorAccessDenied = 5, kErrorWriteProtect = 19, kErrorCrc = 23,
+  kErrorSectorNotFound = 27, kErrorNotSupported = 50,
+};
 
 bool ModeReads(OpenMode mode) { return mode != OpenMode::CreateAlways; }
 bool ModeWrites(OpenMode mode) { return mode != OpenMode::ProbeRead && mode != OpenMode::ReadExisting; }
@@ -41,10 +38,8 @@ class FakeFile : public platform::File {
     position_ = offset;
     return true;
   }
-
   bool Read(void* buffer, uint32_t bytes, uint32_t* done) override {
     *done = 0;
-    ++drive_->readCalls;
     if (!ModeReads(mode_)) return Fail(kErrorAccessDenied);
     uint64_t size = drive_->bytes.size();
     if (position_ >= size) return drive_->isDevice ? Fail(kErrorSectorNotFound) : true;
@@ -56,7 +51,6 @@ class FakeFile : public platform::File {
     *done = static_cast<uint32_t>(count);
     return true;
   }
-
   bool Write(const void* buffer, uint32_t bytes, uint32_t* done) override {
     *done = 0;
     ++drive_->writeCalls;
@@ -73,52 +67,28 @@ class FakeFile : public platform::File {
     *done = bytes;
     return true;
   }
-
   bool Flush() override {
     ++drive_->flushCalls;
     return true;
   }
-
   bool Size(uint64_t* bytes) override {
-    *bytes = drive_->isDevice && drive_->diskSizeOverride ? drive_->diskSizeOverride : drive_->bytes.size();
+    *bytes = drive_->bytes.size();
     return true;
   }
-
   bool GetDriveGeometry(platform::DiskGeometry* out) override {
-    if (!drive_->isDevice || !drive_->geometryOk) return Fail(kErrorNotSupported);
+    if (!drive_->isDevice) return Fail(kErrorNotSupported);
     *out = drive_->geometry;
     return true;
   }
-
   bool GetDriveGeometryEx(platform::DiskGeometry* geometry, uint64_t* diskSize) override {
-    if (!drive_->isDevice || !drive_->geometryExOk) return Fail(kErrorNotSupported);
-    *geometry = drive_->geometry;
-    return Size(diskSize);
+    return GetDriveGeometry(geometry) && Size(diskSize);
   }
-
-  bool GetPartitionInfo(uint64_t* startingOffset, uint64_t* partitionLength) override {
-    if (!drive_->isDevice || !drive_->partitionInfoOk) return Fail(kErrorNotSupported);
-    *startingOffset = drive_->partitionStart;
-    *partitionLength = drive_->partitionLength;
-    return true;
-  }
-
-  bool GetDriveLayoutEx(platform::LayoutEntry* first) override {
-    if (!drive_->isDevice || !drive_->layoutExOk) return Fail(kErrorNotSupported);
-    *first = drive_->layoutEx;
-    return true;
-  }
-
-  bool GetDriveLayout(platform::LayoutEntry* first) override {
-    if (!drive_->isDevice || !drive_->layoutOk) return Fail(kErrorNotSupported);
-    *first = drive_->layout;
-    return true;
-  }
-
+  bool GetPartitionInfo(uint64_t*, uint64_t*) override { return Fail(kErrorNotSupported); }
+  // No drive has a layout of its own: superfloppies are run end to end.
+  bool GetDriveLayoutEx(platform::LayoutEntry*) override { return Fail(kErrorNotSupported); }
+  bool GetDriveLayout(platform::LayoutEntry*) override { return Fail(kErrorNotSupported); }
   bool UpdateProperties() override {
-    if (!drive_->isDevice) return Fail(kErrorNotSupported);
-    ++drive_->updatePropertiesCalls;
-    return true;
+    return drive_->isDevice ? ++drive_->updatePropertiesCalls > 0 : Fail(kErrorNotSupported);
   }
 
  private:
@@ -141,25 +111,17 @@ class FakeFile : public platform::File {
   uint64_t position_ = 0;
 };
 
-std::string RegistryName(const std::string& key, const std::string& value) { return key + "\n" + value; }
+template <typename K, typename T>
+bool Lookup(const std::map<K, T>& values, const K& key, T* out) {
+  auto it = values.find(key);
+  if (it == values.end()) return false;
+  *out = it->second;
+  return true;
+}
 
 }  // namespace
 
-std::string DrivePath(int number) {
-  char path[64];
-  std::snprintf(path, sizeof path, "\\\\.\\PhysicalDrive%d", number);
-  return path;
-}
-
-FakeMachine::FakeMachine() {
-  locale[platform::LocaleItem::LeadingZero] = "1";
-  locale[platform::LocaleItem::Grouping] = "3;0";
-  locale[platform::LocaleItem::DecimalSep] = ".";
-  locale[platform::LocaleItem::ThousandSep] = ",";
-  locale[platform::LocaleItem::NegativeNumber] = "1";
-}
-
-FakeMachine::~FakeMachine() = default;
+std::string DrivePath(int number) { return "\\\\.\\PhysicalDrive" + std::to_string(number); }
 
 FakeDrive& FakeMachine::AddDrive(int number, uint64_t sectors, int32_t mediaType) {
   FakeDrive& drive = devices[DrivePath(number)];
@@ -192,128 +154,40 @@ std::unique_ptr<platform::File> FakeMachine::Open(const std::string& path, OpenM
     lastError = kErrorFileNotFound;
     return nullptr;
   }
-  if (drive->refusedModes.count(mode)) {
-    lastError = kErrorAccessDenied;
-    return nullptr;
-  }
   if (mode == OpenMode::CreateAlways && !drive->isDevice) drive->bytes.clear();
   return std::make_unique<FakeFile>(this, drive, mode);
 }
 
-bool FakeMachine::PathExists(const std::string& path) { return Find(path) != nullptr; }
-
 bool FakeMachine::RegQueryString(const std::string& key, const std::string& value, std::string* out) {
-  auto it = registryStrings.find(RegistryName(key, value));
-  if (it == registryStrings.end()) return false;
-  *out = it->second;
-  return true;
+  return Lookup(registryStrings, key + "\n" + value, out);
 }
 
 bool FakeMachine::RegQueryBinary(const std::string& key, const std::string& value, std::vector<uint8_t>* out) {
-  auto it = registryBinary.find(RegistryName(key, value));
-  if (it == registryBinary.end()) return false;
-  *out = it->second;
-  return true;
+  return Lookup(registryBinary, key + "\n" + value, out);
 }
 
 bool FakeMachine::VolumeNameForMountPoint(const std::string& mountPoint, std::string* volumeName) {
-  auto it = volumeNames.find(mountPoint);
-  if (it == volumeNames.end()) return false;
-  *volumeName = it->second;
-  return true;
-}
-
-int FakeMachine::ReadKey() {
-  if (keys.empty()) return -1;
-  int key = keys.front();
-  keys.pop_front();
-  return key;
-}
-
-bool FakeMachine::ReadLine(std::string* line) {
-  if (lines.empty()) return false;
-  *line = lines.front();
-  lines.pop_front();
-  return true;
+  return Lookup(volumeNames, mountPoint, volumeName);
 }
 
 bool FakeMachine::GetLocaleInfo(platform::LocaleItem item, std::string* out) {
-  auto it = locale.find(item);
-  if (localeFails || it == locale.end()) {
-    lastError = 87;
-    return false;
-  }
-  *out = it->second;
-  return true;
+  return (!localeFails && Lookup(locale, item, out)) || (lastError = 87, false);
 }
 
 bool FakeMachine::GetNumberFormat(const std::string& value, const platform::NumberFormat& format, std::string* out) {
-  lastNumberValue = value;
-  lastNumberFormat = format;
-  if (numberFormatFails) {
-    lastError = numberFormatError;
-    return false;
-  }
-  if (!platform::FormatNumberLikeWindows(value, format, out)) {
-    lastError = 87;
-    return false;
-  }
-  return true;
+  return platform::FormatNumberLikeWindows(value, format, out) || (lastError = 87, false);
 }
 
-bool FakeMachine::FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, const std::u16string& fileSystem,
-                           const std::u16string& label, bool quick, uint32_t clusterSize,
-                           const platform::FormatCallback& callback, const platform::FormatPlace& place) {
-  formatCalls.push_back({driveRoot, mediaFlag, fileSystem, label, quick, clusterSize, place});
-  if (formatEngine != platform::FormatEngineState::Ready) return false;
-  for (uint32_t percent : formatProgress) {
-    platform::FormatCallbackData data;
-    data.percent = percent;
-    callback(0, 0, data);
-  }
-  bool written = true;
-  if (!formatStaged.empty()) {
-    std::unique_ptr<platform::File> staged = Open(formatStaged, OpenMode::ReadExisting);
-    written = staged && place.writeStaged && place.writeStaged(*staged);
-  }
-  platform::FormatCallbackData end;
-  end.success = formatSucceeds && written;
-  callback(11, 0, end);
-  return true;
-}
-
-bool FakeMachine::GetEnv(const std::string& name, std::string* value) {
-  auto it = environment.find(name);
-  if (it == environment.end()) return false;
-  *value = it->second;
-  return true;
-}
-
-bool FakeMachine::SystemMessageText(uint32_t code, std::string* text) {
-  auto it = messages.find(code);
-  if (it == messages.end()) return false;
-  *text = it->second;
-  return true;
-}
 
 bool FakeMachine::RandomBytes(void* out, size_t bytes) {
-  ++randomCalls;
-  if (randomFails) {
-    lastError = 31;  // ERROR_GEN_FAILURE
-    return false;
-  }
-  uint8_t* at = static_cast<uint8_t*>(out);
   for (size_t i = 0; i < bytes; ++i) {
-    if (!randomBytes.empty()) {
-      at[i] = randomBytes.front();
-      randomBytes.pop_front();
-    } else {
-      // xorshift32: varied bytes for tests that do not care which.
-      randomState_ ^= randomState_ << 13;
-      randomState_ ^= randomState_ >> 17;
-      randomState_ ^= randomState_ << 5;
-      at[i] = static_cast<uint8_t>(randomState_ >> 24);
-    }
+    // xorshift32 once the queued bytes run out, for tests that do not care.
+    randomState_ ^= randomState_ << 13;
+    randomState_ ^= randomState_ >> 17;
+    randomState_ ^= randomState_ << 5;
+    const uint8_t next = randomBytes.empty() ? static_cast<uint8_t>(randomState_ >> 24) : randomBytes.front();
+    static_cast<uint8_t*>(out)[i] = next;
+    if (!randomBytes.empty()) randomBytes.pop_front();
   }
   return true;
 }
@@ -324,39 +198,6 @@ DiskDrivers TestDrivers() {
   drivers.loadGpt = LoadGptTable;
   drivers.openVirtual = OpenVirtualVmdk;
   return drivers;
-}
-
-namespace {
-
-class ShiftedFile : public platform::PlainFile {
- public:
-  ShiftedFile(std::unique_ptr<platform::File> file, uint64_t base) : file_(std::move(file)), base_(base) {}
-  bool Seek(uint64_t offset) override { return file_->Seek(base_ + offset); }
-  bool Read(void* b, uint32_t n, uint32_t* done) override { return file_->Read(b, n, done); }
-  bool Write(const void* b, uint32_t n, uint32_t* done) override { return file_->Write(b, n, done); }
-  bool Flush() override { return file_->Flush(); }
-  bool Size(uint64_t* bytes) override {
-    uint64_t all = 0;
-    if (!file_->Size(&all) || all < base_) return false;
-    *bytes = all - base_;
-    return true;
-  }
-
- private:
-  std::unique_ptr<platform::File> file_;
-  uint64_t base_;
-};
-
-}  // namespace
-
-std::unique_ptr<VirtualDisk> ShiftedVirtualDisk(std::unique_ptr<platform::File> file, uint64_t baseSectors,
-                                                uint64_t sectors) {
-  auto disk = std::make_unique<VirtualDisk>();
-  disk->opened = true;
-  disk->totalSectors = sectors;
-  disk->sizeBytes = sectors * 512;
-  disk->device.Attach(std::make_unique<ShiftedFile>(std::move(file), baseSectors * 512), "shifted");
-  return disk;
 }
 
 void PutMbrEntry(uint8_t* sector, size_t offset, const MbrEntry& e) {
@@ -410,6 +251,121 @@ void RunHandler(DiskSet& disks) {
   static const FrameChars frame = SelectFrameChars(3, 437);
   CommandContext context{Options(), State(), disks, StdOut(), frame, 437};
   spec->handler(context);
+}
+
+uint32_t ReferenceCrc32(const uint8_t* data, size_t size) {
+  uint32_t crc = 0xFFFFFFFFu;
+  for (size_t i = 0; i < size; ++i) {
+    crc ^= data[i];
+    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  return ~crc;
+}
+
+std::vector<uint8_t> GuidBytes(const std::string& text) {
+  // Where each stored byte's two digits stand in the text (mixed endian).
+  static const size_t kAt[16] = {6, 4, 2, 0, 11, 9, 16, 14, 19, 21, 24, 26, 28, 30, 32, 34};
+  std::vector<uint8_t> g(16);
+  for (size_t i = 0; i < 16; ++i) g[i] = static_cast<uint8_t>(std::stoul(text.substr(kAt[i], 2), nullptr, 16));
+  return g;
+}
+
+namespace {
+
+uint32_t ArraySectors(int32_t count) { return static_cast<uint32_t>((count + 3) / 4); }
+
+std::vector<uint8_t> MakeEntryArray(const std::vector<GptTestEntry>& entries, int32_t count) {
+  std::vector<uint8_t> array(ArraySectors(count) * 512u, 0);
+  for (size_t i = 0; i < entries.size(); ++i) {
+    uint8_t* e = array.data() + i * 128;
+    if (!entries[i].type.empty()) {
+      std::vector<uint8_t> g = GuidBytes(entries[i].type);
+      std::memcpy(e, g.data(), 16);
+      std::memset(e + 16, static_cast<int>(i + 1), 16);  // unique GUIDs told apart
+    }
+    StoreLe64(e + 32, entries[i].first);
+    StoreLe64(e + 40, entries[i].last);
+    StoreLe64(e + 48, entries[i].attributes);
+  }
+  return array;
+}
+
+}  // namespace
+
+void SealHeader(uint8_t* h) {
+  StoreLe32(h + 16, 0);
+  StoreLe32(h + 16, ReferenceCrc32(h, LoadLe32(h + 12)));
+}
+
+void WriteGptDisk(FakeDrive& drive, const std::vector<GptTestEntry>& entries, const GptLayout& layout) {
+  const uint64_t sectors = drive.bytes.size() / 512;
+  const uint32_t arraySectors = ArraySectors(layout.entryCount);
+  uint8_t* mbr = drive.Sector(0);
+  std::memset(mbr, 0, 512);
+  mbr[446 + 4] = 0xEE;
+  StoreLe32(mbr + 446 + 8, 1);
+  StoreLe32(mbr + 446 + 12, static_cast<uint32_t>(sectors - 1));
+  drive.SetBootSignature();
+
+  std::vector<uint8_t> array = MakeEntryArray(entries, layout.entryCount);
+  const uint32_t arrayCrc = ReferenceCrc32(array.data(), static_cast<size_t>(layout.entryCount) * 128);
+  const uint64_t backupArray = sectors - 1 - arraySectors;
+
+  uint8_t h[512] = {};
+  std::memcpy(h, "EFI PART", 8);
+  h[10] = 1;  // revision 1.0
+  StoreLe32(h + 12, 92);
+  StoreLe64(h + 24, 1);
+  StoreLe64(h + 32, sectors - 1);
+  StoreLe64(h + 40, layout.arrayLba + arraySectors);
+  StoreLe64(h + 48, backupArray - 1);
+  for (int i = 0; i < 16; ++i) h[56 + i] = static_cast<uint8_t>(0xA0 + i);
+  StoreLe64(h + 72, layout.arrayLba);
+  StoreLe32(h + 80, static_cast<uint32_t>(layout.entryCount));
+  StoreLe32(h + 84, 128);
+  StoreLe32(h + 88, arrayCrc);
+  SealHeader(h);
+  std::memcpy(drive.Sector(1), h, 512);
+  if (!array.empty()) std::memcpy(drive.Sector(layout.arrayLba), array.data(), array.size());
+
+  if (layout.writeBackup) {
+    StoreLe64(h + 24, sectors - 1);
+    StoreLe64(h + 32, 1);
+    StoreLe64(h + 72, backupArray);
+    SealHeader(h);
+    std::memcpy(drive.Sector(sectors - 1), h, 512);
+    if (!array.empty()) std::memcpy(drive.Sector(backupArray), array.data(), array.size());
+  }
+}
+
+std::string GptProblems(FakeDrive& drive) {
+  const uint8_t* p = drive.Sector(1);
+  if (std::memcmp(p, "EFI PART", 8) != 0) return "primary signature";
+  auto headerOk = [](const uint8_t* h) {
+    uint8_t copy[512];
+    std::memcpy(copy, h, 512);
+    StoreLe32(copy + 16, 0);
+    return ReferenceCrc32(copy, LoadLe32(h + 12)) == LoadLe32(h + 16);
+  };
+  if (!headerOk(p)) return "primary header CRC";
+  const uint32_t count = LoadLe32(p + 80);
+  const size_t arrayBytes = static_cast<size_t>(count) * 128;
+  const uint8_t* pa = drive.Sector(LoadLe64(p + 72));
+  if (ReferenceCrc32(pa, arrayBytes) != LoadLe32(p + 88)) return "primary array CRC";
+  const uint64_t alt = LoadLe64(p + 32);
+  const uint8_t* b = drive.Sector(alt);
+  if (std::memcmp(b, "EFI PART", 8) != 0) return "backup signature";
+  if (!headerOk(b)) return "backup header CRC";
+  if (LoadLe64(b + 24) != alt || LoadLe64(b + 32) != 1) return "backup LBAs";
+  if (LoadLe32(b + 80) != count || LoadLe32(b + 88) != LoadLe32(p + 88)) return "backup array facts";
+  const uint8_t* ba = drive.Sector(LoadLe64(b + 72));
+  if (std::memcmp(pa, ba, arrayBytes) != 0) return "backup array differs";
+  return "";
+}
+
+std::vector<uint8_t> SlotType(FakeDrive& drive, uint32_t slot) {
+  const uint8_t* e = drive.Sector(LoadLe64(drive.Sector(1) + 72)) + slot * 128;
+  return std::vector<uint8_t>(e, e + 16);
 }
 
 }  // namespace dh::test

@@ -1,13 +1,7 @@
 // An in-memory machine for unit tests: drives and files are byte vectors,
-// and every other service answers from plain fields the test sets.
-//
-//   FakeMachine machine;
-//   FakeDrive& disk = machine.AddDrive(0, 2048);   // \\.\PhysicalDrive0
-//   disk.badSectors.insert(7);
-//   ScopedHost host(&machine);                     // Host() is now `machine`
-//
-// FakeDiskTest bundles the usual fixture: a fresh run, a machine that is the
-// host, drive 0 with an MBR of given entries, and the disk set loaded from it.
+// and the services the tests steer answer from plain fields.  FakeDiskTest
+// bundles the usual fixture: a fresh run, a machine that is the host, drive
+// 0 with an MBR of given entries, and the disk set loaded from it.
 #pragma once
 
 #include <cstdint>
@@ -25,40 +19,19 @@
 
 namespace dh::test {
 
-// A drive or a plain file.  Drives answer the DeviceIoControl queries from
-// the fields below; plain files fail them, as Windows does.
+// A drive or a plain file.  Drives answer the device queries from the
+// fields below; plain files fail them, as Windows does.
 struct FakeDrive {
   std::vector<uint8_t> bytes;
   bool isDevice = true;
-
-  // Open refuses these modes (e.g. DiskReadWrite for a drive that only
-  // opens for reading).
-  std::set<platform::OpenMode> refusedModes;
-  // Reads and writes that touch one of these 512-byte sectors fail.
-  std::set<uint64_t> badSectors;
-  // When non-zero, a read delivers at most this many bytes (a short read).
-  uint32_t readLimit = 0;
+  std::set<uint64_t> badSectors;              // transfers touching these 512-byte sectors fail
+  uint32_t readLimit = 0;                     // non-zero: a read delivers at most this many bytes
   bool writeProtected = false;
-
-  bool geometryOk = true;
   platform::DiskGeometry geometry;  // set by FakeMachine::AddDrive
-  bool geometryExOk = true;
-  uint64_t diskSizeOverride = 0;  // DiskSize of the EX query; 0: bytes.size()
-  bool partitionInfoOk = false;
-  uint64_t partitionStart = 0;
-  uint64_t partitionLength = 0;
-  bool layoutExOk = false;
-  platform::LayoutEntry layoutEx;
-  bool layoutOk = false;
-  platform::LayoutEntry layout;
   int updatePropertiesCalls = 0;
-
-  // Counters for tests that check how the program used the drive.
-  int readCalls = 0;
   int writeCalls = 0;
   int flushCalls = 0;
 
-  // Sector helpers for building images.
   uint8_t* Sector(uint64_t lba) { return bytes.data() + lba * 512; }
   void SetBootSignature(uint64_t lba = 0) {
     Sector(lba)[510] = 0x55;
@@ -68,127 +41,69 @@ struct FakeDrive {
 
 class FakeMachine : public platform::Machine {
  public:
-  FakeMachine();
-  ~FakeMachine() override;
-
   // Adds \\.\PhysicalDrive<number> with `sectors` zero sectors and a fixed
   // disk geometry of 255 heads and 63 sectors per track.
   FakeDrive& AddDrive(int number, uint64_t sectors, int32_t mediaType = platform::kMediaFixed);
-  // Adds a plain file.
   FakeDrive& AddFile(const std::string& path, std::vector<uint8_t> contents = {});
-  // The drive or file at a path, null when there is none.
-  FakeDrive* Find(const std::string& path);
+  FakeDrive* Find(const std::string& path);  // null when there is none
 
   std::map<std::string, FakeDrive> devices;  // by path
-
-  // GetLastError of the last failure.
   uint32_t lastError = 0;
-
-  // Locale: the texts GetLocaleInfoA answers, and whether it fails.
-  std::map<platform::LocaleItem, std::string> locale;
+  // English separators unless a test changes them; GetNumberFormat formats
+  // as Windows does.
+  std::map<platform::LocaleItem, std::string> locale = {{platform::LocaleItem::LeadingZero, "1"},
+                                                         {platform::LocaleItem::Grouping, "3;0"},
+                                                         {platform::LocaleItem::DecimalSep, "."},
+                                                         {platform::LocaleItem::ThousandSep, ","},
+                                                         {platform::LocaleItem::NegativeNumber, "1"}};
   bool localeFails = false;
-  // GetNumberFormatA: fails with `numberFormatError` when set; otherwise it
-  // formats as Windows does.  The last format handed to it is kept.
-  bool numberFormatFails = false;
-  uint32_t numberFormatError = 87;
-  platform::NumberFormat lastNumberFormat;
-  std::string lastNumberValue;
-  // FormatMessageA texts by error code (each should end with "\r\n").
-  std::map<uint32_t, std::string> messages;
-
   // Registry (key + '\n' + value name) and mount manager.
   std::map<std::string, std::string> registryStrings;
   std::map<std::string, std::vector<uint8_t>> registryBinary;
   std::vector<std::string> logicalDrives;
   std::map<std::string, std::string> volumeNames;  // mount point -> volume name
-
-  platform::FormatEngineState formatEngine = platform::FormatEngineState::LibraryMissing;
-  // FormatEx keeps each call.  When the engine is Ready it reports
-  // `formatProgress` as command 0, hands the file `formatStaged` (when
-  // named) to the place's writer, and ends with command 11: success when
-  // `formatSucceeds` and the writer agreed.
-  struct FormatCall {
-    std::u16string driveRoot;
-    uint32_t mediaFlag = 0;
-    std::u16string fileSystem;
-    std::u16string label;
-    bool quick = true;
-    uint32_t clusterSize = 0;
-    platform::FormatPlace place;
-  };
-  std::vector<FormatCall> formatCalls;
-  std::vector<uint32_t> formatProgress;
-  bool formatSucceeds = true;
-  std::string formatStaged;
-
-  platform::OsVersion version{6, 1, 2};
-  bool elevated = true;
-  bool elevationQueryOk = true;
-  bool shutdownPrivilege = true;
-  std::vector<uint32_t> exitWindowsCalls;
-
-  uint32_t codePage = 437;
-  int clearScreenCalls = 0;
-  std::deque<int> keys;           // ReadKey answers -1 once these run out
-  std::deque<std::string> lines;  // ReadLine answers false once these run out
-  std::string computerName = "TESTPC";
-  std::map<std::string, std::string> environment;
   std::vector<std::string> messageBoxes;
-  // RandomBytes hands these out first, then bytes of a fixed sequence; it
-  // fails while `randomFails` is set.  Every call is counted.
+  // RandomBytes hands these out first, then bytes of a fixed sequence.
   std::deque<uint8_t> randomBytes;
-  bool randomFails = false;
-  int randomCalls = 0;
 
-  // platform::Machine
   std::unique_ptr<platform::File> Open(const std::string& path, platform::OpenMode mode) override;
-  bool PathExists(const std::string& path) override;
+  bool PathExists(const std::string& path) override { return Find(path) != nullptr; }
   bool RegQueryString(const std::string& key, const std::string& value, std::string* out) override;
   bool RegQueryBinary(const std::string& key, const std::string& value, std::vector<uint8_t>* out) override;
   std::vector<std::string> LogicalDriveStrings() override { return logicalDrives; }
   bool VolumeNameForMountPoint(const std::string& mountPoint, std::string* volumeName) override;
-  platform::FormatEngineState LoadFormatEngine() override { return formatEngine; }
-  bool FormatEx(const std::u16string& driveRoot, uint32_t mediaFlag, const std::u16string& fileSystem,
-                const std::u16string& label, bool quick, uint32_t clusterSize, const platform::FormatCallback& callback,
-                const platform::FormatPlace& place) override;
-  void PumpOneMessage() override { ++pumpCalls; }
-  int pumpCalls = 0;
+  platform::FormatEngineState LoadFormatEngine() override { return platform::FormatEngineState::LibraryMissing; }
+  bool FormatEx(const std::u16string&, uint32_t, const std::u16string&, const std::u16string&, bool, uint32_t,
+                const platform::FormatCallback&, const platform::FormatPlace&) override {
+    return false;
+  }
+  void PumpOneMessage() override {}
   bool NtfsFormatterPresent() override { return false; }
   bool RunNtfsFormatter(const platform::NtfsFormatJob&, const platform::FormatCallback&) override { return false; }
-  bool GetVersionEx(platform::OsVersion* out) override {
-    *out = version;
-    return true;
-  }
-  uint32_t GetVersion() override { return version.majorVersion | (version.minorVersion << 8); }
-  bool QueryElevation(bool* isElevated) override {
-    *isElevated = elevated;
-    return elevationQueryOk;
-  }
-  bool EnableShutdownPrivilege() override { return shutdownPrivilege; }
-  bool ExitWindows(uint32_t flags) override {
-    exitWindowsCalls.push_back(flags);
-    return true;
-  }
-  uint32_t ConsoleOutputCodePage() override { return codePage; }
-  void ClearScreen() override { ++clearScreenCalls; }
+  bool GetVersionEx(platform::OsVersion* out) override { return *out = {6, 1, 2}, true; }
+  uint32_t GetVersion() override { return 6 | (1 << 8); }
+  bool QueryElevation(bool* isElevated) override { return *isElevated = true; }
+  bool EnableShutdownPrivilege() override { return true; }
+  bool ExitWindows(uint32_t) override { return true; }
+  uint32_t ConsoleOutputCodePage() override { return 437; }
+  void ClearScreen() override {}
   void SetCursorPosition(int, int) override {}
-  int ReadKey() override;
-  bool ReadLine(std::string* line) override;
+  int ReadKey() override { return -1; }  // the end of input
+  bool ReadLine(std::string*) override { return false; }
   bool GetLocaleInfo(platform::LocaleItem item, std::string* out) override;
   bool GetNumberFormat(const std::string& value, const platform::NumberFormat& format, std::string* out) override;
-  std::string ComputerName() override { return computerName; }
-  bool GetEnv(const std::string& name, std::string* value) override;
+  std::string ComputerName() override { return "TESTPC"; }
+  bool GetEnv(const std::string&, std::string*) override { return false; }
   void MessageBox(const std::string& text, const std::string&) override { messageBoxes.push_back(text); }
   uint32_t LastError() override { return lastError; }
-  bool SystemMessageText(uint32_t code, std::string* text) override;
+  bool SystemMessageText(uint32_t, std::string*) override { return false; }
   bool RandomBytes(void* out, size_t bytes) override;
 
  private:
   uint32_t randomState_ = 0x2545F491u;
 };
 
-// "\\.\PhysicalDrive<number>"
-std::string DrivePath(int number);
+std::string DrivePath(int number);  // "\\.\PhysicalDrive<number>"
 
 // Makes `machine` the Host() of the program for the lifetime of this object.
 class ScopedHost {
@@ -199,15 +114,7 @@ class ScopedHost {
   ScopedHost& operator=(const ScopedHost&) = delete;
 };
 
-// The table and virtual-disk drivers of the program, for disk sets built by
-// tests.
-DiskDrivers TestDrivers();
-
-// A virtual disk whose sectors lie `baseSectors` sectors into `file`, the
-// way a disk file with metadata in front of its data maps them: the disk
-// set reads and writes it only through its device.
-std::unique_ptr<VirtualDisk> ShiftedVirtualDisk(std::unique_ptr<platform::File> file, uint64_t baseSectors,
-                                                uint64_t sectors);
+DiskDrivers TestDrivers();  // the program's table and virtual-disk drivers
 
 // Runs the handler of Options().command on `disks` the way the dispatcher
 // does after its selector checks and the question.
@@ -215,10 +122,8 @@ void RunHandler(DiskSet& disks);
 
 // An MBR partition entry: boot indicator, type, first sector and count.
 struct MbrEntry {
-  uint8_t boot = 0;
-  uint8_t type = 0;
-  uint32_t start = 0;
-  uint32_t count = 0;
+  uint8_t boot = 0, type = 0;
+  uint32_t start = 0, count = 0;
 };
 // Stores `e` as the 16-byte entry at `offset` of `sector`; its CHS bytes are
 // the pattern 1 2 3 and 5 6 7, so that a rebuilt entry shows.
@@ -238,9 +143,7 @@ class FakeDiskTest : public ::testing::Test {
   // Drive 0 of `sectors` zero sectors and a disk set made before it, so that
   // nothing is loaded; its device is open on the drive.
   void OpenUnloaded(uint64_t sectors);
-
-  // The 16 bytes of slot `slot` of drive 0's sector 0.
-  std::vector<uint8_t> Slot(int slot);
+  std::vector<uint8_t> Slot(int slot);  // the 16 bytes of an entry of drive 0
   // Everything of drive 0 but the four entries of sector 0 is as it was.
   void ExpectOnlyTableChanged();
 
@@ -250,5 +153,38 @@ class FakeDiskTest : public ::testing::Test {
   std::unique_ptr<DiskSet> disks;
   std::vector<uint8_t> before;
 };
+
+// A bit-by-bit CRC32 of its own, so that the tests do not check the
+// program's CRC against itself.
+uint32_t ReferenceCrc32(const uint8_t* data, size_t size);
+// "C12A7328-F81F-11D2-BA4B-00A0C93EC93B" as the 16 bytes stored on disk.
+std::vector<uint8_t> GuidBytes(const std::string& text);
+
+const char* const kEfiType = "C12A7328-F81F-11D2-BA4B-00A0C93EC93B";
+const char* const kBasicDataType = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
+const char* const kLinuxSwapType = "0657FD6D-A4AB-43C4-84E5-0933C84B4F4F";
+const char* const kUnknownType = "75894C1E-3AEB-11D3-B7C1-7B03A0000000";  // HP-UX data: not in the table
+
+struct GptTestEntry {
+  std::string type;  // empty: an unused slot
+  uint64_t first = 0, last = 0, attributes = 0;
+};
+struct GptLayout {
+  int32_t entryCount = 128;
+  uint64_t arrayLba = 2;
+  bool writeBackup = true;
+};
+
+// Stores a fresh header CRC.
+void SealHeader(uint8_t* header);
+// Protective MBR, primary header and array, backup array and header, all
+// consistent; `entries` fill slots 0.. in order.
+void WriteGptDisk(FakeDrive& drive, const std::vector<GptTestEntry>& entries, const GptLayout& layout = {});
+// What firmware checks: both headers carry the signature and correct CRCs,
+// point at each other, and describe identical arrays.  Empty when all is
+// well, else what is wrong.
+std::string GptProblems(FakeDrive& drive);
+// The type GUID bytes of slot `slot` of the primary array.
+std::vector<uint8_t> SlotType(FakeDrive& drive, uint32_t slot);
 
 }  // namespace dh::test

@@ -4,13 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <tuple>
 #include <string>
 #include <vector>
 
 #include "disk/disk_set.h"
 #include "fake_machine.h"
-#include "vdisk/vmdk.h"
 
 namespace dh {
 namespace {
@@ -59,140 +58,58 @@ class IdentifyTest : public test::FakeDiskTest {
     machine.registryBinary["SYSTEM\\MountedDevices\n\\??\\Volume{" + guid + "}"] = record;
   }
   std::string Description(int index) { return GetDiskDescription(*disks, index); }
-  // The letter found for a partition at `lba`, or 0.
-  char Letter(uint64_t lba) {
-    DriveLetterMatch found;
-    return FindDriveLetter(*disks, lba, &found) ? found.letter : 0;
-  }
 };
 
-TEST_F(IdentifyTest, BusAndDescription) {
-  // The bus is the first component of the instance path (the whole path
-  // without a backslash); the description drops the bus suffix, matched
-  // ignoring case and right-most, and reduces the first run of blanks only.
-  struct Case {
+// Each row: a disk's instance path and the FriendlyName and DeviceDesc of its
+// key, the bus and description shown; and whether a mounted volume's record
+// names a partition of that disk at sector 2048 (signature 12345678): by its
+// signature record, its device path, or its parent prefix for removable media.
+// The bus is the first component of the instance path; the description drops
+// the bus suffix (ignoring case, right-most) and reduces the first run of
+// blanks only; texts end at their first NUL.
+TEST_F(IdentifyTest, BusDescriptionAndDriveLetter) {
+  const struct {
     const char* instance;
-    std::string friendlyName;
-    const char* deviceDesc;
-    const char* bus;
-    const char* description;
+    std::string friendlyName, deviceDesc, bus, description, prefix;
+    std::vector<uint8_t> record;
+    bool found;
+  } cases[] = {
+      {"IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0", "", "", "IDE", "IDE", "", SignatureRecord(0x12345678, 2048 * 512),
+       true},
+      {"USBSTOR\\Disk&Ven_SanDisk\\1", "SanDisk Cruzer USB Device", "", "USB", "SanDisk Cruzer", "",
+       Utf16("\\??\\USBSTOR#Disk&Ven_SanDisk#1#{53f56307-b6bf-11d0-94f2-00a0c91efb8b}"), true},
+      {"USBSTOR\\Disk&Ven_Generic\\2", "", "", "USB", "USB", "7&2a3b&0",
+       Utf16("\\??\\STORAGE#RemovableMedia#7&2a3b&0&RM#{53f5630d}"), true},
+      {"STORAGE\\RemovableMedia\\7&2a3b&0&RM", "", "", "STORAGE", "STORAGE", "",  // no prefix, no match
+       Utf16("\\??\\STORAGE#RemovableMedia#7&2a3b&0&RM#{53f5630d}"), false},
+      {"SCSI", "", "", "SCSI", "SCSI", "", SignatureRecord(0x0BADF00D, 2048 * 512), false},  // another disk
+      {"scsi\\Disk\\4", "A SCSI Disk Device B SCSI Disk Device", "", "scsi", "A SCSI Disk Device B", "",
+       SignatureRecord(0x12345678, 63 * 512), false},                                          // another partition
+      {"IDE\\Disk\\5", "", "Disk drive", "IDE", "Disk drive", "", {0x78, 0x56, 0x34}, false},  // short record
+      {"SD\\Disk\\6", "Card  Reader  Two  USB Device", "", "SD", "Card Reader  Two  USB Device", "", Utf16("\\?"),
+       false},
+      {"PCI\\Disk\\7", std::string("Model\0junk", 10), "", "PCI", "Model", "", {'\\', 0, '?', 0, '?'}, false},
+      {"PCI\\Disk\\8", std::string(5000, 'x'), "", "PCI", std::string(kRegistryTextSize - 1, 'x'), "",
+       SignatureRecord(0x12345678, (1ull << 32) + 2048 * 512), false},  // offsets compared in full
   };
-  const Case cases[] = {
-      {"IDE\\DiskST3500418AS\\5&2a4f5&0&0.0.0", "", "", "IDE", "IDE"},  // no name: the bus stands
-      {"USBSTOR\\Disk&Ven_X\\1", "", "", "USB", "USB"},
-      {"USBSTOR\\Disk&Ven_SanDisk\\1", "SanDisk Cruzer USB Device", "", "USB", "SanDisk Cruzer"},
-      {"SCSI", "", "", "SCSI", "SCSI"},
-      {"IDE\\DiskWDC\\2", "WDC  WD5000AAKS ATA Device", "", "IDE", "WDC WD5000AAKS"},
-      {"SCSI\\Disk&Ven_VMware\\3", "VMware Virtual disk", "", "SCSI", "VMware Virtual disk"},
-      {"scsi\\Disk\\4", "A SCSI Disk Device B SCSI Disk Device", "", "scsi", "A SCSI Disk Device B"},
-      {"IDE\\Disk\\5", "", "Disk drive", "IDE", "Disk drive"},  // DeviceDesc without FriendlyName
-      {"SD\\Disk\\6", "Card  Reader  Two  USB Device", "", "SD", "Card Reader  Two  USB Device"},
-      // Texts end at their first NUL and are cut to their buffer.
-      {"PCI\\Disk\\7", std::string("Model\0junk", 10), "", "PCI", "Model"},
-  };
-  const int n = static_cast<int>(std::size(cases));
-  for (int i = 0; i < n; ++i) AddDisk(i, cases[i].instance, cases[i].friendlyName, cases[i].deviceDesc);
-  AddDisk(n, "PCI\\Disk\\8", std::string(5000, 'x'));
-  for (int i = 0; i < n; ++i) {
-    EXPECT_EQ(GetDiskBus(*disks, i), cases[i].bus) << i;
-    EXPECT_EQ(Description(i), cases[i].description) << i;
+  for (int i = 0; i < static_cast<int>(std::size(cases)); ++i) {
+    const auto& c = cases[i];
+    SCOPED_TRACE(c.instance);
+    machine.registryStrings.clear();
+    machine.registryBinary.clear();
+    machine.logicalDrives = {"A:\\"};  // a root without a volume name comes first
+    machine.volumeNames.clear();
+    AddDisk(i, c.instance, c.friendlyName, c.deviceDesc, c.prefix);
+    AddVolume('G', "g-guid", c.record);
+    disks->currentDisk = i;
+    EXPECT_EQ(GetDiskBus(*disks, i), c.bus);
+    EXPECT_EQ(Description(i), c.description);
+    DriveLetterMatch found;
+    EXPECT_EQ(FindDriveLetter(*disks, 2048, &found), c.found);
+    EXPECT_EQ(found.volumeName, c.found ? "\\\\?\\Volume{g-guid}\\" : "");
   }
-  EXPECT_EQ(Description(n), std::string(kRegistryTextSize - 1, 'x'));
-  // Unknown disks have nothing, and the buffer is not left with the last one.
-  EXPECT_EQ(GetDiskBus(*disks, n + 1), "");
   EXPECT_EQ(GetDiskBus(*disks, -1), "");
-  EXPECT_EQ(disks->diskDescription, "");
-  EXPECT_EQ(Description(n + 1), "");
-}
-
-TEST_F(IdentifyTest, EnumInfoWritesOnlyWhatItFinds) {
-  AddDisk(0, "USBSTOR\\Disk&Ven_X\\1", "", "", "7&2a3b&0");
-  std::string out = "untouched";
-  EXPECT_FALSE(GetDiskEnumInfo(0, DiskEnumInfo::kDescription, &out));
-  EXPECT_FALSE(GetDiskEnumInfo(1, DiskEnumInfo::kInstancePath, &out));
-  EXPECT_EQ(out, "untouched");
-  EXPECT_TRUE(GetDiskEnumInfo(0, DiskEnumInfo::kParentPrefix, &out));
-  EXPECT_EQ(out, "7&2a3b&0");
-  EXPECT_TRUE(GetDiskEnumInfo(0, DiskEnumInfo::kInstancePath, &out));
-  EXPECT_EQ(out, "USBSTOR\\Disk&Ven_X\\1");
-}
-
-TEST_F(IdentifyTest, VirtualDiskTextsComeFromTheVirtualDisk) {
-  AddDisk(0, "IDE\\Disk\\1", "Physical ATA Device");
-  disks->isVirtual = true;
-  EXPECT_EQ(GetDiskBus(*disks, 0), "");
-  EXPECT_EQ(Description(0), "");
-  disks->virtualDisk = std::make_unique<VmdkDisk>();
-  disks->virtualDisk->interfaceText = "lsilogic";
-  disks->virtualDisk->descriptionText = "VMware  Virtual  disk";
-  EXPECT_EQ(GetDiskBus(*disks, 0), "lsilogic");
-  EXPECT_EQ(Description(0), "VMware Virtual  disk");
-}
-
-TEST_F(IdentifyTest, PartitionsOfAnMbrDiskFindTheirLettersByOffset) {
-  AddVolume('C', "c-guid", SignatureRecord(0x12345678, 2048ull * 512));
-  AddVolume('D', "d-guid", SignatureRecord(0x12345678, 411648ull * 512));
-  AddVolume('E', "e-guid", SignatureRecord(0x0BADF00D, 2048ull * 512));  // another disk
-  // Offsets beyond 32 bits of bytes are compared in full.
-  AddVolume('F', "f-guid", SignatureRecord(0x12345678, 0x123456789ull * 512));
-  DriveLetterMatch found;
-  ASSERT_TRUE(FindDriveLetter(*disks, 2048, &found));
-  EXPECT_EQ(found.letter, 'C');
-  EXPECT_EQ(found.volumeName, "\\\\?\\Volume{c-guid}\\");
-  EXPECT_EQ(Letter(411648), 'D');
-  EXPECT_EQ(Letter(0x123456789ull), 'F');
-
-  DriveLetterMatch none;
-  none.letter = 'Z';
-  EXPECT_FALSE(FindDriveLetter(*disks, 63, &none));
-  EXPECT_EQ(none.letter, 'Z');
-  EXPECT_EQ(none.volumeName, "");
-}
-
-TEST_F(IdentifyTest, DevicePathAndRemovableMediaRecordsNameAWholeDisk) {
-  AddDisk(0, "USBSTOR\\Disk&Ven_Kingston\\0013729B", "Kingston USB Device");
-  AddVolume('G', "g-guid", Utf16("\\??\\USBSTOR#Disk&Ven_Kingston#0013729B#{53f56307-b6bf-11d0-94f2-00a0c91efb8b}"));
-  AddVolume('H', "h-guid", Utf16("\\??\\USBSTOR#Disk&Ven_Kingston#0013729B#{other}"));
-  // Any partition of the disk gets the first root that names the disk.
-  EXPECT_EQ(Letter(2048), 'G');
-  EXPECT_EQ(Letter(999999), 'G');
-  // Another disk's instance path does not match.
-  disks->currentDisk = 1;
-  AddDisk(1, "USBSTOR\\Disk&Ven_Kingston\\0013729C");
-  EXPECT_EQ(Letter(2048), 0);
-
-  // Removable media match by the disk's parent prefix; no prefix, no match.
-  AddDisk(2, "USBSTOR\\Disk&Ven_Generic\\1", "", "", "7&2a3b&0");
-  AddVolume('R', "r-guid", Utf16("\\??\\STORAGE#RemovableMedia#7&2a3b&0&RM#{53f5630d}"));
-  disks->currentDisk = 2;
-  EXPECT_EQ(Letter(0), 'R');
-  AddDisk(3, "STORAGE\\RemovableMedia\\7&2a3b&0&RM");
-  disks->currentDisk = 3;
-  EXPECT_EQ(Letter(0), 0);
-}
-
-TEST_F(IdentifyTest, MalformedRecordsAndFailingRootsAreSkipped) {
-  AddDisk(0, "IDE\\Disk\\1");
-  // A root without a volume name, a record shorter than a signature record,
-  // a record of odd length, and a record too short for the "\??\" prefix.
-  machine.logicalDrives.push_back("A:\\");
-  AddVolume('B', "b-guid", {0x78, 0x56, 0x34});
-  AddVolume('C', "c-guid", {'\\', 0, '?', 0, '?'});
-  AddVolume('D', "d-guid", Utf16("\\?"));
-  // A volume whose record is missing, and a name too short to hold a GUID.
-  machine.logicalDrives.insert(machine.logicalDrives.end(), {"E:\\", "F:\\"});
-  machine.volumeNames["E:\\"] = "\\\\?\\Volume{e-guid}\\";
-  machine.volumeNames["F:\\"] = "\\\\";
-  AddVolume('G', "g-guid", SignatureRecord(0x12345678, 4096ull * 512));
-  EXPECT_EQ(Letter(4096), 'G');
-
-  // Long volume names are cut to the result.
-  AddVolume('K', std::string(80, 'a'), SignatureRecord(0x12345678, 512));
-  DriveLetterMatch found;
-  ASSERT_TRUE(FindDriveLetter(*disks, 1, &found));
-  EXPECT_EQ(found.letter, 'K');
-  EXPECT_EQ(found.volumeName.size(), kVolumeNameLength);
-  EXPECT_EQ(found.volumeName.substr(0, 11), "\\\\?\\Volume{");
+  EXPECT_EQ(Description(99), "");  // not the last disk's
 }
 
 }  // namespace
