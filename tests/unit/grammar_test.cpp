@@ -1,11 +1,14 @@
 // The command-line grammar: keyword matching and order, value rules, number
-// readings and the ArgumentList.  The option file is read end to end
-// (e2e/run_control_test).
+// readings and the ArgumentList; lines of the option file longer than a
+// token.  The rest of the option file is read end to end.
 #include "app/grammar.h"
 
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <filesystem>
+#include <fstream>
+#include <random>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -211,6 +214,20 @@ TEST_F(GrammarTest, HugeArgumentsAreCutOrSaturatedNeverOverflowed) {
             std::make_tuple(false, std::string(), kArgumentTextWidth));
   EXPECT_TRUE(FindArgument("/Filename"));
   EXPECT_EQ(CurrentArgumentValue().size(), kArgumentValueWidth);
+}
+
+TEST_F(GrammarTest, OptionFileLinesLongerThanATokenAreReadInPieces) {
+  const auto dir = std::filesystem::temp_directory_path() / ("diskhold_opt_" + std::to_string(std::random_device{}()));
+  std::filesystem::create_directories(dir);
+  // 1500 characters without a blank: the first 1023 form one token, the rest another.
+  std::ofstream(dir / "diskhold.opt", std::ios::binary) << "/Filename=" + std::string(1490, 'a') + "\n/list\n";
+  EXPECT_TRUE(ReadOptionFile((dir / "diskhold.exe").string()));
+  std::filesystem::remove_all(dir);
+  ASSERT_EQ(Arguments().entries.size(), 3u);
+  EXPECT_EQ(Arguments().entries[0].text.size(), kArgumentTextWidth);
+  EXPECT_EQ(Options().valueText2, std::string(1023 - 10, 'a'));
+  EXPECT_EQ(State().badArgument, std::string(1500 - 1023, 'a'));
+  EXPECT_EQ(Options().command, kCmdList);
 }
 
 }  // namespace

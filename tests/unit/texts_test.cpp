@@ -176,6 +176,22 @@ TEST(NumberFormat, Formats) {
     EXPECT_TRUE(FormatNumberLikeWindows(in, format, &out)) << in;
     EXPECT_EQ(out, text) << in;
   }
+  // Every negative order, and what must be refused without touching the output.
+  const char* negative[] = {"(1.1)", "-1.1", "- 1.1", "1.1-", "1.1 -"};
+  for (uint32_t order = 0; order < 5; ++order) {
+    std::string out;
+    EXPECT_TRUE(FormatNumberLikeWindows("-1.1", {.numDigits = 1, .negativeOrder = order}, &out));
+    EXPECT_EQ(out, negative[order]);
+  }
+  const std::tuple<const char*, NumberFormat> refused[] = {
+      {"", kUs},  {"-.", kUs},  {"1.2.3", kUs}, {"+1", kUs}, {" 1", kUs},  {"1e5", kUs}, {"--1", kUs}, {"1-", kUs},
+      {"1,000", kUs}, {"1", {.numDigits = 10}}, {"1", {.leadingZero = 2}}, {"1", {.grouping = 33}},
+      {"1", {.negativeOrder = 5}}};
+  for (const auto& [in, format] : refused) {
+    std::string out = "untouched";
+    EXPECT_FALSE(FormatNumberLikeWindows(in, format, &out)) << "'" << in << "'";
+    EXPECT_EQ(out, "untouched");
+  }
 }
 
 }  // namespace
