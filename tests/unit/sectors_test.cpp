@@ -168,6 +168,19 @@ WritePlan AnySector() {
   return plan;
 }
 
+TEST_F(SectorOpsTest, EveryWriteIsHeldToThePlanInForce) {
+  test::FakeDrive& d = MakeDisk(256);
+  const Bytes expected = d.bytes;
+  const Bytes data(2 * 512, 0xAB);
+  DiskSet disks(test::TestDrivers(), false);
+  EXPECT_EQ(kWriteFailed, WriteSectors(disks, 5, data.data(), 1));  // no plan in force
+  WritePlan plan;
+  plan.Allow(5, 1);
+  WriteScope scope(disks, plan);
+  EXPECT_EQ(kWriteFailed, WriteSectors(disks, 5, data.data(), 2));  // sector 6 is not in the plan
+  EXPECT_EQ(expected, d.bytes);
+}
+
 TEST_F(SectorOpsTest, WipeWritesChunksRetriesAFailedOneSectorBySectorAndStopsAtTheEnd) {
   test::FakeDrive& d = MakeDisk(6000);
   d.badSectors = {2500, 2501};
