@@ -86,7 +86,6 @@ void CheckPrimary(DiskSet& disks, GptTable& table) {
     table.primaryFault = fault;
     return;
   }
-  table.headerCrcValid = HeaderCrcMatches(table.primaryHeader);
   table.arrayLoaded = ReadArray(disks, table.header, &table.entryArray);
   table.arrayCrcValid = table.arrayLoaded && ArrayCrcMatches(table.primaryHeader, table.entryArray,
                                                              table.header.entryCount);

@@ -78,9 +78,8 @@ class GptTable : public TableDriver {
   // holds its facts.  Nothing is read or written through a header without it.
   bool headerValid = false;
   GptHeaderFacts header;
-  // The header's CRC and the entry array's CRC check out.  A table that
-  // fails either is listed but never rewritten.
-  bool headerCrcValid = false;
+  // The entry array's CRC checks out (a bad header CRC shows in
+  // primaryFault).  A table that fails either is listed but never rewritten.
   bool arrayCrcValid = false;
   // What is wrong with the primary GPT and with the backup GPT (kNone when
   // the copy passed every check).
