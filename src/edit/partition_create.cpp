@@ -40,8 +40,6 @@ PartitionRecord* Primary(DiskSet& disks, int32_t n) {
   return table ? table->Get(n, kKindPrimary) : nullptr;
 }
 
-
-
 // Whether [start, start + size) shares a sector with a primary partition.
 bool OverlapsPartition(DiskSet& disks, uint64_t start, uint64_t size) {
   int32_t count = PrimaryCount(disks);
@@ -51,16 +49,6 @@ bool OverlapsPartition(DiskSet& disks, uint64_t start, uint64_t size) {
     if (start < p->startLba + p->sectorCount && p->startLba < start + size) return true;
   }
   return false;
-}
-
-// The last word before an entry is written: an MBR entry holds 32-bit
-// numbers, so an area it cannot describe exactly, one beyond the end of the
-// disk, or one over an existing partition is never written, whatever a
-// damaged table or an unusual disk size made of the steps before.
-bool AreaFits(DiskSet& disks, uint64_t start, uint64_t size) {
-  if (size == 0 || size > kMaxMbrSectors || start > kMaxMbrSectors) return false;
-  if (start > disks.totalSectors || size > disks.totalSectors - start) return false;
-  return !OverlapsPartition(disks, start, size);
 }
 
 void StoreChs(uint8_t* triple, uint32_t sector, uint32_t heads, uint32_t sectorsPerTrack) {
@@ -82,6 +70,16 @@ void StoreChs(uint8_t* triple, uint32_t sector, uint32_t heads, uint32_t sectors
 }
 
 }  // namespace
+
+// The last word before an entry is written: an MBR entry holds 32-bit
+// numbers, so an area it cannot describe exactly, one beyond the end of the
+// disk, or one over an existing partition is never written, whatever a
+// damaged table or an unusual disk size made of the steps before.
+bool AreaFits(DiskSet& disks, uint64_t start, uint64_t size) {
+  if (size == 0 || size > kMaxMbrSectors || start > kMaxMbrSectors) return false;
+  if (start > disks.totalSectors || size > disks.totalSectors - start) return false;
+  return !OverlapsPartition(disks, start, size);
+}
 
 FreeArea FindFreeSpace(DiskSet& disks) {
   const uint64_t total = disks.totalSectors;

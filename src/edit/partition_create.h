@@ -32,6 +32,10 @@ FreeArea FindFreeSpace(DiskSet& disks);
 // Sectors beyond the end of the disk are never assigned.
 bool IsSectorAssigned(DiskSet& disks, uint64_t sector);
 
+// Whether [start, start + size) may take a new MBR entry: 32-bit numbers,
+// on the disk, over no primary partition.  The check right before the write.
+bool AreaFits(DiskSet& disks, uint64_t start, uint64_t size);
+
 // The room from `start` up to one sector before the nearest partition that
 // starts after it, or to the end of the disk when none follows; 0 when
 // there is none.  Never overlaps a partition.

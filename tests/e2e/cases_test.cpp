@@ -54,6 +54,7 @@
 #include <string>
 #include <vector>
 
+#include "../reference.h"
 #include "harness.h"
 
 namespace {
@@ -131,15 +132,6 @@ std::vector<std::string> Words(const std::string& line) {
 bool IsResult(const std::string& l) {
   return l == "|" || l == "!" || l.rfind("| ", 0) == 0 || l.rfind("! ", 0) == 0 || l.rfind("= ", 0) == 0 ||
          l.rfind("~ ", 0) == 0 || l == "\\ no newline";
-}
-
-uint32_t Crc32(const uint8_t* p, size_t n) {
-  uint32_t crc = 0xFFFFFFFFu;
-  for (size_t i = 0; i < n; ++i) {
-    crc ^= p[i];
-    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-  }
-  return ~crc;
 }
 
 Bytes ParseBytes(const std::vector<std::string>& w, size_t from) {
@@ -263,7 +255,7 @@ class Runner {
     } else if (op == "gptcrc") {
       Bytes h = Drive(w[1]).Read(1);
       std::fill(h.begin() + 16, h.begin() + 20, 0);
-      e2e::PutLe(h, 16, Crc32(h.data(), 92), 4);
+      e2e::PutLe(h, 16, dh::test::ReferenceCrc32(h.data(), 92), 4);
       Drive(w[1]).Write(1, h);
     } else if (op == "file") {
       const Bytes b = ParseBytes(w, 2);
@@ -286,7 +278,7 @@ class Runner {
       const Bytes b = Get(w[1]);
       char head[64];
       if (op == "sum") {
-        std::snprintf(head, sizeof head, "| %zu bytes, crc %08x\n", b.size(), Crc32(b.data(), b.size()));
+        std::snprintf(head, sizeof head, "| %zu bytes, crc %08x\n", b.size(), dh::test::ReferenceCrc32(b.data(), b.size()));
         return head;
       }
       std::string out, last;

@@ -24,22 +24,19 @@ function(expect_installed root)
   endif()
 endfunction()
 
-# A prefix given on the command line.
-execute_process(COMMAND "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${WORK_DIR}/prefix"
-                RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE out)
-if(NOT status EQUAL 0)
-  message(FATAL_ERROR "cmake --install --prefix failed (${status}):\n${out}")
-endif()
-expect_installed("${WORK_DIR}/prefix")
-
-# A staged install as packagers do it: DESTDIR in front of the prefix.
-execute_process(COMMAND "${CMAKE_COMMAND}" -E env "DESTDIR=${WORK_DIR}/stage"
-                        "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix /opt/diskhold
-                RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE out)
-if(NOT status EQUAL 0)
-  message(FATAL_ERROR "cmake --install with DESTDIR failed (${status}):\n${out}")
-endif()
-expect_installed("${WORK_DIR}/stage/opt/diskhold")
+function(install_and_check destdir prefix)
+  execute_process(COMMAND "${CMAKE_COMMAND}" -E env "DESTDIR=${destdir}"
+                          "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}"
+                  RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE out)
+  if(NOT status EQUAL 0)
+    message(FATAL_ERROR "cmake --install (DESTDIR '${destdir}', prefix ${prefix}) failed (${status}):\n${out}")
+  endif()
+  expect_installed("${destdir}${prefix}")
+endfunction()
+# A prefix given on the command line, and a staged install as packagers do
+# it: DESTDIR in front of the prefix.
+install_and_check("" "${WORK_DIR}/prefix")
+install_and_check("${WORK_DIR}/stage" /opt/diskhold)
 
 # The installed program runs on its own: the disk count of the demo machine
 # is its exit status.

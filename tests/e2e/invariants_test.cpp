@@ -22,6 +22,7 @@
 #include <regex>
 #include <sstream>
 
+#include "../reference.h"
 #include "harness.h"
 
 namespace {
@@ -116,22 +117,8 @@ const GptType kGptTypes[] = {
 };
 
 void PutGuid(Bytes& b, size_t at, const std::string& text) {
-  auto hex = [&](size_t pos, int n) { return std::strtoull(text.substr(pos, static_cast<size_t>(n)).c_str(), nullptr, 16); };
-  e2e::PutLe(b, at, hex(0, 8), 4);
-  e2e::PutLe(b, at + 4, hex(9, 4), 2);
-  e2e::PutLe(b, at + 6, hex(14, 4), 2);
-  b[at + 8] = static_cast<uint8_t>(hex(19, 2));
-  b[at + 9] = static_cast<uint8_t>(hex(21, 2));
-  for (int i = 0; i < 6; ++i) b[at + 10 + static_cast<size_t>(i)] = static_cast<uint8_t>(hex(24 + 2 * static_cast<size_t>(i), 2));
-}
-
-uint32_t Crc(const uint8_t* d, size_t n) {
-  uint32_t c = 0xFFFFFFFFu;
-  for (size_t i = 0; i < n; ++i) {
-    c ^= d[i];
-    for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-  }
-  return ~c;
+  const Bytes g = dh::test::GuidBytes(text);
+  std::copy(g.begin(), g.end(), b.begin() + static_cast<std::ptrdiff_t>(at));
 }
 
 struct GptPart {
@@ -264,8 +251,8 @@ void WriteGptLayout(Rng& r, const e2e::Image& img, Layout& lay) {
     e2e::PutLe(h, 72, arrayLba, 8);
     e2e::PutLe(h, 80, static_cast<uint64_t>(lay.entryCount), 4);
     e2e::PutLe(h, 84, 128, 4);
-    e2e::PutLe(h, 88, Crc(array.data(), static_cast<size_t>(lay.entryCount) * 128), 4);
-    e2e::PutLe(h, 16, Crc(h.data(), 92), 4);
+    e2e::PutLe(h, 88, dh::test::ReferenceCrc32(array.data(), static_cast<size_t>(lay.entryCount) * 128), 4);
+    e2e::PutLe(h, 16, dh::test::ReferenceCrc32(h.data(), 92), 4);
     return h;
   };
   const Bytes guid = RandomBytes(r, 16);

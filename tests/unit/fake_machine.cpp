@@ -67,9 +67,10 @@ class FakeFile : public platform::File {
     *done = bytes;
     return true;
   }
-  bool Flush() override {
-    ++drive_->flushCalls;
-    return true;
+  bool Flush() override { return ++drive_->flushCalls, !drive_->flushFails; }
+  bool ZeroRange(uint64_t offset, uint64_t bytes) override {
+    if (!drive_->zeroes || offset > drive_->bytes.size() || bytes > drive_->bytes.size() - offset) return false;
+    return std::fill_n(drive_->bytes.begin() + static_cast<std::ptrdiff_t>(offset), bytes, 0), true;
   }
   bool Size(uint64_t* bytes) override {
     *bytes = drive_->bytes.size();
@@ -251,23 +252,6 @@ void RunHandler(DiskSet& disks) {
   static const FrameChars frame = SelectFrameChars(3, 437);
   CommandContext context{Options(), State(), disks, StdOut(), frame, 437};
   spec->handler(context);
-}
-
-uint32_t ReferenceCrc32(const uint8_t* data, size_t size) {
-  uint32_t crc = 0xFFFFFFFFu;
-  for (size_t i = 0; i < size; ++i) {
-    crc ^= data[i];
-    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-  }
-  return ~crc;
-}
-
-std::vector<uint8_t> GuidBytes(const std::string& text) {
-  // Where each stored byte's two digits stand in the text (mixed endian).
-  static const size_t kAt[16] = {6, 4, 2, 0, 11, 9, 16, 14, 19, 21, 24, 26, 28, 30, 32, 34};
-  std::vector<uint8_t> g(16);
-  for (size_t i = 0; i < 16; ++i) g[i] = static_cast<uint8_t>(std::stoul(text.substr(kAt[i], 2), nullptr, 16));
-  return g;
 }
 
 namespace {

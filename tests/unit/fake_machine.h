@@ -16,6 +16,7 @@
 
 #include "disk/disk_set.h"
 #include "platform/platform.h"
+#include "../reference.h"
 
 namespace dh::test {
 
@@ -27,6 +28,8 @@ struct FakeDrive {
   std::set<uint64_t> badSectors;              // transfers touching these 512-byte sectors fail
   uint32_t readLimit = 0;                     // non-zero: a read delivers at most this many bytes
   bool writeProtected = false;
+  bool zeroes = false;     // zeroes a range of its own (a file system's hole punching)
+  bool flushFails = false;
   platform::DiskGeometry geometry;  // set by FakeMachine::AddDrive
   int updatePropertiesCalls = 0;
   int writeCalls = 0;
@@ -154,11 +157,6 @@ class FakeDiskTest : public ::testing::Test {
   std::vector<uint8_t> before;
 };
 
-// A bit-by-bit CRC32 of its own, so that the tests do not check the
-// program's CRC against itself.
-uint32_t ReferenceCrc32(const uint8_t* data, size_t size);
-// "C12A7328-F81F-11D2-BA4B-00A0C93EC93B" as the 16 bytes stored on disk.
-std::vector<uint8_t> GuidBytes(const std::string& text);
 
 const char* const kEfiType = "C12A7328-F81F-11D2-BA4B-00A0C93EC93B";
 const char* const kBasicDataType = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";

@@ -142,6 +142,19 @@ class GptTableTest : public test::FakeDiskTest {
     test::SealHeader(drive->Sector(1));
   }
 
+  // A backup file of `kind` declaring `declared` sectors and holding the
+  // first `count` sectors of the disk.
+  Bytes BackupFile(uint8_t kind, uint32_t count, uint32_t declared) {
+    Bytes file(512, 0);
+    std::memcpy(file.data(), "DDdhk\x03", 6);
+    file[10] = kind;
+    StoreLe64(file.data() + 130, declared);
+    file[510] = file[511] = 'D';
+    const Bytes data = Area(*drive, 0, count);
+    file.insert(file.end(), data.begin(), data.end());
+    return file;
+  }
+
   // Runs `edit` and expects it to return `code` without writing anything.
   template <typename Edit>
   void ExpectNoWrite(ResultCode code, Edit edit) {
@@ -182,6 +195,11 @@ TEST_F(GptTableTest, HostileHeadersAreInvalidAndAllocateNothing) {
     EXPECT_EQ(GptSaveSectorCount(*disks), 0u);
     ExpectNoWrite(kGptInvalid, [&] { return ClearGptEntries(*disks); });
   }
+  // A header that names another sector as its own is damaged all the same.
+  test::WriteGptDisk(*drive, kFourEntries);
+  Poke(gpt::kMyLba, 2);
+  EXPECT_EQ(LoadGpt().primaryFault, GptFault::kBadLba);
+  ExpectNoWrite(kGptInvalid, [&] { return ClearGptEntries(*disks); });
 }
 
 TEST_F(GptTableTest, HostileEntriesGiveBoundedNumbers) {
@@ -258,7 +276,7 @@ TEST_F(GptTableTest, FailedWritesReturn202) {
   EXPECT_EQ(LoadGpt().EntryCount(), 3);
   ExpectNoWrite(kGptSaveFailed, [&] { return RemoveGptEntry(*disks, 1); });
   test::WriteGptDisk(*drive, kFourEntries, kNoBackup);
-  Poke(gpt::kLastUsableLba, kSectors - 2);  // no room left before the disk's last sector
+  Poke(gpt::kLastUsableLba, kSectors - 33);  // the backup array's first sector is still usable
   LoadGpt();
   ExpectNoWrite(kGptSaveFailed, [&] { return RemoveGptEntry(*disks, 1); });
   EXPECT_EQ(GptOf(*disks)->EntryCount(), 3);
@@ -288,6 +306,11 @@ TEST_F(GptTableTest, SaveAndWipeSizes) {
   EXPECT_TRUE(GptHeaderValid(*disks));
   EXPECT_EQ(GptSaveSectorCount(*disks), 34u);
   EXPECT_EQ(GptWipeLastSector(*disks), 33u);
+  // A partition only the MBR of a hybrid table lists stops the wipe too.
+  Poke(gpt::kFirstUsableLba, 2048);
+  test::PutMbrEntry(drive->Sector(0), 446 + 16, {0, 0x07, 40, 100});
+  LoadGpt();
+  EXPECT_EQ(GptWipeLastSector(*disks), 39u);
   // 2048 as sfdisk writes it; a first usable LBA past the first partition
   // stops before the partition, one past the disk at its end.
   for (auto [empty, firstUsable, lastWiped] : {std::tuple{false, uint64_t{2048}, uint64_t{2047}},
@@ -303,22 +326,13 @@ TEST_F(GptTableTest, SaveAndWipeSizes) {
 TEST_F(GptTableTest, RestoreRefusesWrongFilesAndWritesNothing) {
   test::WriteGptDisk(*drive, kFourEntries);
   LoadGpt();
-  // A backup file of `kind` declaring `declared` sectors and holding the
-  // first `count` sectors of the disk.
-  auto BackupFile = [&](uint8_t kind, uint32_t count, uint32_t declared) {
-    Bytes file(512, 0);
-    std::memcpy(file.data(), "DDdhk\x03", 6);
-    file[10] = kind;
-    StoreLe64(file.data() + 130, declared);
-    file[510] = file[511] = 'D';
-    const Bytes data = Area(*drive, 0, count);
-    file.insert(file.end(), data.begin(), data.end());
-    return file;
-  };
   Bytes noEfi = BackupFile(3, 34, 34);
   noEfi[1024] = 'X';
   Bytes badArray = BackupFile(3, 34, 34);
   StoreLe64(badArray.data() + 1024 + gpt::kEntryArrayLba, kSectors);
+  Bytes overBackup = BackupFile(3, 34, 34);  // a usable area over where the backup array goes
+  StoreLe64(overBackup.data() + 1024 + gpt::kLastUsableLba, kSectors - 33);
+  test::SealHeader(overBackup.data() + 1024);
   Bytes headerOnly = BackupFile(3, 0, 34);
   headerOnly.resize(300);
   const std::vector<std::tuple<const char*, Bytes, ResultCode>> cases = {
@@ -330,6 +344,7 @@ TEST_F(GptTableTest, RestoreRefusesWrongFilesAndWritesNothing) {
       {"no EFI PART", noEfi, kGptInvalid},
       {"one sector", BackupFile(3, 1, 1), kGptInvalid},
       {"array off the disk", badArray, kGptInvalid},
+      {"usable area over the backup", overBackup, kGptInvalid},
   };
   const Bytes before = drive->bytes;
   for (const auto& [what, file, expected] : cases) {
@@ -339,6 +354,21 @@ TEST_F(GptTableTest, RestoreRefusesWrongFilesAndWritesNothing) {
   EXPECT_EQ(RestoreGptImage(*disks, "missing.dhk"), kGptFileOpen);
   EXPECT_EQ(drive->bytes, before);
   EXPECT_EQ(GptOf(*disks)->firstError, kGptBadBackupFile);
+}
+
+// A partition only the backup array still lists (here one that runs to the
+// disk's end) is kept out of every rewrite and restore.
+TEST_F(GptTableTest, APartitionOnlyTheBackupListsIsNeverWrittenOver) {
+  std::vector<GptTestEntry> longer = kFourEntries;
+  longer.push_back({test::kBasicDataType, 10240, kSectors - 1, 0});
+  test::WriteGptDisk(*drive, longer);
+  const Bytes backup = Area(*drive, kSectors - 33, 33);
+  test::WriteGptDisk(*drive, kFourEntries);
+  machine.AddFile("gpt.dhk", BackupFile(3, 34, 34));
+  std::copy(backup.begin(), backup.end(), drive->Sector(kSectors - 33));
+  ASSERT_EQ(LoadGpt().EntryCount(), 3);
+  ExpectNoWrite(kGptSaveFailed, [&] { return RemoveGptEntry(*disks, 1); });
+  ExpectNoWrite(kGptSaveFailed, [&] { return RestoreGptImage(*disks, "gpt.dhk"); });
 }
 
 }  // namespace

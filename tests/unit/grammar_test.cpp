@@ -163,6 +163,7 @@ TEST_F(GrammarTest, NumberReadings) {
       {" \t12", 12}, {"-5x", -5}, {"+7", 7}, {"abc", 0}, {"", 0}, {"- 5", 0}, {"2147483647", INT32_MAX},
       {"2147483648", INT32_MAX}, {"-2147483648", INT32_MIN}};
   for (const auto& [text, value] : decimals) EXPECT_EQ(ReadDecimal(text), value) << text;
+  EXPECT_EQ(ReadDecimal64("9223372036854775806"), INT64_MAX - 1);
   EXPECT_EQ(ReadDecimal64("9223372036854775807"), INT64_MAX);
   EXPECT_EQ(ReadDecimal64("-9223372036854775808"), INT64_MIN);
   EXPECT_EQ(ReadDecimal64("-99999999999999999999"), INT64_MIN);

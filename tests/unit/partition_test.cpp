@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <string>
 #include <set>
@@ -218,19 +217,19 @@ TEST_F(PartitionTableTest, ChainsEndWhereTheyLoopOrCannotBeRead) {
   }
 }
 
-TEST_F(PartitionTableTest, ChainOfTenThousandLogicalsLoadsQuickly) {
-  constexpr uint32_t kLogicals = 10000;
+// A chain one link longer than the number of logicals read: the rest is
+// not read, and what is read keeps its numbers.
+TEST_F(PartitionTableTest, ChainsLongerThanTheLimitStopAtIt) {
+  constexpr uint32_t kLogicals = kMaxLogicalPartitions + 1;
   constexpr uint32_t kStart = 2048;
   drive->bytes.resize((kStart + 2 * kLogicals + 16) * 512);
   PutSlot(0, kExtended, kStart, 2 * kLogicals);
   for (uint32_t i = 0; i < kLogicals; ++i) {
     PutEbr(kStart + 2 * i, kNtfs, 1, 1, i + 1 < kLogicals ? 2 * (i + 1) : 0);
   }
-  const auto begin = std::chrono::steady_clock::now();
   PartitionTable& t = LoadTable();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
-  ASSERT_EQ(t.Count(kKindLogical), static_cast<int32_t>(kLogicals));
-  EXPECT_EQ(t.Get(kLogicals, kKindLogical)->startLba, kStart + 2 * (kLogicals - 1) + 1u);
+  ASSERT_EQ(t.Count(kKindLogical), kMaxLogicalPartitions);
+  EXPECT_EQ(t.Get(kMaxLogicalPartitions, kKindLogical)->startLba, kStart + 2 * (kLogicals - 2) + 1u);
 }
 
 TEST_F(PartitionTableTest, SortByStartIsAPlainSelectionSort) {

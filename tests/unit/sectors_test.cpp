@@ -20,6 +20,7 @@
 #include "base/sink.h"
 #include "disk/backup_file.h"
 #include "disk/disk_set.h"
+#include "disk/sector_device.h"
 #include "disk/write_plan.h"
 #include "fake_machine.h"
 #include "mbr/partition.h"
@@ -115,6 +116,19 @@ TEST_F(BackupHeaderDiskTest, GptEntriesBeyondTheFourthHaveNoSlotButMayBeTheSourc
   EXPECT_EQ(0, std::memcmp(out + 510, "DD", 2));
 }
 
+// The source is the first partition that starts at the saved sector, with
+// its own slot: here partition 2 (slot 1) beside a nested 3, and 4 (slot 3).
+TEST_F(BackupHeaderDiskTest, TheSourceIsTheFirstPartitionAtTheSavedSector) {
+  MakeMbrDisk({{0, 0x07, 100, 50}, {0, 0x0C, 200, 50}, {0, 0x83, 200, 10}, {0, 0x0B, 300, 50}});
+  Load();
+  uint8_t out[512];
+  for (auto [sector, partition, slotAndType] : {std::tuple{200u, 2, "\x01\x0C"}, {300u, 4, "\x03\x0B"}}) {
+    FillBackupHeader(*disks, out, kBackupVbr, sector, 1);
+    EXPECT_EQ(partition, DecodeBackupHeader(out).sourcePartition);
+    EXPECT_EQ(0, std::memcmp(out + 215, slotAndType, 2)) << sector;
+  }
+}
+
 TEST_F(BackupHeaderDiskTest, ReadersTakeOnlyAWholeSectorBeginningWithDD) {
   Bytes header(512, 0);
   header[0] = header[1] = 'D';
@@ -175,10 +189,35 @@ TEST_F(SectorOpsTest, EveryWriteIsHeldToThePlanInForce) {
   DiskSet disks(test::TestDrivers(), false);
   EXPECT_EQ(kWriteFailed, WriteSectors(disks, 5, data.data(), 1));  // no plan in force
   WritePlan plan;
-  plan.Allow(5, 1);
+  plan.Allow(5, 2);
   WriteScope scope(disks, plan);
-  EXPECT_EQ(kWriteFailed, WriteSectors(disks, 5, data.data(), 2));  // sector 6 is not in the plan
+  EXPECT_EQ(kWriteFailed, WriteSectors(disks, 6, data.data(), 2));  // sector 7 is not in the plan
+  d.zeroes = true;
+  EXPECT_FALSE(disks.Device().ZeroRange(7 * 512, 512));  // nor is a range the device would zero itself
+  disks.totalSectors = 6;  // the disk ends before the drive does
+  EXPECT_EQ(kWriteFailed, WriteSectors(disks, 5, data.data(), 2));
   EXPECT_EQ(expected, d.bytes);
+}
+
+// A device that says it moved `claim` bytes, whatever it was asked.
+struct ClaimingDevice : SectorDevice {
+  uint32_t claim = 0;
+  bool ReadSome(uint64_t, void*, uint32_t, uint32_t* done) override { return *done = claim, true; }
+  bool WriteSome(uint64_t, const void*, uint32_t, uint32_t* done) override { return *done = claim, true; }
+  bool Flush() override { return true; }
+  bool SizeBytes(uint64_t* bytes) override { return *bytes = 1 << 20, true; }
+};
+
+TEST(SectorDevice, ATransferOfMoreThanAskedOrOfNothingFails) {
+  ClaimingDevice device;
+  uint8_t buffer[512] = {};
+  bool failed = false;
+  device.claim = 300;  // the second transfer claims more than the 212 bytes left
+  ReadFull(device, 0, buffer, 512, &failed);
+  EXPECT_TRUE(failed);
+  EXPECT_FALSE(WriteFull(device, 0, buffer, 512));
+  device.claim = 0;  // a write that never moves a byte ends instead of looping
+  EXPECT_FALSE(WriteFull(device, 0, buffer, 512));
 }
 
 TEST_F(SectorOpsTest, WipeWritesChunksRetriesAFailedOneSectorBySectorAndStopsAtTheEnd) {
@@ -202,7 +241,7 @@ TEST_F(SectorOpsTest, WipeWritesChunksRetriesAFailedOneSectorBySectorAndStopsAtT
   EXPECT_EQ(kWipeFailed, WipeArea(*empty, 0, 0));
 }
 
-TEST_F(SectorOpsTest, RestoreWritesMiBChunksAndFlushesOnce) {
+TEST_F(SectorOpsTest, RestoreWritesMiBChunksFlushesOnceAndNeverPastTheEnd) {
   test::FakeDrive& d = MakeDisk(10000);
   const Bytes data = Sectors(0, 6144, 9);
   machine.AddFile("three.bin", data);
@@ -216,22 +255,12 @@ TEST_F(SectorOpsTest, RestoreWritesMiBChunksAndFlushesOnce) {
   EXPECT_EQ(data, Bytes(d.bytes.begin(), d.bytes.begin() + 6144 * 512));
   EXPECT_EQ(3, d.writeCalls);
   EXPECT_EQ(1, d.flushCalls);
-}
 
-TEST_F(SectorOpsTest, RestoreAndCopyNeverReachPastTheEndOfTheDisk) {
-  test::FakeDrive& d = MakeDisk(5000);
-  const Bytes data = Sectors(0, 3000, 4);
-  machine.AddFile("big.bin", data);
-  DiskSet disks(test::TestDrivers(), false);
-  WriteScope scope(disks, AnySector());
   // A file that holds more than fits from the target on is refused before
   // anything is written.
-  const Bytes before = d.bytes;
-  EXPECT_EQ(kFileSizeMismatch, RestoreFromFile(disks, "big.bin", 4000, -1, false, StdOut()));
-  EXPECT_EQ(before, d.bytes);
-
   d.writeCalls = 0;
-  EXPECT_EQ(kWriteFailed, CopySector(*Fresh(), 1, 5000));
+  EXPECT_EQ(kFileSizeMismatch, RestoreFromFile(disks, "three.bin", 4000, -1, false, StdOut()));
+  EXPECT_EQ(kWriteFailed, CopySector(*Fresh(), 1, 10000));
   EXPECT_EQ(0, d.writeCalls);
 }
 

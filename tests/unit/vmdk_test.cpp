@@ -211,6 +211,11 @@ TEST_F(VmdkTest, AWriteIntoAGrainWithoutStorageAppendsItAndPointsBothTablesAtIt)
     EXPECT_EQ(s.Gte(file.bytes, dir, 2), 256u);
     EXPECT_EQ(s.Gte(file.bytes, dir, 3), 384u);
   }
+  // The tables point at a new grain only after the grain is on the medium.
+  file.flushFails = true;
+  EXPECT_FALSE(WriteAt(disk->device, 5 * 128, data.data(), 512));
+  EXPECT_EQ(s.Gte(file.bytes, s.gd, 5), 0u);
+  file.flushFails = false;
   Bytes back(1536, 1);
   ASSERT_TRUE(disk->device.ReadAt(3 * 128 - 2, back.data(), 1536));
   EXPECT_EQ(Bytes(back.begin(), back.begin() + 512), Bytes(512, 0));
@@ -263,10 +268,15 @@ TEST_F(VmdkTest, DamagedGrainTablesOpenForReadingOnly) {
     const char* what;
     std::function<void(Bytes&)> damage;
     const char* problem;
+    bool grain5Unreadable = false;  // its entry leads outside the grains: a read fails, never shows other bytes
   } cases[] = {
-      {"entry in the header", [&](Bytes& b) { s.SetGte(b, 5, 1); }, "grain 5 points at sector 1, inside the metadata"},
-      {"entry in the tables", [&](Bytes& b) { s.SetGte(b, 5, 27); }, "grain 5 points at sector 27, inside the"},
-      {"entry beyond the file", [&](Bytes& b) { s.SetGte(b, 5, 100000); }, "sector 100000, past the file's end"},
+      {"entry in the header", [&](Bytes& b) { s.SetGte(b, 5, 1); }, "grain 5 points at sector 1, inside the metadata",
+       true},
+      {"entry in the tables", [&](Bytes& b) { s.SetGte(b, 5, 27); }, "grain 5 points at sector 27, inside the", true},
+      {"entry beyond the file", [&](Bytes& b) { s.SetGte(b, 5, 100000); }, "sector 100000, past the file's end", true},
+      {"entry at the file's end", [&](Bytes& b) { s.SetGte(b, 5, 640); }, "sector 640, past the file's end", true},
+      {"unaligned grains one sector over", [&](Bytes& b) { s.SetGte(b, 7, 258), s.SetGte(b, 9, 385); },
+       "grains 7 and 9 (table 0 entry 7 at sector 258, table 0 entry 9 at sector 385) overlap"},
       {"two entries, one grain", [&](Bytes& b) { s.SetGte(b, 9, grain0); },
        "grains 0 and 9 (table 0 entry 0, table 0 entry 9) both point at sector 128"},
       {"grains that overlap", [&](Bytes& b) { s.SetGte(b, 9, grain0 + 2); },
@@ -276,7 +286,7 @@ TEST_F(VmdkTest, DamagedGrainTablesOpenForReadingOnly) {
   };
   for (const auto& c : cases) {
     Bytes b = s.Build(kSparseDescriptor);
-    b.resize((s.overhead + s.grainSize + 8) * 512);
+    b.resize((s.overhead + 4 * s.grainSize) * 512);
     s.SetGte(b, 0, grain0);
     b[grain0 * 512 + 510] = 0x55;
     b[grain0 * 512 + 511] = 0xAA;
@@ -295,6 +305,8 @@ TEST_F(VmdkTest, DamagedGrainTablesOpenForReadingOnly) {
     EXPECT_FALSE(disk->device.WriteSome(0, b.data(), 512, &done)) << c.what;
     EXPECT_EQ(file.writeCalls, 0) << c.what;
     EXPECT_EQ(file.bytes, b) << c.what;
+    Bytes sector(512);
+    EXPECT_EQ(c.grain5Unreadable, !disk->device.ReadAt(5 * 128, sector.data(), 512)) << c.what;
   }
 }
 
