@@ -38,7 +38,6 @@ constexpr uint64_t kSmallDisk = 4 * kCylinderSectors;
 const char* const kInvalidTable = "Invalid partition table";
 const char* const kLoadError = "Error loading operating system";
 const char* const kMissingOs = "Missing operating system";
-const char* const kBadHandover = "BAD-HANDOVER";
 
 // The probe boot sector (nasm, org 7C00h):
 //   cmp dl,80h / jne bad / mov ax,ds / test ax,ax / jnz bad
