@@ -79,7 +79,8 @@ class GptTable : public TableDriver {
   bool headerValid = false;
   GptHeaderFacts header;
   // The entry array's CRC checks out (a bad header CRC shows in
-  // primaryFault).  A table that fails either is listed but never rewritten.
+  // primaryFault).  A table whose header or array fails its CRC is listed
+  // but never rewritten.
   bool arrayCrcValid = false;
   // What is wrong with the primary GPT and with the backup GPT (kNone when
   // the copy passed every check).

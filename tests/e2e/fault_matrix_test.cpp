@@ -99,15 +99,19 @@ std::vector<Transfer> ParseTrace(const std::string& text) {
   return all;
 }
 
+// DISKHOLD_MATRIX_FIRST set (the memcheck stage): each transfer of the
+// command's own drive fails once, at its first sector, at a fraction of the runs.
+bool FirstSectorsOnly() {
+  static const bool set = std::getenv("DISKHOLD_MATRIX_FIRST") != nullptr;
+  return set;
+}
+
 // The sectors of a transfer a bad sector is tried at: all of a short one;
 // the first two and the last two of a long one (a whole-disk transfer is a
-// run of chunks, so their edges are each chunk's).  With
-// DISKHOLD_MATRIX_FIRST set (the memcheck stage), only the first: every
-// transfer fails once, at a fraction of the runs.
+// run of chunks, so their edges are each chunk's).
 std::vector<uint64_t> ProbeSectors(const Transfer& t) {
-  static const bool firstOnly = std::getenv("DISKHOLD_MATRIX_FIRST") != nullptr;
   std::vector<uint64_t> at;
-  if (firstOnly) {
+  if (FirstSectorsOnly()) {
     at.push_back(t.first);
   } else if (t.count <= 4) {
     for (uint64_t k = 0; k < t.count; ++k) at.push_back(t.first + k);
@@ -467,7 +471,7 @@ TEST_F(FaultMatrix, BadSectorAtEveryTouchedSector) {
     std::set<std::pair<int, uint64_t>> probes;
     std::set<std::pair<int, uint64_t>> wrote;
     for (const Transfer& t : clean.trace) {
-      if (t.drive != target && std::getenv("DISKHOLD_MATRIX_FIRST") != nullptr) continue;
+      if (t.drive != target && FirstSectorsOnly()) continue;
       for (uint64_t s : ProbeSectors(t)) probes.insert({t.drive, s});
       if (t.op == "read") continue;
       for (uint64_t k = 0; k < t.count; ++k) wrote.insert({t.drive, t.first + k});

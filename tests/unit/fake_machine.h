@@ -157,7 +157,6 @@ class FakeDiskTest : public ::testing::Test {
   std::vector<uint8_t> before;
 };
 
-
 const char* const kEfiType = "C12A7328-F81F-11D2-BA4B-00A0C93EC93B";
 const char* const kBasicDataType = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
 const char* const kLinuxSwapType = "0657FD6D-A4AB-43C4-84E5-0933C84B4F4F";
