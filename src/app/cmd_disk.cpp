@@ -139,7 +139,7 @@ void ReadSignature(CommandContext& c) {
   RecordOutcome(c.disks.firstError, kStepSignatureRead);
 }
 
-void ChangeSignature(CommandContext& c, int32_t step, int32_t mode, const std::string& text) {
+void ChangeSignature(CommandContext& c, int32_t step, SignatureMode mode, const std::string& text) {
   c.options.command = step;
   SetDiskSignature(c.disks, mode, text);
   RecordOutcome(c.disks.firstError, step);
@@ -155,9 +155,9 @@ void HandleSignature(CommandContext& c) {
   if (EqualsIgnoreCase(action, "Read")) {
     ReadSignature(c);
   } else if (EqualsIgnoreCase(action, "Generate")) {
-    ChangeSignature(c, kStepSignatureGenerate, kSignatureGenerate, "");
+    ChangeSignature(c, kStepSignatureGenerate, SignatureMode::Generate, "");
   } else if (EqualsIgnoreCase(action, "Zero")) {
-    ChangeSignature(c, kStepSignatureZero, kSignatureZero, "");
+    ChangeSignature(c, kStepSignatureZero, SignatureMode::Zero, "");
   } else if (EqualsIgnoreCase(action, "Write")) {
     c.options.command = kStepSignatureWrite;
     if (!FindArgument("/Value")) {
@@ -169,7 +169,7 @@ void HandleSignature(CommandContext& c) {
       SetResultIfNone(kSignatureValueLength);
       return;
     }
-    ChangeSignature(c, kStepSignatureWrite, kSignatureWrite, value);
+    ChangeSignature(c, kStepSignatureWrite, SignatureMode::Write, value);
   } else {
     SetResultIfNone(kSignatureOption);
   }

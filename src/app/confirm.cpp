@@ -1,12 +1,12 @@
 #include "app/confirm.h"
 
-#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 
 #include "app/command_table.h"
 #include "app/run_state.h"
 #include "base/sink.h"
+#include "base/text.h"
 #include "disk/disk_set.h"
 #include "platform/platform.h"
 
@@ -80,7 +80,7 @@ bool ConfirmAction(const std::string& action, Sink& out) {
   int key = platform::Host().ReadKey();
   // At the end of input there is no key to echo; it answers no.
   if (key >= 0) out.Printf("%c", key);
-  bool yes = key >= 0 && std::tolower(key) == 'y';
+  bool yes = key >= 0 && key <= 0xFF && LowerAscii(static_cast<char>(key)) == 'y';
   out.Write("\n\n");
   return yes;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "app/command_table.h"
@@ -39,26 +40,25 @@ void CheckElevation() {
 void ResolveSelectors(const DiskDrivers& drivers, bool ignoreErrors) {
   RunOptions& o = Options();
   RunState& s = State();
-  int32_t mode = 0;
+  std::optional<VolumeSelector> selector;
   std::string text;
   ResultCode notFound = kSuccess;
   switch (o.partNumber) {
-    case kPartSystem: {
-      mode = 1;
+    case kPartSystem:
+      selector = VolumeSelector::System;
       notFound = kNoSystemPartition;
       break;
-    }
     case kPartBoot:
-      mode = 2;
+      selector = VolumeSelector::Boot;
       notFound = kNoBootPartition;
       break;
     case kPartUtility:
-      mode = 3;
+      selector = VolumeSelector::Utility;
       notFound = kNoUtilityPartition;
       break;
     case kPartVolumeLabel:
     case kPartDriveLetter:
-      mode = o.partNumber == kPartVolumeLabel ? 4 : 5;
+      selector = o.partNumber == kPartVolumeLabel ? VolumeSelector::Label : VolumeSelector::DriveLetter;
       notFound = kVolumeNotFound;
       if (FindArgument("/Vol")) text = CurrentArgumentValue();
       break;
@@ -66,9 +66,9 @@ void ResolveSelectors(const DiskDrivers& drivers, bool ignoreErrors) {
       break;
   }
   // An unset "systemdrive" variable finds nothing.
-  if (mode == 1 && !platform::Host().GetEnv("systemdrive", &text)) text.clear();
-  if (mode != 0) {
-    const LocatedVolume found = LocateVolume(drivers, mode, text, ignoreErrors);
+  if (selector == VolumeSelector::System && !platform::Host().GetEnv("systemdrive", &text)) text.clear();
+  if (selector) {
+    const LocatedVolume found = LocateVolume(drivers, *selector, text, ignoreErrors);
     if (found.found) {
       s.locatedDisk = found.disk;
       s.locatedPart = found.part;
@@ -122,7 +122,8 @@ int32_t RunDiskhold(int argc, char** argv) {
   }
 
   // The frame set follows the console, unless `text` asked for plain text.
-  const FrameChars frame = SelectFrameChars(o.textFrame ? 3 : FrameSetForCodePage(codePage), codePage);
+  const FrameSet set = o.textFrame ? FrameSet::PlainText : FrameSetForCodePage(codePage);
+  const FrameChars frame = SelectFrameChars(set, codePage);
 
   if (!o.silent) {
     std::printf("\n%s for %s\n", kProgramTitle, kPlatformName);

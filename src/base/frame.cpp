@@ -40,27 +40,27 @@ void AppendUtf8(std::string& out, uint32_t cp) {
 
 }  // namespace
 
-int FrameSetForCodePage(uint32_t codePage) {
+FrameSet FrameSetForCodePage(uint32_t codePage) {
   switch (codePage) {
     case 437:
-    case 65001: return 1;
+    case 65001: return FrameSet::DoubleLines;
     case 850:
     case 852:
-    case 855: return 2;
-    default: return 3;
+    case 855: return FrameSet::SingleLines;
+    default: return FrameSet::PlainText;
   }
 }
 
-FrameChars SelectFrameChars(int set, uint32_t codePage) {
+FrameChars SelectFrameChars(FrameSet set, uint32_t codePage) {
   FrameChars f;  // the plain text set
   f.codePage = codePage;
-  if (set == 1 || set == 2) {
+  if (set != FrameSet::PlainText) {
     f.hLine = 0xC4;
     f.vLine = 0xB3;
     f.dblVLine = 0xBA;
     f.teeLeft = 0xC3;
     f.teeRight = 0xB4;
-    if (set == 1) {
+    if (set == FrameSet::DoubleLines) {
       f.dblHLine = 0xCD;
       f.topLeft = 0xD5;
       f.topRight = 0xB8;

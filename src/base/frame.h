@@ -29,10 +29,14 @@ struct FrameChars {
   std::string Fill(uint32_t code, int count) const;
 };
 
-// Set 1, 2 or 3 (anything else: 3, plain text) for a console code page.
-FrameChars SelectFrameChars(int set, uint32_t codePage);
-// The set a console code page takes (437 and 65001: 1; 850, 852, 855: 2;
-// else 3).
-int FrameSetForCodePage(uint32_t codePage);
+// The three frame sets: box-drawing glyphs with double horizontal lines,
+// with single lines only, and plain ASCII text.
+enum class FrameSet { DoubleLines, SingleLines, PlainText };
+
+// The characters of a set for a console code page.
+FrameChars SelectFrameChars(FrameSet set, uint32_t codePage);
+// The set a console code page takes (437 and 65001: double lines; 850, 852,
+// 855: single lines; any other: plain text).
+FrameSet FrameSetForCodePage(uint32_t codePage);
 
 }  // namespace dh

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 
+#include "base/le.h"
+
 namespace dh {
 
 class DiskSet;
@@ -41,7 +43,6 @@ constexpr size_t kSourceTypeOffset = 216;
 constexpr size_t kTrailerOffset = 510;  // "DD"
 
 constexpr uint8_t kFormatVersion = 3;
-constexpr uint16_t kSectorSize = 512;
 
 static_assert(kLabelSlotsOffset + kLabelSlotCount * kLabelSlotSize == kSourcePartitionOffset,
               "the label slots end where the source partition begins");
@@ -65,7 +66,7 @@ enum BackupContentKind : uint8_t {
 // The header's fields; every other byte of the 512 is zero.
 struct BackupHeader {
   uint8_t version = backup::kFormatVersion;
-  uint16_t sectorSize = backup::kSectorSize;
+  uint16_t sectorSize = kSectorSize;
   uint8_t kind = kBackupRaw;
   bool mbrDisk = false;
   bool removable = false;

@@ -3,7 +3,6 @@
 // resolves the symbolic partition selectors.
 #include "disk/disk_set.h"
 
-#include <cctype>
 #include <cstdio>
 #include <cstring>
 
@@ -369,7 +368,8 @@ std::vector<PartitionRecord*> Partitions(DiskSet& disks, int32_t kind) {
   return table ? table->Records(kind) : std::vector<PartitionRecord*>();
 }
 
-LocatedVolume LocateVolume(const DiskDrivers& drivers, int32_t mode, const std::string& text, bool ignoreErrors) {
+LocatedVolume LocateVolume(const DiskDrivers& drivers, VolumeSelector selector, const std::string& text,
+                           bool ignoreErrors) {
   DiskSet scan(drivers, ignoreErrors);
   LocatedVolume result;
   for (int32_t d = 0; d < scan.diskCount && !result.found; ++d) {
@@ -378,25 +378,22 @@ LocatedVolume LocateVolume(const DiskDrivers& drivers, int32_t mode, const std::
     for (size_t i = 0; i < primaries.size() && !result.found; ++i) {
       const PartitionRecord* r = primaries[i];
       bool match = false;
-      switch (mode) {
-        case 1:
+      switch (selector) {
+        case VolumeSelector::System:
           match = !text.empty() && r->driveLetter == text[0];
           break;
-        case 2:
+        case VolumeSelector::Boot:
           // The boot indicator lives in the MBR entry; GPT records have none.
           match = r->rawEntry[mbr::kEntryBoot] == mbr::kActiveFlag;
           break;
-        case 3:
+        case VolumeSelector::Utility:
           match = r->type == 0x12 || r->type == 0xDE;
           break;
-        case 4:
+        case VolumeSelector::Label:
           match = !text.empty() && EqualsIgnoreCase(r->volumeLabel, text);
           break;
-        case 5:
-          match = !text.empty() && std::toupper(static_cast<unsigned char>(r->driveLetter)) ==
-                                        std::toupper(static_cast<unsigned char>(text[0]));
-          break;
-        default:
+        case VolumeSelector::DriveLetter:
+          match = !text.empty() && LowerAscii(r->driveLetter) == LowerAscii(text[0]);
           break;
       }
       if (match) {

@@ -185,10 +185,14 @@ struct LocatedVolume {
   int32_t part = -1;
 };
 
+// The symbolic partition selectors: the system partition (`text` is the
+// "systemdrive" value; empty finds nothing), the boot (active) partition,
+// a utility partition, a volume label, a drive letter.
+enum class VolumeSelector { System, Boot, Utility, Label, DriveLetter };
+
 // Finds the partition a symbolic selector names by scanning every disk with
-// a temporary DiskSet.  Modes: 1 system (`text` is the "systemdrive"
-// value; empty finds nothing), 2 boot, 3 utility, 4 volume label, 5 drive
-// letter.
-LocatedVolume LocateVolume(const DiskDrivers& drivers, int32_t mode, const std::string& text, bool ignoreErrors);
+// a temporary DiskSet.
+LocatedVolume LocateVolume(const DiskDrivers& drivers, VolumeSelector selector, const std::string& text,
+                           bool ignoreErrors);
 
 }  // namespace dh

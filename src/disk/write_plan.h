@@ -9,15 +9,11 @@
 #include <cstdint>
 #include <vector>
 
+#include "base/sector_range.h"
+
 namespace dh {
 
 class DiskSet;
-
-struct SectorRange {
-  uint64_t first = 0;
-  uint64_t count = 0;
-  uint64_t end() const { return first + count; }  // the sector after the range
-};
 
 class WritePlan {
  public:

@@ -93,21 +93,17 @@ std::vector<SignatureBytes> MachineSignatures() {
   return signatures;
 }
 
-ResultCode SetDiskSignature(DiskSet& disks, int32_t mode, const std::string& text) {
+ResultCode SetDiskSignature(DiskSet& disks, SignatureMode mode, const std::string& text) {
   const bool read = ReloadImage(disks);
-  if (mode != kSignatureZero && mode != kSignatureGenerate && mode != kSignatureWrite) {
-    disks.RecordError(kInvalidSignatureMode);
-    return disks.firstError;
-  }
   if (!read || disks.firstError != kSuccess) return disks.firstError;
 
   SignatureBytes signature{};
-  if (mode == kSignatureGenerate) {
+  if (mode == SignatureMode::Generate) {
     if (!DrawSignature(SignatureOf(disks.sector0), MachineSignatures(), &signature)) {
       disks.RecordError(kInvalidSignatureMode);
       return disks.firstError;
     }
-  } else if (mode == kSignatureWrite) {
+  } else if (mode == SignatureMode::Write) {
     signature = SignatureFromText(text);
   }
   std::memcpy(disks.sector0 + mbr::kDiskSignatureOffset, signature.data(), signature.size());

@@ -23,10 +23,9 @@ class DiskSet;
 // Where the status byte lies in sector 0.
 constexpr size_t kStatusByteOffset = 434;
 
-// The modes of SetDiskSignature.
-constexpr int32_t kSignatureZero = 0;
-constexpr int32_t kSignatureGenerate = 1;
-constexpr int32_t kSignatureWrite = 2;
+// What SetDiskSignature writes: zeros, a fresh signature unique among the
+// machine's disks, or the one the text gives.
+enum class SignatureMode { Zero, Generate, Write };
 
 // How many draws of four bytes a generated signature may take before the
 // random source counts as broken: a working one repeats a value it must
@@ -61,7 +60,7 @@ std::vector<SignatureBytes> MachineSignatures();
 // without 55 AA records 510 and is not written (unless `ignore` keeps the
 // 510 from being recorded).  A signature that cannot be generated records
 // 557.  Returns the disk set's first error (0 under `ignore`).
-ResultCode SetDiskSignature(DiskSet& disks, int32_t mode, const std::string& text);
+ResultCode SetDiskSignature(DiskSet& disks, SignatureMode mode, const std::string& text);
 
 // Stores the status byte in a fresh copy of sector 0 (the model rebuilt as
 // above).  Unlike the signature it is written also when sector 0 lacks

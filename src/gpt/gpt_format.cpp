@@ -55,7 +55,7 @@ ResultCode ValidateGptHeader(const uint8_t* header, uint64_t diskSectors, GptHea
   // writing it there would destroy them.
   if (arrayLba < 2) return kGptInvalid;
   // Every LBA must stay addressable in bytes, relative to any image offset.
-  const uint64_t lbaLimit = UINT64_MAX / 512 / 2;
+  const uint64_t lbaLimit = UINT64_MAX / kSectorSize / 2;
   if (arrayLba > lbaLimit - sectors) return kGptInvalid;
   if (diskSectors != 0 && arrayLba + sectors > diskSectors) return kGptInvalid;
   if (facts != nullptr) {

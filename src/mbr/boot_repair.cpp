@@ -32,7 +32,7 @@ ResultCode RepairBootCode(DiskSet& disks, const uint8_t* image) {
     disks.RecordError(kReadFailed);
     return disks.firstError;
   }
-  const bool hadBootSignature = LoadLe16(disks.sector0 + mbr::kBootSignatureOffset) == kBootSignature;
+  const bool hadBootSignature = mbr::HasBootSignature(disks.sector0);
 
   disks.LoadDisk(false);
   // Rebuilding from memory does not look at 55 AA again, so the bytes at

@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "base/le.h"
+
 namespace dh::platform {
 
 // MEDIA_TYPE values the program distinguishes.
@@ -34,7 +36,7 @@ struct DiskGeometry {
   int32_t mediaType = kMediaUnknown;
   uint32_t tracksPerCylinder = 0;
   uint32_t sectorsPerTrack = 0;
-  uint32_t bytesPerSector = 512;
+  uint32_t bytesPerSector = kSectorSize;
 };
 
 // The first entry of a drive layout (IOCTL_DISK_GET_DRIVE_LAYOUT[_EX]).
@@ -124,6 +126,13 @@ class File {
   // for every usable file.
   virtual int32_t UnusableReason() { return 0; }
 };
+
+// Reads at `offset` until `bytes` arrived or the file ends, looping over
+// short reads; *got is what arrived.  False when a read fails.
+bool ReadAt(File& file, uint64_t offset, void* buffer, uint32_t bytes, uint32_t* got);
+// Writes all `bytes` at `offset`, looping over short writes.  False when a
+// write fails or moves nothing.
+bool WriteAt(File& file, uint64_t offset, const void* buffer, uint32_t bytes);
 
 // A file that is no device: every DeviceIoControl query fails, as Windows
 // answers them for a plain file.  Files made of other files (a virtual

@@ -11,6 +11,7 @@
 #include "disk/backup_file.h"
 #include "disk/device.h"
 #include "disk/disk_set.h"
+#include "disk/mbr_layout.h"
 #include "platform/platform.h"
 #include "sectors/sparse_copy.h"
 
@@ -323,7 +324,7 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
     }
     fileOffset += got;
     if (got == 0) break;
-    if (requireMbr && !(buffer[510] == 0x55 && buffer[511] == 0xAA)) {
+    if (requireMbr && !mbr::HasBootSignature(buffer.data())) {
       disks.RecordError(kFileNoMbrUseIgnore);
       break;
     }

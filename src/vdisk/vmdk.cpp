@@ -10,6 +10,7 @@
 
 #include "base/le.h"
 #include "base/warn.h"
+#include "disk/mbr_layout.h"
 #include "vdisk/vmdk_descriptor.h"
 #include "vdisk/vmdk_extent.h"
 
@@ -18,7 +19,6 @@ namespace {
 
 using namespace vmdk;
 
-constexpr uint32_t kSector = 512;
 // The search for the descriptor's first line gives up after this many
 // bytes: a descriptor sits at the start of its file, and a huge file without
 // one is not worth reading to its end.
@@ -26,19 +26,6 @@ constexpr uint64_t kMaxSearchBytes = 1u << 20;
 
 platform::OpenMode ModeFor(bool writable) {
   return writable ? platform::OpenMode::DiskReadWrite : platform::OpenMode::ProbeRead;
-}
-
-// Reads up to `bytes` at `offset`, looping over short reads; false when the
-// file fails.
-bool ReadUpTo(platform::File* file, uint64_t offset, uint8_t* buffer, uint32_t bytes, uint32_t* got) {
-  *got = 0;
-  while (*got < bytes) {
-    uint32_t step = 0;
-    if (!file->Seek(offset + *got) || !file->Read(buffer + *got, bytes - *got, &step)) return false;
-    if (step == 0) break;
-    *got += step;
-  }
-  return true;
 }
 
 // A VMware disk file that cannot be used, as a drive's image: nothing to
@@ -74,23 +61,23 @@ ResultCode ReadDescriptorText(platform::File* file, std::string* text, bool* emb
   *embedded = false;
   uint64_t fileBytes = 0;
   if (!file->Size(&fileBytes)) return kVmdkOpenFailed;
-  uint8_t sector[kSector] = {};
+  uint8_t sector[kSectorSize] = {};
   uint32_t got = 0;
-  if (!ReadUpTo(file, 0, sector, kSector, &got)) return kVmdkOpenFailed;
+  if (!platform::ReadAt(*file, 0, sector, kSectorSize, &got)) return kVmdkOpenFailed;
   uint64_t offset = 0;
   uint64_t bytes = fileBytes;
-  if (got == kSector && std::memcmp(sector, kSparseMagic, kSparseMagicSize) == 0) {
+  if (got == kSectorSize && std::memcmp(sector, kSparseMagic, kSparseMagicSize) == 0) {
     SparseHeader header;
-    const ResultCode rc = ParseSparseHeader(sector, fileBytes / kSector, &header);
+    const ResultCode rc = ParseSparseHeader(sector, fileBytes / kSectorSize, &header);
     if (rc != kSuccess) return rc;
     if (header.descriptorSize == 0) return kVmdkUnknownType;
     *embedded = true;
-    offset = header.descriptorOffset * kSector;
-    bytes = header.descriptorSize * kSector;
+    offset = header.descriptorOffset * kSectorSize;
+    bytes = header.descriptorSize * kSectorSize;
   }
   if (bytes > kMaxDescriptorBytes) return kVmdkUnknownType;
   text->assign(static_cast<size_t>(bytes), '\0');
-  if (!ReadUpTo(file, offset, reinterpret_cast<uint8_t*>(text->data()), static_cast<uint32_t>(bytes), &got)) {
+  if (!platform::ReadAt(*file, offset, text->data(), static_cast<uint32_t>(bytes), &got)) {
     return kVmdkOpenFailed;
   }
   // An embedded descriptor ends at its first zero byte.
@@ -129,7 +116,7 @@ void HandleDescriptorBlock(VmdkDisk& disk, const uint8_t* block, platform::Machi
     uint64_t total = 0;
     if (SumReadWriteSectors(block, kBlockSize, &total)) {
       disk.totalSectors = total;
-      disk.sizeBytes = total * kSector;
+      disk.sizeBytes = total * kSectorSize;
     } else {
       Record(disk, kVmdkUnknownType);
     }
@@ -158,7 +145,7 @@ std::unique_ptr<VmdkDisk> OpenVmdk(const std::string& path, platform::Machine& f
   // The block and the zero that ends it.
   uint8_t block[kBlockSize + 1] = {};
   uint32_t got = 0;
-  bool more = ReadUpTo(descriptor, 0, block, kBlockSize, &got);
+  bool more = platform::ReadAt(*descriptor, 0, block, kBlockSize, &got);
   if (!more) Record(*disk, kVmdkOpenFailed);
   if (more && std::memcmp(block, kSparseMagic, kSparseMagicSize) != 0 &&
       std::memcmp(block, kDescriptorSignature, kDescriptorSignatureSize) != 0) {
@@ -173,7 +160,7 @@ std::unique_ptr<VmdkDisk> OpenVmdk(const std::string& path, platform::Machine& f
   while (disk->diskType == kTypeUnknown && disk->errorCode == kSuccess && more) {
     if (BlockContains(block, kBlockSize, kDescriptorSignature)) HandleDescriptorBlock(*disk, block, files, writable);
     std::memset(block, 0, sizeof block);
-    more = offset < kMaxSearchBytes && ReadUpTo(descriptor, offset, block, kBlockSize, &got) && got != 0;
+    more = offset < kMaxSearchBytes && platform::ReadAt(*descriptor, offset, block, kBlockSize, &got) && got != 0;
     offset += got;
   }
   // A file that never says what it is cannot be used either.
@@ -192,9 +179,9 @@ void OpenDataFile(VmdkDisk& disk, platform::Machine& files, bool writable) {
     return;
   }
   if (!disk.dataStartKnown) {
-    uint8_t header[kSector] = {};
+    uint8_t header[kSectorSize] = {};
     uint32_t got = 0;
-    if (ReadUpTo(data.get(), 0, header, kSector, &got) && got == kSector &&
+    if (platform::ReadAt(*data, 0, header, kSectorSize, &got) && got == kSectorSize &&
         std::memcmp(header, kSparseMagic, kSparseMagicSize) == 0) {
       disk.dataStartSector = LoadLe32(header + kHeaderOverheadOffset);
     }
@@ -220,8 +207,8 @@ void OpenDataFile(VmdkDisk& disk, platform::Machine& files, bool writable) {
   }
   disk.device.Attach(std::move(layout), disk.descriptorPath);
   uint32_t got = 0;
-  if (ReadUpTo(disk.device.file(), 0, disk.sector0Image, kSector, &got) && got == kSector) {
-    disk.mbrValid = disk.sector0Image[510] == 0x55 && disk.sector0Image[511] == 0xAA;
+  if (platform::ReadAt(*disk.device.file(), 0, disk.sector0Image, kSectorSize, &got) && got == kSectorSize) {
+    disk.mbrValid = mbr::HasBootSignature(disk.sector0Image);
   }
 }
 
@@ -237,7 +224,7 @@ bool OpenVmdkImage(platform::Machine& files, const std::string& path, bool writa
     std::unique_ptr<platform::File> probe = files.Open(path, platform::OpenMode::ProbeRead);
     uint8_t start[kDescriptorSignatureSize] = {};
     uint32_t got = 0;
-    if (!probe || !ReadUpTo(probe.get(), 0, start, sizeof start, &got)) return false;
+    if (!probe || !platform::ReadAt(*probe, 0, start, sizeof start, &got)) return false;
     const bool sparse = got >= kSparseMagicSize && std::memcmp(start, kSparseMagic, kSparseMagicSize) == 0;
     const bool text = got == kDescriptorSignatureSize && std::memcmp(start, kDescriptorSignature, got) == 0;
     if (!sparse && !text) return false;

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "base/le.h"
 #include "base/text.h"
 
 namespace dh::vmdk {
@@ -142,7 +143,7 @@ bool SumReadWriteSectors(const uint8_t* block, size_t size, uint64_t* sectors) {
     if (!MatchesAt(block, size, at, "RW")) continue;
     if (__builtin_add_overflow(sum, ReadDecimal64(TailFrom(block, size, at + 3)), &sum)) return false;
   }
-  if (sum < 0 || static_cast<uint64_t>(sum) > UINT64_MAX / 512) return false;
+  if (sum < 0 || static_cast<uint64_t>(sum) > UINT64_MAX / kSectorSize) return false;
   *sectors = static_cast<uint64_t>(sum);
   return true;
 }

@@ -20,36 +20,22 @@
 namespace dh::vmdk {
 namespace {
 
-constexpr uint64_t kSector = 512;
+constexpr uint64_t kSector = kSectorSize;  // 64-bit: products with sector numbers never wrap
 constexpr uint32_t kGteBytes = 4;
 // Grains are written in pieces of at most this size.
 constexpr uint32_t kChunkBytes = 64 * 1024;
 
-// Reads until `bytes` arrived or the file ends; the count that arrived.
 bool ReadFully(platform::File* file, uint64_t offset, uint8_t* buffer, uint32_t bytes, uint32_t* got) {
-  *got = 0;
-  while (*got < bytes) {
-    uint32_t step = 0;
-    if (!file->Seek(offset + *got) || !file->Read(buffer + *got, bytes - *got, &step)) return false;
-    if (step == 0) break;
-    *got += step;
-  }
-  return true;
+  return platform::ReadAt(*file, offset, buffer, bytes, got);
 }
 
 bool ReadExactly(platform::File* file, uint64_t offset, uint8_t* buffer, uint32_t bytes) {
   uint32_t got = 0;
-  return ReadFully(file, offset, buffer, bytes, &got) && got == bytes;
+  return platform::ReadAt(*file, offset, buffer, bytes, &got) && got == bytes;
 }
 
 bool WriteExactly(platform::File* file, uint64_t offset, const uint8_t* buffer, uint32_t bytes) {
-  uint32_t total = 0;
-  while (total < bytes) {
-    uint32_t step = 0;
-    if (!file->Seek(offset + total) || !file->Write(buffer + total, bytes - total, &step) || step == 0) return false;
-    total += step;
-  }
-  return true;
+  return platform::WriteAt(*file, offset, buffer, bytes);
 }
 
 // Whether [start, start + count) lies within [0, limit).

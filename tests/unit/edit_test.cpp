@@ -272,16 +272,16 @@ class SignatureTest : public test::FakeDiskTest {
 
 TEST_F(SignatureTest, EachModeWritesOnlyTheFourSignatureBytesAndFlushes) {
   const struct {
-    int32_t mode;
+    SignatureMode mode;
     const char* text;
     Sig expected;
   } cases[] = {
-      {kSignatureZero, "", {0, 0, 0, 0}},
-      {kSignatureWrite, "AC67AC67", {0x67, 0xAC, 0x67, 0xAC}},
-      {kSignatureGenerate, "", {0x10, 0x20, 0x30, 0x40}},
+      {SignatureMode::Zero, "", {0, 0, 0, 0}},
+      {SignatureMode::Write, "AC67AC67", {0x67, 0xAC, 0x67, 0xAC}},
+      {SignatureMode::Generate, "", {0x10, 0x20, 0x30, 0x40}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.mode);
+    SCOPED_TRACE(static_cast<int>(c.mode));
     MakeDrive(0, {1, 2, 3, 4});
     Load();
     machine.randomBytes = {0x10, 0x20, 0x30, 0x40};
@@ -299,7 +299,7 @@ TEST_F(SignatureTest, UnderIgnoreAnUnreadableSectorIsStillNeverWritten) {
   MakeDrive(0, {1, 2, 3, 4});
   Load(true);
   drive->badSectors.insert(0);
-  EXPECT_EQ(kSuccess, SetDiskSignature(*disks, kSignatureWrite, "AC67AC67"));
+  EXPECT_EQ(kSuccess, SetDiskSignature(*disks, SignatureMode::Write, "AC67AC67"));
   EXPECT_EQ(kSuccess, WriteStatusByte(*disks, 9));
   EXPECT_EQ(0, drive->writeCalls);
 }

@@ -249,7 +249,7 @@ void FakeDiskTest::ExpectOnlyTableChanged() {
 void RunHandler(DiskSet& disks) {
   const CommandSpec* spec = FindCommand(Options().command);
   if (spec == nullptr || spec->handler == nullptr) return;
-  static const FrameChars frame = SelectFrameChars(3, 437);
+  static const FrameChars frame = SelectFrameChars(FrameSet::PlainText, 437);
   CommandContext context{Options(), State(), disks, StdOut(), frame, 437};
   spec->handler(context);
 }

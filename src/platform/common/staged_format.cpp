@@ -8,11 +8,13 @@
 #include <random>
 #include <system_error>
 
+#include "base/le.h"
+
 namespace dh::platform {
 
 namespace {
 
-constexpr uint64_t kSectorBytes = 512;
+constexpr uint64_t kSectorBytes = kSectorSize;
 
 // A fresh name in the host's temporary folder; empty when there is none.
 std::string StagingPath() {

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "base/le.h"
 #include "platform/linux/linux_support.h"
 #include "platform/linux/sysfs.h"
 
@@ -21,7 +22,6 @@ namespace dh::platform::linux_native {
 namespace {
 
 constexpr uint64_t kMaxOffset = static_cast<uint64_t>(INT64_MAX);
-constexpr uint32_t kLayoutSectorBytes = 512;
 // The geometry a disk is given when its driver reports none (loop, and
 // most disks larger than CHS can address): the usual BIOS translation.
 constexpr uint32_t kDefaultHeads = 255;
@@ -253,12 +253,12 @@ class LinuxFile final : public File {
     if (heads == 0) heads = kDefaultHeads;
     if (sectors == 0) sectors = kDefaultSectorsPerTrack;
     int logicalSector = 0;
-    uint32_t bytesPerSector = 512;
+    uint32_t bytesPerSector = kSectorSize;
     if (::ioctl(fd_, BLKSSZGET, &logicalSector) == 0 && logicalSector > 0) {
       bytesPerSector = static_cast<uint32_t>(logicalSector);
     }
     if (out != nullptr) {
-      out->cylinders = static_cast<int64_t>(*size / 512 / (static_cast<uint64_t>(heads) * sectors));
+      out->cylinders = static_cast<int64_t>(*size / kSectorSize / (static_cast<uint64_t>(heads) * sectors));
       out->tracksPerCylinder = heads;
       out->sectorsPerTrack = sectors;
       out->bytesPerSector = bytesPerSector;
@@ -272,10 +272,10 @@ class LinuxFile final : public File {
   bool QueryLayout(LayoutEntry* first) {
     uint64_t size = 0;
     if (!MediumSize(&size)) return false;
-    uint8_t sector[kLayoutSectorBytes] = {};
+    uint8_t sector[kSectorSize] = {};
     uint32_t got = 0;
-    while (got < kLayoutSectorBytes) {
-      ssize_t n = ::pread(fd_, sector + got, kLayoutSectorBytes - got, static_cast<off_t>(got));
+    while (got < kSectorSize) {
+      ssize_t n = ::pread(fd_, sector + got, kSectorSize - got, static_cast<off_t>(got));
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) return FailWithErrno(errno);
       if (n == 0) break;

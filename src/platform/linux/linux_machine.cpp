@@ -23,6 +23,7 @@
 #include <map>
 #include <optional>
 
+#include "base/text.h"
 #include "platform/common/number_format.h"
 #include "platform/common/staged_format.h"
 #include "platform/common/system_messages.h"
@@ -50,16 +51,6 @@ constexpr uint32_t kEwxPowerOff = 8;
 
 // ERROR_GEN_FAILURE: what the random source reports when it cannot deliver.
 constexpr uint32_t kErrorGenFailure = 31;
-
-bool EqualsNoCase(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    char x = a[i] >= 'A' && a[i] <= 'Z' ? static_cast<char>(a[i] - 'A' + 'a') : a[i];
-    char y = b[i] >= 'A' && b[i] <= 'Z' ? static_cast<char>(b[i] - 'A' + 'a') : b[i];
-    if (x != y) return false;
-  }
-  return true;
-}
 
 // One byte from standard input: 1 when read, 0 at end of input and on any
 // error (a closed or non-blocking descriptor must not make a caller spin).
@@ -100,7 +91,7 @@ class LinuxMachine final : public Machine {
 
   // ---- registry ---------------------------------------------------------
   bool RegQueryString(const std::string& key, const std::string& value, std::string* out) override {
-    if (EqualsNoCase(key, kDiskEnumKey)) {
+    if (EqualsIgnoreCase(key, kDiskEnumKey)) {
       // Value names are disk indexes as "%u" writes them.
       uint32_t index = 0;
       if (!ParseCanonicalNumber(value, &index) || index >= TabledDisks().size()) return Fail(kErrorFileNotFound);
@@ -108,16 +99,16 @@ class LinuxMachine final : public Machine {
       return true;
     }
     const size_t prefixLength = sizeof(kEnumKeyPrefix) - 1;
-    if (key.size() > prefixLength && EqualsNoCase(key.substr(0, prefixLength), kEnumKeyPrefix)) {
+    if (key.size() > prefixLength && EqualsIgnoreCase(key.substr(0, prefixLength), kEnumKeyPrefix)) {
       std::string instance = key.substr(prefixLength);
       for (uint32_t d = 0; d < TabledDisks().size(); ++d) {
         const DiskIdentity& id = Identity(d);
-        if (!EqualsNoCase(id.instancePath, instance)) continue;
-        if (EqualsNoCase(value, "FriendlyName") && !id.friendlyName.empty()) {
+        if (!EqualsIgnoreCase(id.instancePath, instance)) continue;
+        if (EqualsIgnoreCase(value, "FriendlyName") && !id.friendlyName.empty()) {
           if (out != nullptr) *out = id.friendlyName;
           return true;
         }
-        if (EqualsNoCase(value, "DeviceDesc")) {
+        if (EqualsIgnoreCase(value, "DeviceDesc")) {
           if (out != nullptr) *out = "Disk drive";
           return true;
         }

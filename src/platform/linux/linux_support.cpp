@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/text.h"
+
 namespace dh::platform::linux_native {
 
 namespace {
@@ -13,7 +15,6 @@ namespace {
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsLower(char c) { return c >= 'a' && c <= 'z'; }
 
-char AsciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 char AsciiUpper(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
 
 bool StartsWith(const std::string& text, const char* prefix) {
@@ -214,7 +215,7 @@ bool ParsePhysicalDrivePath(const std::string& path, DrivePath* out) {
   constexpr size_t kPrefixLength = sizeof(kPrefix) - 1;
   if (path.size() < kPrefixLength) return false;
   for (size_t i = 0; i < kPrefixLength; ++i) {
-    if (AsciiLower(path[i]) != AsciiLower(kPrefix[i])) return false;
+    if (LowerAscii(path[i]) != LowerAscii(kPrefix[i])) return false;
   }
   *out = DrivePath();
   // The object name is "PhysicalDrive" plus the number as Windows writes
@@ -305,7 +306,7 @@ int ExitStatusFromValue(int32_t exitValue) {
 uint32_t CodePageFromCodeset(const std::string& codeset) {
   std::string plain;
   for (char c : codeset) {
-    if (c != '-' && c != '_') plain.push_back(AsciiLower(c));
+    if (c != '-' && c != '_') plain.push_back(LowerAscii(c));
   }
   return plain == "utf8" ? 65001u : 20127u;
 }

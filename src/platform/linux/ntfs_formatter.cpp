@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/le.h"
+
 namespace dh::platform::linux_native {
 
 namespace {
@@ -20,7 +22,6 @@ constexpr size_t kMaxText = 4096;
 constexpr size_t kMaxDigits = 3;
 
 // mkntfs writes its volume in these sectors; the program's are always 512 bytes.
-constexpr uint32_t kSectorSize = 512;
 
 bool Executable(const std::string& path) {
   struct stat info {};

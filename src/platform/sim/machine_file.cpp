@@ -8,6 +8,8 @@
 #include <limits>
 #include <set>
 
+#include "base/text.h"
+
 namespace dh::platform::sim {
 namespace {
 
@@ -22,9 +24,7 @@ std::string Trim(const std::string& s) {
 }
 
 std::string Lower(std::string s) {
-  for (char& c : s) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
+  for (char& c : s) c = LowerAscii(c);
   return s;
 }
 
@@ -441,15 +441,18 @@ class Parser {
     const uint64_t max = std::numeric_limits<uint64_t>::max();
     for (const std::string& item : Split(value, ',')) {
       SectorRange range;
+      uint64_t last = 0;
       const size_t dash = item.find('-');
       bool good = false;
       if (dash == std::string::npos) {
         good = ParseUnsigned(item, max, &range.first);
-        range.last = range.first;
+        last = range.first;
       } else {
         good = ParseUnsigned(item.substr(0, dash), max, &range.first) &&
-               ParseUnsigned(item.substr(dash + 1), max, &range.last) && range.first <= range.last;
+               ParseUnsigned(item.substr(dash + 1), max, &last) && range.first <= last;
       }
+      // 0-18446744073709551615 leaves out the very last LBA, which no image reaches.
+      range.count = last - range.first == max ? max : last - range.first + 1;
       if (!good) {
         Fail("bad entry \"" + item + "\" in badsectors (LBA or FIRST-LAST, separated by commas)");
         return;

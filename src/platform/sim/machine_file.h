@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/sector_range.h"
 #include "platform/platform.h"
 
 namespace dh::platform::sim {
@@ -36,12 +37,6 @@ enum class FormatEngineMode { Mkntfs, None, NoEntry, Ok, Fail };
 // What the token elevation query answers; Unknown makes the query fail, as
 // when the token cannot be opened.
 enum class ElevationMode { Yes, No, Unknown };
-
-// An inclusive range of bad LBAs.
-struct SectorRange {
-  uint64_t first = 0;
-  uint64_t last = 0;
-};
 
 struct DriveDescription {
   int number = 0;

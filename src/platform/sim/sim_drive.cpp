@@ -9,10 +9,12 @@
 #include <string>
 #include <utility>
 
+#include "base/le.h"
+
 namespace dh::platform::sim {
 namespace {
 
-constexpr uint64_t kSector = 512;
+constexpr uint64_t kSector = kSectorSize;  // 64-bit: products with sector numbers never wrap
 
 class DriveFile : public File {
  public:
@@ -115,7 +117,7 @@ class DriveFile : public File {
     g.mediaType = drive_.media == MediaKind::Removable ? kMediaRemovable : kMediaFixed;
     g.tracksPerCylinder = drive_.heads;
     g.sectorsPerTrack = drive_.sectorsPerTrack;
-    g.bytesPerSector = 512;
+    g.bytesPerSector = kSectorSize;
     if (drive_.hasCylinders) {
       g.cylinders = drive_.cylinders;
     } else {
@@ -246,11 +248,8 @@ class DriveFile : public File {
     // Read at query time, so that a volume written during the run shows.
     uint8_t sector[kSector] = {};
     uint32_t got = 0;
-    uint32_t total = 0;
-    while (total < kSector && image_->Seek(total) && image_->Read(sector + total, kSector - total, &got) && got > 0) {
-      total += got;
-    }
-    *first = DeriveLayout(sector, total, imageBytes_);
+    ReadAt(*image_, 0, sector, kSector, &got);  // a failed read derives from what arrived
+    *first = DeriveLayout(sector, got, imageBytes_);
     return true;
   }
 
@@ -312,7 +311,7 @@ bool TouchesBadSector(const std::vector<SectorRange>& bad, uint64_t offset, uint
   const uint64_t lastByte = bytes - 1 > UINT64_MAX - offset ? UINT64_MAX : offset + (bytes - 1);
   const uint64_t lastLba = lastByte / kSector;
   for (const SectorRange& range : bad) {
-    if (range.first <= lastLba && range.last >= firstLba) return true;
+    if (range.first <= lastLba && range.first + (range.count - 1) >= firstLba) return true;
   }
   return false;
 }

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/le.h"
+#include "base/text.h"
 #include "platform/common/number_format.h"
 #include "platform/common/staged_format.h"
 #include "platform/common/system_messages.h"
@@ -28,24 +29,10 @@ constexpr uint32_t kErrorProcNotFound = 127;
 constexpr uint32_t kErrorNotAllAssigned = 1300;
 
 // The program reads whole 512-byte sectors; an image without one is no disk.
-constexpr uint64_t kSimSectorBytes = 512;
+constexpr uint64_t kSimSectorBytes = kSectorSize;
 
 // A machine file is a few kilobytes; anything far larger is not one.
 constexpr uint64_t kMaxMachineFileBytes = 16u << 20;
-
-char LowerChar(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-bool EqualsIgnoreCase(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (LowerChar(a[i]) != LowerChar(b[i])) return false;
-  }
-  return true;
-}
-
-bool StartsWithIgnoreCase(const std::string& text, const std::string& prefix) {
-  return text.size() >= prefix.size() && EqualsIgnoreCase(text.substr(0, prefix.size()), prefix);
-}
 
 // Reads a whole host file through the native machine.
 bool ReadHostFile(Machine& native, const std::string& path, uint64_t maxBytes, std::string* text,
@@ -60,18 +47,14 @@ bool ReadHostFile(Machine& native, const std::string& path, uint64_t maxBytes, s
     *errorCode = kErrorInvalidData;
     return false;
   }
+  // At most maxBytes (far below 4 GiB), so the size fits one transfer.
   std::string data(static_cast<size_t>(size), '\0');
-  size_t total = 0;
-  while (total < data.size()) {
-    uint32_t got = 0;
-    if (!file->Seek(total) || !file->Read(&data[total], static_cast<uint32_t>(data.size() - total), &got)) {
-      *errorCode = native.LastError();
-      return false;
-    }
-    if (got == 0) break;
-    total += got;
+  uint32_t got = 0;
+  if (!ReadAt(*file, 0, data.data(), static_cast<uint32_t>(data.size()), &got)) {
+    *errorCode = native.LastError();
+    return false;
   }
-  data.resize(total);
+  data.resize(got);
   *text = std::move(data);
   return true;
 }
@@ -644,13 +627,8 @@ class SimMachine : public Machine {
     std::string why;
     std::unique_ptr<File> file = OpenImage(*native_, image, OpenMode::ProbeRead, &size, &why);
     if (!file) return false;
-    uint32_t total = 0;
-    while (total < bytes) {
-      uint32_t got = 0;
-      if (!file->Seek(offset + total) || !file->Read(buffer + total, bytes - total, &got) || got == 0) return false;
-      total += got;
-    }
-    return true;
+    uint32_t got = 0;
+    return ReadAt(*file, offset, buffer, bytes, &got) && got == bytes;
   }
 
   bool AppendToHostFile(const std::string& path, const std::string& text) {
@@ -662,16 +640,7 @@ class SimMachine : public Machine {
       file = native_->Open(path, OpenMode::CreateAlways);
       if (!file) return false;
     }
-    uint32_t total = 0;
-    const auto bytes = static_cast<uint32_t>(text.size());
-    while (total < bytes) {
-      uint32_t wrote = 0;
-      if (!file->Seek(end + total) || !file->Write(text.data() + total, bytes - total, &wrote) || wrote == 0) {
-        return false;
-      }
-      total += wrote;
-    }
-    return file->Flush();
+    return WriteAt(*file, end, text.data(), static_cast<uint32_t>(text.size())) && file->Flush();
   }
 
   // UTF-16 to 8-bit text for messages; what is not ASCII becomes '?'.
