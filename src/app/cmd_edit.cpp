@@ -11,10 +11,7 @@
 #include "base/sink.h"
 #include "base/text.h"
 #include "disk/disk_set.h"
-#include "edit/partition_create.h"
-#include "edit/partition_edit.h"
-#include "edit/partition_sort.h"
-#include "mbr/partition.h"
+#include "disk/table_driver.h"
 
 namespace dh {
 
@@ -132,59 +129,54 @@ int32_t IsSortedExit(const RunOptions&, const RunState& s, const DiskSet*) { ret
 
 // ---- handlers -----------------------------------------------------------------
 
+namespace {
+
+// The table of the loaded disk for an edit; before any load there is no
+// table to edit, as on a disk whose table takes no such edit (131).
+TableDriver* TableFor(CommandContext& c, int32_t step) {
+  TableDriver* table = c.disks.Table();
+  if (table == nullptr) RecordOutcome(kNotGptDisk, step);
+  return table;
+}
+
+}  // namespace
+
 void HandleSort(CommandContext& c) {
-  // A superfloppy's one partition is always in order: 125.
-  if (MbrTable(c.disks) == nullptr) {
-    RecordOutcome(kNotGptDisk, kCmdSort);
-    return;
-  }
-  RecordOutcome(SortPartitionEntries(c.disks), kCmdSort);
+  if (TableDriver* table = TableFor(c, kCmdSort)) RecordOutcome(table->Reorder(), kCmdSort);
 }
 
 void HandleIsSorted(CommandContext& c) {
-  PartitionTable* table = MbrTable(c.disks);
-  if (table == nullptr) {
-    RecordOutcome(kNotGptDisk, kCmdIsSorted);
-    return;
-  }
-  c.state.sortedFlag = IsSorted(*table) ? 1 : 0;
-  RecordOutcome(kSuccess, kCmdIsSorted);
+  TableDriver* table = TableFor(c, kCmdIsSorted);
+  if (table == nullptr) return;
+  bool ordered = false;
+  const ResultCode rc = table->CheckOrder(&ordered);
+  if (rc == kSuccess) c.state.sortedFlag = ordered ? 1 : 0;
+  RecordOutcome(rc, kCmdIsSorted);
 }
 
 void HandleFlagEdit(CommandContext& c) {
   const RunOptions& o = c.options;
   const int32_t command = o.command;
-  if (ResultCode refusal = MbrEditRefusal(c.disks)) {
-    RecordOutcome(refusal, command);
-    return;
-  }
-  const int32_t n = o.partNumber;
-  const bool all = n == kAllPartitions;
+  TableDriver* table = TableFor(c, command);
+  if (table == nullptr) return;
+  // part=* arrives as kAllPartitions, which is the driver's kEveryPartition.
+  const int32_t n = o.partNumber == kAllPartitions ? kEveryPartition : o.partNumber;
   ResultCode result = kSuccess;
   switch (command) {
     case kCmdHide:
-      result = all ? SetAllPartitionsHidden(c.disks, true) : SetPartitionHidden(c.disks, n, true);
-      break;
     case kCmdUnhide:
-      result = all ? SetAllPartitionsHidden(c.disks, false) : SetPartitionHidden(c.disks, n, false);
+      result = table->SetHidden(n, command == kCmdHide);
       break;
     case kCmdActive:
-      // part=* never gets here (only one partition can be active); a stray
-      // -1 would simply name no partition.
-      result = SetPartitionActive(c.disks, n, true);
-      break;
     case kCmdInactive:
-      result = all ? DeactivateAllPartitions(c.disks) : SetPartitionActive(c.disks, n, false);
+      // part=* never reaches active (only one partition can be active).
+      result = table->SetActive(n, command == kCmdActive);
       break;
     case kCmdType:
-      // The parser keeps -2 when the value held no hexadecimal digit and
-      // refuses the argument; no such value is ever stored as a type byte.
-      if (o.typeValue < 0) {
-        c.state.badArgument = o.valueText;
-        result = kInvalidParameter;
-      } else {
-        result = ChangePartitionType(c.disks, n, static_cast<uint8_t>(o.typeValue & 0xFF));
-      }
+      // The parser keeps -2 when the value held no hexadecimal digit; the
+      // table refuses it and the argument is named.
+      result = table->SetType(n, o.typeValue < 0 ? -1 : (o.typeValue & 0xFF));
+      if (result == kInvalidParameter && o.typeValue < 0) c.state.badArgument = o.valueText;
       break;
     default:
       break;
@@ -192,29 +184,19 @@ void HandleFlagEdit(CommandContext& c) {
   RecordOutcome(result, command);
 }
 
-namespace {
-
-ResultCode DeleteAllOfCurrentDisk(DiskSet& disks) {
-  // A superfloppy's sector 0 is a volume boot record with no entries to clear.
-  if (MbrTable(disks) != nullptr && disks.superFloppy != 0) return kRemovableNoMbr;
-  return DeleteAllPartitions(disks);
-}
-
-}  // namespace
-
 void HandleDelete(CommandContext& c) {
   const RunOptions& o = c.options;
   DiskSet& disks = c.disks;
   if (o.partNumber == kAllPartitions) {
     if (o.diskNumber != kAllDisks) {
-      RecordOutcome(DeleteAllOfCurrentDisk(disks), kStepDeleteAll);
+      RecordOutcome(disks.DeletePartition(kEveryPartition), kStepDeleteAll);
       return;
     }
     // Every disk in turn; a disk that fails does not stop the others, and
     // the first failure is the run's result.
     for (int32_t d = 0; d < disks.diskCount; ++d) {
       disks.SelectDisk(d);
-      RecordOutcome(DeleteAllOfCurrentDisk(disks), kStepDeleteAll);
+      RecordOutcome(disks.DeletePartition(kEveryPartition), kStepDeleteAll);
     }
     return;
   }
@@ -230,11 +212,7 @@ void HandleDelete(CommandContext& c) {
     RecordOutcome(kInvalidPartition, kCmdDelete);
     return;
   }
-  if (MbrTable(disks) != nullptr && disks.superFloppy != 0) {
-    RecordOutcome(kRemovableNoMbr, kCmdDelete);
-    return;
-  }
-  RecordOutcome(DeletePartition(disks, o.partNumber), kCmdDelete);
+  RecordOutcome(disks.DeletePartition(o.partNumber), kCmdDelete);
 }
 
 void HandleCreate(CommandContext& c) {
@@ -247,7 +225,9 @@ void HandleCreate(CommandContext& c) {
   take("/align", &request.haveAlign, &request.align);
   take("/size", &request.haveSize, &request.size);
   take("/type", &request.haveType, &request.type);
-  const ResultCode result = CreateFromRequest(c.disks, request);
+  TableDriver* table = TableFor(c, kCmdCreate);
+  if (table == nullptr) return;
+  const ResultCode result = table->Add(request);
   if (result == kInvalidParameter && FindArgument("/type")) c.state.badArgument = CurrentArgumentText();
   RecordOutcome(result, kCmdCreate);
 }

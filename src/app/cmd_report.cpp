@@ -7,7 +7,7 @@
 #include "app/handlers.h"
 #include "app/messages.h"
 #include "disk/disk_set.h"
-#include "edit/partition_edit.h"
+#include "disk/table_driver.h"
 #include "platform/platform.h"
 #include "report/info.h"
 #include "report/ini_report.h"
@@ -55,7 +55,9 @@ void HandleInfo(CommandContext& c) { ShowDiskInfo(c.disks, c.out); }
 void RunBootMenuStep(CommandContext& c) {
   // The menu offers MBR entries: a GPT disk has none, and a superfloppy's
   // sector 0 is a boot record whose bytes are no entries to rewrite.
-  if (const ResultCode refusal = MbrEditRefusal(c.disks)) {
+  TableDriver* table = c.disks.Table();
+  const ResultCode refusal = table != nullptr ? table->Refusal(TableDriver::Edit::Flags) : kNotGptDisk;
+  if (refusal != kSuccess) {
     SetResultIfNone(refusal);
     return;
   }
@@ -65,7 +67,8 @@ void RunBootMenuStep(CommandContext& c) {
     SetResultIfNone(kInvalidPartitionId);
     return;
   }
-  SetPartitionActive(c.disks, choice.number, true);
+  // The menu may have reloaded the disk: the table is asked for again.
+  c.disks.Table()->SetActive(choice.number, true);
   AssignValueText(c.options.valueText, std::to_string(choice.number));
   if (c.disks.firstError == kSuccess) {
     c.state.completedStep = kCmdBootMenu;

@@ -95,33 +95,18 @@ const PartitionRecord* VbrPartition(DiskSet& disks) {
   return GetPartition(disks, n, kKindPrimary);
 }
 
-// Sectors of a partition's volume boot record.  A GPT entry has no type
-// byte; its `type` holds the detected file system, which stands in for one
-// (FAT 3, NTFS 7).
+// Sectors of a partition's volume boot record, as its table knows them.
 uint32_t VbrSectors(const DiskSet& disks, const PartitionRecord& r) {
-  if (GptOf(disks) == nullptr) return VbrSectorCount(static_cast<uint32_t>(r.type) & 0xFF);
-  switch (r.type) {
-    case kFsFat16:
-    case kFsFat32:
-      return VbrSectorCount(0x0C);
-    case kFsNtfs:
-      return VbrSectorCount(0x07);
-    default:
-      return 0;
-  }
+  const TableDriver* table = disks.Table();
+  return table != nullptr ? table->BootRecordSectors(r) : 0;
 }
 
-// The GPT area needs a GPT whose primary header passed its checks.
-bool GptUsable(DiskSet& disks) {
-  if (GptOf(disks) == nullptr) {
-    SetResultIfNone(kNotGptDisk);
-    return false;
-  }
-  if (!GptHeaderValid(disks)) {
-    SetResultIfNone(kGptInvalid);
-    return false;
-  }
-  return true;
+// The table's own area (the GPT area), or the table's refusal recorded.
+bool TableAreaOf(const DiskSet& disks, TableArea* area) {
+  const TableDriver* table = disks.Table();
+  const ResultCode rc = table != nullptr ? table->OwnArea(area) : kNotGptDisk;
+  SetResultIfNone(rc);
+  return rc == kSuccess;
 }
 
 void RunSave(DiskSet& disks, Sink& out) {
@@ -136,10 +121,12 @@ void RunSave(DiskSet& disks, Sink& out) {
     case kAreaTrack0:
       SaveSectorsToFile(disks, name, 0, kTrack0Sectors, kind(kBackupTrack0));
       break;
-    case kAreaGpt:
-      if (!GptUsable(disks)) return;
-      SaveSectorsToFile(disks, name, 0, GptSaveSectorCount(disks), kind(kBackupGpt));
+    case kAreaGpt: {
+      TableArea area;
+      if (!TableAreaOf(disks, &area)) return;
+      SaveSectorsToFile(disks, name, 0, area.saveSectors, kind(kBackupGpt));
       break;
+    }
     case kAreaVbr: {
       const PartitionRecord* r = VbrPartition(disks);
       if (!r) {
@@ -343,10 +330,12 @@ void RunWipe(DiskSet& disks) {
     case kAreaTrack0:
       last = kTrack0Sectors - 1;
       break;
-    case kAreaGpt:
-      if (!GptUsable(disks)) return;
-      last = GptWipeLastSector(disks);
+    case kAreaGpt: {
+      TableArea area;
+      if (!TableAreaOf(disks, &area)) return;
+      last = area.wipeLast;
       break;
+    }
     case kAreaDisk:
       if (disks.totalSectors == 0) {
         SetResultIfNone(kWipeFailed);

@@ -159,6 +159,8 @@ void DiskSet::LoadDisk(bool readSector0) {
   } else if (drivers_.loadMbr) {
     table = drivers_.loadMbr(*this);
   }
+  tableDisk_ = currentDisk;
+  tableVirtual_ = isVirtual;
   activeIndex = -1;
   const std::vector<PartitionRecord*> all = Partitions(*this, kKindAll);
   for (size_t i = 0; i < all.size(); ++i) {
@@ -257,6 +259,8 @@ void DiskSet::LoadImageTable() {
     bootSignatureValid = true;
     isGpt = false;
     table = drivers_.loadMbr ? drivers_.loadMbr(*this) : nullptr;
+    tableDisk_ = currentDisk;
+    tableVirtual_ = isVirtual;
     activeIndex = -1;
   }
   walkExtended = walk;
@@ -264,16 +268,21 @@ void DiskSet::LoadImageTable() {
 }
 
 ResultCode DiskSet::DeletePartition(int32_t n) {
-  if (!table) return kInvalidPartition;
-  const ResultCode rc = table->Delete(n);
-  if (table->RebuildsFromSector0()) LoadDisk(false);
-  return rc;
-}
-
-ResultCode DiskSet::DeleteAllPartitions() {
-  if (!table) return kSuccess;
-  const ResultCode rc = table->DeleteAll();
-  if (table->RebuildsFromSector0()) LoadDisk(false);
+  const bool all = n == kEveryPartition;
+  ResultCode rc = all ? kSuccess : kInvalidPartition;
+  if (table) {
+    if (const ResultCode refusal = table->Refusal(TableDriver::Edit::Delete)) return refusal;
+    reloadPending_ = false;
+    rc = all ? table->DeleteAll() : table->Delete(n);
+    if (reloadPending_) {
+      reloadPending_ = false;
+      LoadDisk(false);
+    }
+  }
+  // A table writer (the GPT's) may keep its own first error; a failure of
+  // its write must still become the command's result.
+  if (firstError != kSuccess) return firstError;
+  if (ignoreErrors) return kSuccess;
   return rc;
 }
 

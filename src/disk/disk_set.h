@@ -76,13 +76,25 @@ class DiskSet {
   // them when the disk's size is unknown.
   uint64_t SectorsOnDisk(uint64_t lba, uint64_t count) const;
 
+  // Whether the loaded table was read from disk `disk` (any number for a
+  // virtual disk) of the kind given: a disk that failed to load leaves the
+  // table of the disk before it in place.
+  bool TableLoadedFor(int32_t disk, bool virtualDisk) const {
+    return tableVirtual_ == virtualDisk && (virtualDisk || tableDisk_ == disk);
+  }
   // The loaded table (null before the first load).
   TableDriver* Table() { return table.get(); }
   const TableDriver* Table() const { return table.get(); }
-  // Deletes the n-th deletable partition, or all, through the table and
-  // rebuilds the model when the table asks for it.  The table's own code.
+  // `del`: the n-th partition the table deletes by number (MBR primaries,
+  // GPT entries), or all of them (kEveryPartition), through the table,
+  // rebuilding the model when the table asks for it.  The caller checks n.
+  // A refusal of the table comes back as it is; otherwise the outcome is
+  // the disk layer's first error, then the table's own code, and under
+  // `ignore` a failure reports 0.
   ResultCode DeletePartition(int32_t n);
-  ResultCode DeleteAllPartitions();
+  // Asked by a table whose model is made from the sector-0 image: the disk
+  // is loaded again from it once the table's edit returns.
+  void ReloadAfterEdit() { reloadPending_ = true; }
 
   const DiskDrivers& drivers() const { return drivers_; }
 
@@ -151,6 +163,10 @@ class DiskSet {
   // Cleared by the first selection; while set, selecting the current index
   // loads it all the same.
   bool firstSelection_ = true;
+  bool reloadPending_ = false;
+  // The disk the loaded table was read from.
+  int32_t tableDisk_ = -1;
+  bool tableVirtual_ = false;
 };
 
 // The drive letter column of the current disk's listings and reports: "NA"

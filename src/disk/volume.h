@@ -29,6 +29,12 @@ enum FileSystemKind : int32_t {
   kFsExfat = 6,         // "exFAT"
 };
 
+// Sectors of a volume boot record that save= and restore= of a partition's
+// boot record cover: the FAT boot sector with its FSInfo and spare, the
+// NTFS boot sector with the rest of its boot code.
+constexpr uint32_t kFatBootRecordSectors = 3;
+constexpr uint32_t kNtfsBootRecordSectors = 7;
+
 // The bytes detection looks at: three sectors from the partition's first.
 constexpr uint32_t kVolumeProbeBytes = 1536;
 

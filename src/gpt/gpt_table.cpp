@@ -127,7 +127,7 @@ void CheckBackup(DiskSet& disks, GptTable& table) {
 
 void BuildRecord(DiskSet& disks, GptTable& table, const uint8_t* raw, uint32_t slot, const std::string& guidText) {
   auto record = std::make_unique<PartitionRecord>();
-  GptEntryDetails details;
+  EntryDetails details;
   details.typeGuidText = guidText;
   details.typeNumber = LookupGptType(guidText, &details.shortTypeName, &details.longTypeName);
 
@@ -288,10 +288,85 @@ const char* GptTable::BackupStatusText() const {
   return backupValid ? "Valid" : "Invalid";
 }
 
+namespace {
+
+// What is wrong with one copy of the GPT, naming the structure at fault.
+std::string FaultText(const char* copy, GptFault fault) {
+  const std::string header = std::string("the ") + copy + " GPT header";
+  const std::string array = std::string("the ") + copy + " GPT entry array";
+  switch (fault) {
+    case GptFault::kNone:
+      break;
+    case GptFault::kUnreadable:
+      return header + " cannot be read";
+    case GptFault::kNoSignature:
+      return header + " is missing (no EFI PART signature)";
+    case GptFault::kBadFields:
+      return header + "'s entry count or entry array location is out of range";
+    case GptFault::kBadLayout:
+      return header + "'s header size or entry size is not supported";
+    case GptFault::kBadHeaderCrc:
+      return header + "'s CRC is wrong";
+    case GptFault::kBadLba:
+      return header + "'s MyLBA or AlternateLBA is wrong";
+    case GptFault::kArrayUnreadable:
+      return array + " cannot be read";
+    case GptFault::kBadArrayCrc:
+      return array + "'s CRC is wrong";
+  }
+  return std::string();
+}
+
+}  // namespace
+
+bool GptTable::HeaderFacts(TableHeaderFacts* facts) const {
+  // The revision and disk GUID are those of the header the entries come
+  // from.  Without one that passed the field checks there is nothing to
+  // show: revision 0.0 and a zero GUID stand in for it.
+  const uint8_t* shown = ShownHeader();
+  static const uint8_t kZeroGuid[gpt::kGuidSize] = {};
+  facts->revision = shown != nullptr ? std::to_string(shown[gpt::kRevisionMajor]) + "." +
+                                           std::to_string(shown[gpt::kRevisionMinor])
+                                     : "0.0";
+  facts->backupStatus = BackupStatusText();
+  facts->diskGuid = FormatGuidText(shown != nullptr ? shown + gpt::kDiskGuid : kZeroGuid);
+  return true;
+}
+
+std::vector<std::string> GptTable::Verify() const {
+  std::vector<std::string> problems;
+  if (primaryFault != GptFault::kNone) {
+    const char* outcome = fromBackup    ? "; listing the entries of the backup GPT"
+                          : arrayLoaded ? "; listing the entries of the primary GPT as they stand"
+                                        : "; no entries can be listed";
+    problems.push_back(FaultText("primary", primaryFault) + outcome);
+  }
+  if (backupFault != GptFault::kNone) problems.push_back(FaultText("backup", backupFault));
+  return problems;
+}
+
+ResultCode GptTable::OwnArea(TableArea* area) const {
+  if (!headerValid) return kGptInvalid;
+  area->saveSectors = GptSaveSectorCount(*owner_);
+  area->wipeLast = GptWipeLastSector(*owner_);
+  return kSuccess;
+}
+
+uint32_t GptTable::BootRecordSectors(const PartitionRecord& record) const {
+  switch (record.type) {
+    case kFsFat16:
+    case kFsFat32:
+      return kFatBootRecordSectors;
+    case kFsNtfs:
+      return kNtfsBootRecordSectors;
+    default:
+      return 0;
+  }
+}
+
 std::unique_ptr<TableDriver> LoadGptTable(DiskSet& disks) {
   auto table = std::make_unique<GptTable>(&disks);
   table->isVirtual = disks.isVirtual;
-  table->loadedDisk = disks.currentDisk;
 
   CheckPrimary(disks, *table);
   CheckBackup(disks, *table);

@@ -18,17 +18,6 @@ namespace dh {
 
 class DiskSet;
 
-// What an entry of a known type carries besides its PartitionRecord.
-struct GptEntryDetails {
-  int32_t typeNumber = 0;  // the row of the GPT type table
-  std::string typeGuidText;
-  std::string shortTypeName;
-  std::string longTypeName;
-  std::string fileSystemName;  // "NTFS", "FAT32"...; empty when none found
-  bool required = false;
-  bool readOnly = false;
-  bool attributeHidden = false;
-};
 
 class GptTable : public TableDriver {
  public:
@@ -41,7 +30,7 @@ class GptTable : public TableDriver {
     return entries[static_cast<size_t>(n - 1)].get();
   }
   // The GPT facts of the n-th entry; null when there are none.
-  const GptEntryDetails* Details(int32_t n) const {
+  const EntryDetails* Details(int32_t n) const override {
     if (n < 1 || n > static_cast<int32_t>(details.size())) return nullptr;
     return &details[static_cast<size_t>(n - 1)];
   }
@@ -50,10 +39,29 @@ class GptTable : public TableDriver {
   int32_t Count(int32_t) const override { return EntryCount(); }
   PartitionRecord* Get(int32_t n, int32_t) override { return Entry(n); }
   std::vector<PartitionRecord*> Records(int32_t kind) override;
+  bool HeaderFacts(TableHeaderFacts* facts) const override;
+  // Entries are deleted; flags, types, names, new entries and their order
+  // are not edited here (131).
+  ResultCode Refusal(Edit edit) const override { return edit == Edit::Delete ? kSuccess : kNotGptDisk; }
+  ResultCode SetHidden(int32_t, bool) override { return kNotGptDisk; }
+  ResultCode SetActive(int32_t, bool) override { return kNotGptDisk; }
+  ResultCode SetType(int32_t, int32_t) override { return kNotGptDisk; }
+  ResultCode SetName(int32_t, const std::string&) override { return kNotGptDisk; }
+  ResultCode Add(const CreateRequest&) override { return kNotGptDisk; }
   int32_t DeletableCount() const override { return EntryCount(); }
   ResultCode Delete(int32_t n) override;
   ResultCode DeleteAll() override;
-  bool RebuildsFromSector0() const override { return false; }
+  ResultCode CheckOrder(bool*) override { return kNotGptDisk; }
+  ResultCode Reorder() override { return kNotGptDisk; }
+  // One text per copy at fault, the primary's first, saying what is wrong
+  // and, for the primary, which entries are listed.
+  std::vector<std::string> Verify() const override;
+  // From sector 0 through the primary array for a save; for a wipe, up to
+  // the first partition of either array.  200 unless the primary header
+  // passed its checks.
+  ResultCode OwnArea(TableArea* area) const override;
+  // A GPT record's type is its detected file system.
+  uint32_t BootRecordSectors(const PartitionRecord& record) const override;
   std::vector<SectorRange> OccupiedSectors() override;
   // The drive-letter rule of the MBR types, applied to the detected file
   // system number that a GPT record holds as its type.
@@ -69,7 +77,7 @@ class GptTable : public TableDriver {
   // The entries of known types in array order, and their GPT facts
   // (details[i] belongs to entries[i]).
   std::vector<std::unique_ptr<PartitionRecord>> entries;
-  std::vector<GptEntryDetails> details;
+  std::vector<EntryDetails> details;
   ResultCode firstError = kSuccess;
 
   uint8_t primaryHeader[512] = {};
@@ -98,8 +106,6 @@ class GptTable : public TableDriver {
   // check and the backup passed them all.  Such a table is never rewritten.
   bool fromBackup = false;
   bool isVirtual = false;
-  // The disk index the table was loaded for (the disk set's currentDisk).
-  int32_t loadedDisk = -1;
   // The whole sectors of the primary entry array as read, entries of every
   // type included, and which of its slots have been removed since.
   bool arrayLoaded = false;
@@ -131,7 +137,8 @@ class GptTable : public TableDriver {
 // 201 for a backup that fails any check, 203 for an unreadable primary
 // entry array.
 std::unique_ptr<TableDriver> LoadGptTable(DiskSet& disks);
-// The GPT table of the current disk; null on a disk without one.
+// The GPT table of the current disk; null on a disk without one.  For the
+// GPT's own code: everything else asks the disk set's driver.
 GptTable* GptOf(DiskSet& disks);
 const GptTable* GptOf(const DiskSet& disks);
 

@@ -284,8 +284,11 @@ bool RefuseSuperFloppy(DiskSet& disks) {
 
 }  // namespace
 
+// The model is made from the sector-0 image: however a delete ends, the
+// disk set rebuilds it from the image afterwards.
 ResultCode PartitionTable::Delete(int32_t n) {
   DiskSet& disks = *owner_;
+  disks.ReloadAfterEdit();
   if (RefuseSuperFloppy(disks)) return disks.firstError;
   PartitionRecord* record = Get(n, kKindPrimary);
   if (!record || record->slot < 0 || record->slot >= static_cast<int32_t>(mbr::kSlotCount)) {
@@ -303,6 +306,7 @@ ResultCode PartitionTable::Delete(int32_t n) {
 
 ResultCode PartitionTable::DeleteAll() {
   DiskSet& disks = *owner_;
+  disks.ReloadAfterEdit();
   if (RefuseSuperFloppy(disks)) return disks.firstError;
   // A sector 0 without the 55 AA marker (blank, unreadable, or holding
   // something else) has no partition entries to clear, and its bytes
@@ -311,6 +315,10 @@ ResultCode PartitionTable::DeleteAll() {
   std::memset(disks.sector0 + mbr::kEntryOffset, 0, kTableBytes);
   WriteSector0Image(disks);
   return disks.firstError;
+}
+
+uint32_t PartitionTable::BootRecordSectors(const PartitionRecord& record) const {
+  return VbrSectorCount(static_cast<uint32_t>(record.type) & 0xFF);
 }
 
 std::vector<SectorRange> PartitionTable::OccupiedSectors() {

@@ -45,13 +45,31 @@ class PartitionTable : public TableDriver {
   std::vector<PartitionRecord*> Records(int32_t kind) override;
   void SortByStart();
 
+  // The edits of the primary entries (partition_edit.cpp, partition_sort.cpp,
+  // partition_create.cpp): each ends in the one writer of sector 0.  A GPT
+  // disk never holds this table; a superfloppy's sector 0 is a volume boot
+  // record with no entries (130).
+  ResultCode Refusal(Edit edit) const override;
+  ResultCode SetHidden(int32_t n, bool hide) override;
+  ResultCode SetActive(int32_t n, bool active) override;
+  ResultCode SetType(int32_t n, int32_t type) override;
+  // MBR entries have no names.
+  ResultCode SetName(int32_t, const std::string&) override { return kNotGptDisk; }
+  ResultCode Add(const CreateRequest& request) override;
   // The primary entries are what `del` addresses.  Deleting clears the
   // entry (or all four) in the sector-0 image and writes the image; the
   // disk set then rebuilds the model from it.
   int32_t DeletableCount() const override { return primaryCount; }
   ResultCode Delete(int32_t n) override;
   ResultCode DeleteAll() override;
-  bool RebuildsFromSector0() const override { return true; }
+  ResultCode CheckOrder(bool* ordered) override;
+  ResultCode Reorder() override;
+
+  // An MBR carries no checksums or copies of its own to check.
+  std::vector<std::string> Verify() const override { return {}; }
+  // The GPT area is the only table area save= and wipe= name.
+  ResultCode OwnArea(TableArea*) const override { return kNotGptDisk; }
+  uint32_t BootRecordSectors(const PartitionRecord& record) const override;
   std::vector<SectorRange> OccupiedSectors() override;
   bool MayHaveDriveLetter(const PartitionRecord& record) const override;
 
@@ -84,6 +102,7 @@ bool QueryDriveLayout(DeviceHandle& device, DriveLayoutResult* out);
 // disk set's loader).
 std::unique_ptr<TableDriver> LoadMbrTable(DiskSet& disks);
 // The MBR table of the current disk; null on a GPT disk (or before a load).
+// For the MBR's own code: everything else asks the disk set's driver.
 PartitionTable* MbrTable(DiskSet& disks);
 
 // Rebuilds sector 0 from the primary records and writes it: in place (each

@@ -2,6 +2,8 @@
 // program knows, and the hidden column used for drive-layout records.
 #include "mbr/type_table.h"
 
+#include "disk/volume.h"
+
 #include <iterator>
 
 namespace dh {
@@ -148,6 +150,18 @@ bool IsHideableType(uint32_t type) {
       return true;
     default:
       return false;
+  }
+}
+
+uint32_t VbrSectorCount(uint32_t type) {
+  switch (type) {
+    case 0x04: case 0x05: case 0x06: case 0x0B: case 0x0C: case 0x0E: case 0x12: case 0x14: case 0x15:
+    case 0x16: case 0x1B: case 0x1C: case 0x1E:
+      return kFatBootRecordSectors;
+    case 0x07: case 0x17:
+      return kNtfsBootRecordSectors;
+    default:
+      return 0;
   }
 }
 

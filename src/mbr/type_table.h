@@ -25,6 +25,9 @@ bool IsExtendedType(uint32_t type);
 bool IsHiddenTypeByRule(uint32_t type);
 // The nine visible types that hiding knows (hiding sets bit 0x10).
 bool IsHideableType(uint32_t type);
+// Sectors of a volume boot record saved for a partition type: 3 for the
+// FAT and extended types, 7 for NTFS (07, 17), 0 for any other type.
+uint32_t VbrSectorCount(uint32_t type);
 // (The drive-letter types live with the MBR layout: both table drivers use
 // them.)
 

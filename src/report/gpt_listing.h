@@ -4,31 +4,25 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 namespace dh {
 
 class DiskSet;
 class FramedWriter;
-class GptTable;
+class TableDriver;
 struct PartitionRecord;
-struct GptEntryDetails;
+struct EntryDetails;
+struct TableHeaderFacts;
 
 // The details block, the separator, the column header and its underline of
 // the current GPT disk.
-void PrintGptDetails(DiskSet& disks, const GptTable& table, FramedWriter& out);
+void PrintGptDetails(DiskSet& disks, const TableHeaderFacts& facts, FramedWriter& out);
 // One row per entry of the current GPT disk, in table order.
-void PrintGptRows(const DiskSet& disks, const GptTable& table, FramedWriter& out);
+void PrintGptRows(const DiskSet& disks, TableDriver& table, FramedWriter& out);
 // One entry row; `position` is the entry's 1-based place among the entries.
 // `details` may be null (the row then shows no type, file system or flags).
-void PrintGptRow(const DiskSet& disks, const PartitionRecord& record, const GptEntryDetails* details, int position,
+void PrintGptRow(const DiskSet& disks, const PartitionRecord& record, const EntryDetails* details, int position,
                  FramedWriter& out);
 
-// The warnings about a GPT that failed the reader's checks: one line per
-// copy at fault, the primary's first, each "diskhold: warning: " and
-// `diskName` ("disk 1", "virtual disk"), a colon, what is wrong and, for the
-// primary, which entries are listed; each ends in a line break.  None for a
-// GPT that passed every check.
-std::vector<std::string> GptWarningLines(const GptTable& table, const std::string& diskName);
 
 }  // namespace dh

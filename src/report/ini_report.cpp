@@ -12,7 +12,7 @@
 #include "disk/disk_set.h"
 #include "disk/identify.h"
 #include "disk/volume.h"
-#include "gpt/gpt_table.h"
+#include "disk/table_driver.h"
 #include "platform/platform.h"
 #include "report/text_fields.h"
 
@@ -90,7 +90,7 @@ void WriteDiskSection(DiskSet& disks, int32_t d, IniWriter& ini) {
 }
 
 void WritePartitionSection(DiskSet& disks, int32_t d, int32_t p, const PartitionRecord& r,
-                           const GptEntryDetails* details, IniWriter& ini) {
+                           const EntryDetails* details, IniWriter& ini) {
   const bool isGpt = disks.isGpt;
   ini.Section("Disk" + std::to_string(d) + ".Partition" + std::to_string(p));
   if (!isGpt) ini.Key("ActivePart", YesNo(r.active != 0));
@@ -158,12 +158,12 @@ void WriteIniReport(DiskSet& disks, const IniReportRequest& request, Sink& out) 
   for (int32_t d = 0; d < disks.diskCount; ++d) {
     disks.SelectDisk(d);
     WriteDiskSection(disks, d, ini);
-    const GptTable* gpt = GptOf(disks);
+    const TableDriver* table = disks.Table();
     // Collected once: lookups by number would walk the table each time.
     const std::vector<PartitionRecord*> records = Partitions(disks, kKindPrimary);
     for (size_t i = 0; i < records.size(); ++i) {
       const int32_t p = static_cast<int32_t>(i + 1);
-      WritePartitionSection(disks, d, p, *records[i], gpt != nullptr ? gpt->Details(p) : nullptr, ini);
+      WritePartitionSection(disks, d, p, *records[i], table != nullptr ? table->Details(p) : nullptr, ini);
     }
   }
 

@@ -15,7 +15,7 @@
 #include "base/le.h"
 #include "disk/disk_set.h"
 #include "disk/identify.h"
-#include "gpt/gpt_table.h"
+#include "disk/table_driver.h"
 #include "mbr/type_table.h"
 #include "platform/platform.h"
 #include "report/format.h"
@@ -88,9 +88,13 @@ void PrintDiskBlock(DiskSet& disks, int32_t diskNumber, const ListRequest& reque
   const std::string kindField = "MBR/GPT:         " + kind + FillTo(kind, 27);
   out.Inner(" Disk: " + DiskNameField(disks, diskNumber) + kindField);
 
-  if (const GptTable* gpt = GptOf(disks)) {
-    PrintGptDetails(disks, *gpt, out);
-    PrintGptRows(disks, *gpt, out);
+  // A table with a header of its own lists its entries with their
+  // attributes; the MBR lists its slots.
+  TableHeaderFacts facts;
+  TableDriver* table = disks.Table();
+  if (table != nullptr && table->HeaderFacts(&facts)) {
+    PrintGptDetails(disks, facts, out);
+    PrintGptRows(disks, *table, out);
   } else {
     PrintMbrDiskDetails(disks, out);
     PrintMbrRows(disks, request, out);
@@ -111,17 +115,19 @@ void PrintDiskBlock(DiskSet& disks, int32_t diskNumber, const ListRequest& reque
 constexpr int32_t kAllDisks = -1;
 constexpr int32_t kVirtualDisk = 999;
 
-// The warnings of the GPT of the disk just listed.  A disk that failed to
-// load leaves the table of the disk before it in place: its warnings are
-// not repeated under another disk's name.
-void PrintGptWarnings(const DiskSet& disks, int32_t diskNumber, Sink& warnings) {
-  const GptTable* gpt = GptOf(disks);
-  if (gpt == nullptr) return;
+// The problems the table of the disk just listed found in itself, one
+// warning line each.  A disk that failed to load leaves the table of the
+// disk before it in place: its warnings are not repeated under another
+// disk's name.
+void PrintTableWarnings(const DiskSet& disks, int32_t diskNumber, Sink& warnings) {
+  const TableDriver* table = disks.Table();
+  if (table == nullptr) return;
   const bool virtualDisk = diskNumber == kVirtualDisk;
-  if (gpt->isVirtual != virtualDisk || disks.isVirtual != virtualDisk) return;
-  if (!virtualDisk && (gpt->loadedDisk != diskNumber || disks.currentDisk != diskNumber)) return;
-  const std::string name = virtualDisk ? "virtual disk" : "disk " + std::to_string(diskNumber);
-  for (const std::string& line : GptWarningLines(*gpt, name)) warnings.Write(line);
+  if (disks.isVirtual != virtualDisk || !disks.TableLoadedFor(diskNumber, virtualDisk)) return;
+  if (!virtualDisk && disks.currentDisk != diskNumber) return;
+  const std::string prefix =
+      "diskhold: warning: " + (virtualDisk ? std::string("virtual disk") : "disk " + std::to_string(diskNumber)) + ": ";
+  for (const std::string& problem : table->Verify()) warnings.Write(prefix + problem + "\n");
 }
 
 ResultCode ListOneDisk(DiskSet& disks, int32_t diskNumber, const ListRequest& request, FramedWriter& out) {
@@ -133,7 +139,7 @@ ResultCode ListOneDisk(DiskSet& disks, int32_t diskNumber, const ListRequest& re
   // A disk that failed to load is listed all the same, with whatever the
   // loaded disk record then holds: the listing shows what the program sees.
   PrintDiskBlock(disks, diskNumber, request, out);
-  PrintGptWarnings(disks, diskNumber, request.warnings != nullptr ? *request.warnings : StdErr());
+  PrintTableWarnings(disks, diskNumber, request.warnings != nullptr ? *request.warnings : StdErr());
   return disks.firstError;
 }
 

@@ -97,18 +97,6 @@ bool WriteChunk(DiskSet& disks, HoleMap& diskHoles, uint64_t lba, const uint8_t*
 
 }  // namespace
 
-uint32_t VbrSectorCount(uint32_t type) {
-  switch (type) {
-    case 0x04: case 0x05: case 0x06: case 0x0B: case 0x0C: case 0x0E: case 0x12: case 0x14: case 0x15:
-    case 0x16: case 0x1B: case 0x1C: case 0x1E:
-      return 3;
-    case 0x07: case 0x17:
-      return 7;
-    default:
-      return 0;
-  }
-}
-
 ResultCode SaveSectorsToFile(DiskSet& disks, const std::string& fileName, uint64_t firstSector, uint64_t count,
                              uint8_t kind) {
   DeviceHandle file;

@@ -45,8 +45,4 @@ constexpr uint64_t kQuietSaveSectors = 13000;
 ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t targetSector, int64_t count,
                            bool requireMbr, Sink& out);
 
-// Sectors of a volume boot record saved for a partition type: 3 for the
-// FAT and extended types, 7 for NTFS (07, 17), 0 for any other type.
-uint32_t VbrSectorCount(uint32_t type);
-
 }  // namespace dh

@@ -1,6 +1,6 @@
 // The create= command: where the new partition goes, how large it is, and
 // the entry that describes it.
-#include "edit/partition_create.h"
+#include "mbr/partition_create.h"
 
 #include <cstring>
 #include <memory>
@@ -10,8 +10,8 @@
 #include "base/le.h"
 #include "base/text.h"
 #include "disk/disk_set.h"
-#include "edit/partition_edit.h"
-#include "edit/partition_sort.h"
+#include "mbr/partition_edit.h"
+#include "mbr/partition_sort.h"
 #include "mbr/partition.h"
 #include "platform/platform.h"
 

@@ -1,6 +1,7 @@
 // Edits of the primary MBR entries of the current disk: hide and unhide,
-// active and inactive, and type changes.  Each ends in the MBR's one
-// writer of sector 0 (WritePartitionTable).
+// active and inactive, and type changes, behind the MBR table's driver
+// operations.  Each ends in the MBR's one writer of sector 0
+// (WritePartitionTable).
 //
 // Every operation works on the DiskSet's current disk and returns the
 // DiskSet's first recorded error (0 on success; always 0 under `ignore`).
@@ -29,12 +30,5 @@ ResultCode SetPartitionActive(DiskSet& disks, int32_t n, bool activate);
 ResultCode DeactivateAllPartitions(DiskSet& disks);
 // Stores the type byte in the n-th primary entry; CHS and LBA fields stay.
 ResultCode ChangePartitionType(DiskSet& disks, int32_t n, uint8_t type);
-
-// `del`: the n-th partition the table deletes by number (MBR primaries,
-// GPT entries), or all of them.  The caller checks n.  The outcome is the
-// disk layer's first error, then the table's own code; under `ignore` a
-// failure reports 0.
-ResultCode DeletePartition(DiskSet& disks, int32_t n);
-ResultCode DeleteAllPartitions(DiskSet& disks);
 
 }  // namespace dh

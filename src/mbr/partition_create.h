@@ -8,6 +8,7 @@
 #include <string>
 
 #include "base/result_codes.h"
+#include "disk/table_driver.h"
 
 namespace dh {
 
@@ -57,18 +58,6 @@ void BuildNewEntry(uint8_t entry[16], uint32_t start, uint32_t size, uint8_t typ
 // `ignore` is off; otherwise the DiskSet's first error.
 ResultCode CreatePartition(DiskSet& disks, uint64_t start, uint64_t size, uint8_t type);
 
-// The values of "/start", "/align", "/size" and "/type" as typed; an absent
-// argument has `have...` false.
-struct CreateRequest {
-  bool haveStart = false;
-  std::string start;
-  bool haveAlign = false;
-  std::string align;
-  bool haveSize = false;
-  std::string size;
-  bool haveType = false;
-  std::string type;
-};
 
 // The create= command: start, alignment, size and type from the request,
 // then CreatePartition, then the request to the system to re-read the disk.

@@ -1,6 +1,6 @@
 // Flag, type and delete edits of the primary MBR entries, and the writer
 // of sector 0 that all MBR edits end in.
-#include "edit/partition_edit.h"
+#include "mbr/partition_edit.h"
 
 #include <cstring>
 #include <vector>
@@ -8,6 +8,7 @@
 #include "base/le.h"
 #include "disk/disk_set.h"
 #include "mbr/partition.h"
+#include "mbr/partition_create.h"
 #include "mbr/type_table.h"
 
 namespace dh {
@@ -78,15 +79,6 @@ ResultCode ActivateRecord(DiskSet& disks, PartitionRecord& record, bool activate
   return disks.firstError;
 }
 
-// A table writer (the GPT's) may keep its own first error; a failure of
-// its write must still become the command's result.  A disk-layer error
-// comes first, and under `ignore` failures report 0 as everywhere else.
-ResultCode DeleteOutcome(DiskSet& disks, ResultCode tableCode) {
-  if (disks.firstError != kSuccess) return disks.firstError;
-  if (disks.ignoreErrors) return kSuccess;
-  return tableCode;
-}
-
 }  // namespace
 
 ResultCode MbrEditRefusal(DiskSet& disks) {
@@ -94,6 +86,35 @@ ResultCode MbrEditRefusal(DiskSet& disks) {
   if (disks.superFloppy != 0) return kRemovableNoMbr;
   return kSuccess;
 }
+
+// The table driver's edits.
+
+ResultCode PartitionTable::Refusal(Edit) const {
+  // A superfloppy's sector 0 is a volume boot record with no entries.
+  return owner_->superFloppy != 0 ? kRemovableNoMbr : kSuccess;
+}
+
+ResultCode PartitionTable::SetHidden(int32_t n, bool hide) {
+  if (ResultCode refusal = Refusal(Edit::Flags)) return refusal;
+  return n == kEveryPartition ? SetAllPartitionsHidden(*owner_, hide) : SetPartitionHidden(*owner_, n, hide);
+}
+
+ResultCode PartitionTable::SetActive(int32_t n, bool active) {
+  if (ResultCode refusal = Refusal(Edit::Flags)) return refusal;
+  // Only one partition can be active: every partition is a number that
+  // names none when activating.
+  if (n == kEveryPartition && !active) return DeactivateAllPartitions(*owner_);
+  return SetPartitionActive(*owner_, n, active);
+}
+
+ResultCode PartitionTable::SetType(int32_t n, int32_t type) {
+  if (ResultCode refusal = Refusal(Edit::Flags)) return refusal;
+  // No type byte could be read from the command line: nothing is stored.
+  if (type < 0) return kInvalidParameter;
+  return ChangePartitionType(*owner_, n, static_cast<uint8_t>(type & 0xFF));
+}
+
+ResultCode PartitionTable::Add(const CreateRequest& request) { return CreateFromRequest(*owner_, request); }
 
 ResultCode SetPartitionHidden(DiskSet& disks, int32_t n, bool hide) {
   PartitionRecord* record = SelectedPrimary(disks, n);
@@ -127,9 +148,5 @@ ResultCode ChangePartitionType(DiskSet& disks, int32_t n, uint8_t type) {
   WritePartitionTable(disks, false);
   return disks.firstError;
 }
-
-ResultCode DeletePartition(DiskSet& disks, int32_t n) { return DeleteOutcome(disks, disks.DeletePartition(n)); }
-
-ResultCode DeleteAllPartitions(DiskSet& disks) { return DeleteOutcome(disks, disks.DeleteAllPartitions()); }
 
 }  // namespace dh

@@ -1,10 +1,10 @@
 // The sorted test and the sort command.
-#include "edit/partition_sort.h"
+#include "mbr/partition_sort.h"
 
 #include <cstdint>
 
 #include "disk/disk_set.h"
-#include "edit/partition_edit.h"
+#include "mbr/partition_edit.h"
 #include "mbr/partition.h"
 
 namespace dh {
@@ -31,6 +31,13 @@ bool IsSorted(PartitionTable& table) {
   table.sorted = sorted ? 1 : 0;
   return sorted;
 }
+
+ResultCode PartitionTable::CheckOrder(bool* ordered) {
+  *ordered = IsSorted(*this);
+  return kSuccess;
+}
+
+ResultCode PartitionTable::Reorder() { return SortPartitionEntries(*owner_); }
 
 ResultCode SortPartitionEntries(DiskSet& disks) {
   PartitionTable* table = MbrTable(disks);
