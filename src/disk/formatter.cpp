@@ -47,11 +47,7 @@ bool WriteStagedVolume(DiskSet& disks, uint64_t start, uint64_t count, platform:
   for (uint64_t at = 0; at < size;) {
     const uint32_t piece = static_cast<uint32_t>(size - at < kCopyBytes ? size - at : kCopyBytes);
     uint32_t got = 0;
-    for (uint32_t filled = 0; filled < piece; filled += got) {
-      if (!staged.Seek(at + filled) || !staged.Read(buffer.data() + filled, piece - filled, &got) || got == 0) {
-        return false;
-      }
-    }
+    if (!platform::ReadAt(staged, at, buffer.data(), piece, &got) || got != piece) return false;
     if (!WriteFull(device, start * kSectorSize + at, buffer.data(), piece)) return false;
     at += piece;
   }

@@ -107,6 +107,9 @@ class File {
   // same offset, for the file system's own copying; nullptr when there is
   // none (a layout of several files, a drive whose faults must show).
   virtual File* CloneSource();
+  // The system's descriptor of this file for that copying, or -1 when the
+  // file is no plain file of this system's own.
+  virtual int CloneDescriptor() { return -1; }
   // Makes [to, to + bytes) of this file hold the bytes of [from, from +
   // bytes) of `source` by the file system sharing its blocks (FICLONERANGE),
   // without reading or writing them.  False when it cannot (another file
@@ -127,6 +130,11 @@ class File {
   virtual int32_t UnusableReason() { return 0; }
 };
 
+// Moves `bytes` between the buffer and the file at `offset`, looping over
+// short transfers until all moved or one moves nothing (the file ended);
+// *moved is what moved.  False when a transfer fails.  The one loop over a
+// host file's transfers.
+bool TransferAt(File& file, uint64_t offset, void* buffer, uint32_t bytes, bool write, uint32_t* moved);
 // Reads at `offset` until `bytes` arrived or the file ends, looping over
 // short reads; *got is what arrived.  False when a read fails.
 bool ReadAt(File& file, uint64_t offset, void* buffer, uint32_t bytes, uint32_t* got);

@@ -1,6 +1,8 @@
 // The layers of src/ only point down: each folder includes its own headers
-// and those of layers below it, never one of its own layer or above.  And
-// only the platform layer includes an operating system's headers.
+// and those of layers below it, never one of its own layer or above.  Only
+// the platform layer includes an operating system's headers; only the table
+// drivers (mbr/, gpt/) name their concrete tables or cast to a type; only
+// the app and platform layers read the global machine.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -21,12 +23,15 @@ const std::map<std::string, int> kLayers = {
 
 std::string TopFolder(const fs::path& relative) { return relative.begin()->string(); }
 
-TEST(Layering, IncludesPointDownAndOsHeadersStayInThePlatform) {
+TEST(Layering, IncludesPointDownAndEachLayerKeepsToItsOwn) {
   const fs::path src = fs::path(DISKHOLD_SOURCE_DIR) / "src";
   // A build run elsewhere (the Windows tests under Wine) may not see the tree.
   if (!fs::is_directory(src)) GTEST_SKIP() << "no source tree at " << src;
   const std::regex quoted(R"(^\s*#\s*include\s*"([^"]+)\")");
   const std::regex system(R"(^\s*#\s*include\s*<([^>]+)>)");
+  const std::regex pastTheDriver(R"(\b(MbrTable|GptOf)\s*\(|\bdynamic_cast\b)");
+  const std::regex globalMachine(R"(\bHost\s*\(\s*\))");
+  const std::regex comment(R"(^\s*//)");
   const std::regex osHeader(R"(^(windows\.h|winioctl\.h|unistd\.h|fcntl\.h|termios\.h|dirent\.h|sys/.*|linux/.*)$)");
   int files = 0;
   for (const auto& entry : fs::recursive_directory_iterator(src)) {
@@ -44,6 +49,11 @@ TEST(Layering, IncludesPointDownAndOsHeadersStayInThePlatform) {
     while (std::getline(in, line)) {
       ++number;
       std::smatch m;
+      const bool code = !std::regex_search(line, comment);
+      EXPECT_FALSE(code && folder != "mbr" && folder != "gpt" && std::regex_search(line, pastTheDriver))
+          << relative.string() << ":" << number << " reaches past the table driver";
+      EXPECT_FALSE(code && folder != "app" && folder != "platform" && std::regex_search(line, globalMachine))
+          << relative.string() << ":" << number << " reads the global machine instead of the one handed down";
       if (std::regex_search(line, m, quoted)) {
         const fs::path included(m[1].str());
         const std::string target = TopFolder(included);

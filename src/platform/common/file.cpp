@@ -22,27 +22,28 @@ File* File::CloneSource() { return nullptr; }
 
 bool File::CloneFrom(File&, uint64_t, uint64_t, uint64_t) { return false; }
 
-bool ReadAt(File& file, uint64_t offset, void* buffer, uint32_t bytes, uint32_t* got) {
+bool TransferAt(File& file, uint64_t offset, void* buffer, uint32_t bytes, bool write, uint32_t* moved) {
   auto* p = static_cast<uint8_t*>(buffer);
-  *got = 0;
-  while (*got < bytes) {
+  *moved = 0;
+  while (*moved < bytes) {
     uint32_t step = 0;
-    if (!file.Seek(offset + *got) || !file.Read(p + *got, bytes - *got, &step)) return false;
+    if (!file.Seek(offset + *moved)) return false;
+    const bool ok = write ? file.Write(p + *moved, bytes - *moved, &step) : file.Read(p + *moved, bytes - *moved, &step);
+    if (!ok) return false;
     if (step == 0) break;
-    *got += step;
+    *moved += step;
   }
   return true;
 }
 
+bool ReadAt(File& file, uint64_t offset, void* buffer, uint32_t bytes, uint32_t* got) {
+  return TransferAt(file, offset, buffer, bytes, false, got);
+}
+
 bool WriteAt(File& file, uint64_t offset, const void* buffer, uint32_t bytes) {
-  const auto* p = static_cast<const uint8_t*>(buffer);
-  uint32_t total = 0;
-  while (total < bytes) {
-    uint32_t step = 0;
-    if (!file.Seek(offset + total) || !file.Write(p + total, bytes - total, &step) || step == 0) return false;
-    total += step;
-  }
-  return true;
+  uint32_t moved = 0;
+  // The buffer is only read on this path.
+  return TransferAt(file, offset, const_cast<void*>(buffer), bytes, true, &moved) && moved == bytes;
 }
 
 }  // namespace dh::platform

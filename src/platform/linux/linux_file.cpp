@@ -146,13 +146,15 @@ class LinuxFile final : public File {
   }
 
   File* CloneSource() override { return blockDevice_ ? nullptr : this; }
+  int CloneDescriptor() override { return blockDevice_ ? -1 : fd_; }
 
   bool CloneFrom(File& source, uint64_t from, uint64_t to, uint64_t bytes) override {
-    auto* other = dynamic_cast<LinuxFile*>(source.CloneSource());
-    if (other == nullptr || blockDevice_ || bytes == 0) return false;
+    File* other = source.CloneSource();
+    const int sourceFd = other != nullptr ? other->CloneDescriptor() : -1;
+    if (sourceFd < 0 || blockDevice_ || bytes == 0) return false;
     if (from > kMaxOffset || bytes > kMaxOffset - from || to > kMaxOffset || bytes > kMaxOffset - to) return false;
     file_clone_range range{};
-    range.src_fd = other->fd_;
+    range.src_fd = sourceFd;
     range.src_offset = from;
     range.src_length = bytes;
     range.dest_offset = to;

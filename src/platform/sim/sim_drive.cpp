@@ -221,16 +221,8 @@ class DriveFile : public File {
   // Moves `bytes` bytes between the buffer and the image at the current
   // position, looping over short transfers of the host.
   bool Transfer(void* buffer, uint32_t bytes, bool write, uint32_t* moved) {
-    auto* p = static_cast<uint8_t*>(buffer);
     uint32_t total = 0;
-    while (total < bytes) {
-      if (!image_->Seek(position_ + total)) return FailFromNative();
-      uint32_t step = 0;
-      const bool ok = write ? image_->Write(p + total, bytes - total, &step) : image_->Read(p + total, bytes - total, &step);
-      if (!ok) return FailFromNative();
-      if (step == 0) break;
-      total += step;
-    }
+    if (!TransferAt(*image_, position_, buffer, bytes, write, &total)) return FailFromNative();
     *moved = total;
     // Nothing moved at all: the image ended early (it shrank underneath us)
     // or the host refused the data without saying why.
