@@ -68,7 +68,7 @@ void PrintGptDetails(DiskSet& disks, const GptTable& gpt, FramedWriter& out) {
   const uint8_t* shown = table->ShownHeader();
   static const uint8_t kZeroGuid[gpt::kGuidSize] = {};
 
-  const std::string size = FormatSizeText(SizeArgument(disks.totalBytes));
+  const std::string size = FormatSizeText(disks.machine(), SizeArgument(disks.totalBytes));
   const std::string revision = shown != nullptr ? std::to_string(shown[gpt::kRevisionMajor]) + "." +
                                                       std::to_string(shown[gpt::kRevisionMinor])
                                                 : "0.0";
