@@ -68,12 +68,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The reading of show=File: the header, then the first data sector as
   // the disk's sector-0 image with its entries as the partition model.
   uint8_t header[dh::backup::kHeaderSize];
-  const uint8_t kind = dh::ReadBackupKind(kFile, header);
+  const uint8_t kind = dh::ReadBackupKind(*disk.host, kFile, header);
   if (kind != dh::kBackupRaw) dh::DecodeBackupHeader(header);
-  dh::GetFileSizeByName(kFile);
+  dh::GetFileSizeByName(*disk.host, kFile);
   std::memset(d.sector0, 0, sizeof d.sector0);
   dh::DeviceHandle file;
-  if (file.OpenRead(kFile)) dh::ReadFull(file, kind != dh::kBackupRaw ? 512 : 0, d.sector0, 512);
+  if (file.OpenRead(*disk.host, kFile)) dh::ReadFull(file, kind != dh::kBackupRaw ? 512 : 0, d.sector0, 512);
   d.walkExtended = false;
   d.skipVolumeInfo = true;
   d.LoadImageTable();

@@ -193,15 +193,13 @@ platform::sim::DriveDescription Drive(int number, const std::string& image, plat
 }
 
 DirectDisk::DirectDisk() {
-  platform::SetHost(host.get());
   DiskDrivers drivers;
   drivers.loadMbr = LoadMbrTable;
   drivers.loadGpt = LoadGptTable;
-  disks_ = std::make_unique<DiskSet>(drivers, false);
+  disks_ = std::make_unique<DiskSet>(*host, drivers, false);
 }
 
 DiskSet& DirectDisk::Load(const MemFile& image, platform::sim::MediaKind media) {
-  platform::SetHost(host.get());
   host->files.clear();
   host->created = 0;
   host->Put(kPath, image);

@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   dh::ReadVolumeEncrypted(d, kStart);
   dh::ReadVolumeLabel(kind, d, kStart);
   dh::ReadExfatLabel(d.Device(), kStart);
-  dh::ReadNtfsLabel(d.Device(), kStart);
+  dh::ReadNtfsLabel(d.machine(), d.Device(), kStart);
   dh::VolumeIdText(d, 1);
   dh::VolumeIdTextAt(d, kStart);
   dh::fuzz::RequireNoWrites(*disk.host, {}, "reading the volume");

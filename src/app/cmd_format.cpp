@@ -46,7 +46,7 @@ void HandleFormat(CommandContext& c) {
       return;
     }
   }
-  Formatter formatter(c.out);
+  Formatter formatter(c.out, c.disks.machine());
   FormatVolume(c.disks, *partition, formatter);
 }
 

@@ -181,7 +181,7 @@ void RunRestoreVbr(DiskSet& disks, const std::string& name, Sink& out) {
     SetResultIfNone(kInvalidPartition);
     return;
   }
-  if (!platform::Host().PathExists(name)) {
+  if (!disks.machine().PathExists(name)) {
     SetResultIfNone(kFileNotFound);
     return;
   }
@@ -189,7 +189,7 @@ void RunRestoreVbr(DiskSet& disks, const std::string& name, Sink& out) {
   // has no sector count, and any other backup would put an MBR or a range
   // over the partition's first sectors.
   uint8_t header[backup::kHeaderSize];
-  if (ReadBackupKind(name, header) != kBackupVbr) {
+  if (ReadBackupKind(disks.machine(), name, header) != kBackupVbr) {
     SetResultIfNone(kNotBackupFile);
     return;
   }
@@ -261,15 +261,15 @@ bool LoadFileForShow(DiskSet& disks, std::string* name) {
     SetResultIfNone(kMissingParameter);
     return false;
   }
-  if (!platform::Host().PathExists(*name)) {
+  if (!disks.machine().PathExists(*name)) {
     SetResultIfNone(kFileNotFound);
     return false;
   }
   uint8_t header[backup::kHeaderSize];
-  const uint64_t dataSector = ReadBackupKind(*name, header) != kBackupRaw ? 1 : 0;
+  const uint64_t dataSector = ReadBackupKind(disks.machine(), *name, header) != kBackupRaw ? 1 : 0;
   std::memset(disks.sector0, 0, sizeof disks.sector0);
   DeviceHandle file;
-  if (file.OpenRead(*name)) {
+  if (file.OpenRead(disks.machine(), *name)) {
     ReadFull(file, dataSector * kSectorSize, disks.sector0, kSectorSize);
     file.Close();
   }

@@ -37,7 +37,7 @@ void CheckElevation() {
   if (host.QueryElevation(&elevated) && !elevated) SetResultIfNone(kNotElevated);
 }
 
-void ResolveSelectors(const DiskDrivers& drivers, bool ignoreErrors) {
+void ResolveSelectors(platform::Machine& host, const DiskDrivers& drivers, bool ignoreErrors) {
   RunOptions& o = Options();
   RunState& s = State();
   std::optional<VolumeSelector> selector;
@@ -66,9 +66,9 @@ void ResolveSelectors(const DiskDrivers& drivers, bool ignoreErrors) {
       break;
   }
   // An unset "systemdrive" variable finds nothing.
-  if (selector == VolumeSelector::System && !platform::Host().GetEnv("systemdrive", &text)) text.clear();
+  if (selector == VolumeSelector::System && !host.GetEnv("systemdrive", &text)) text.clear();
   if (selector) {
-    const LocatedVolume found = LocateVolume(drivers, *selector, text, ignoreErrors);
+    const LocatedVolume found = LocateVolume(host, drivers, *selector, text, ignoreErrors);
     if (found.found) {
       s.locatedDisk = found.disk;
       s.locatedPart = found.part;
@@ -138,13 +138,13 @@ int32_t RunDiskhold(int argc, char** argv) {
       PrintUsage(StdOut());
     }
   } else {
-    disks = std::make_unique<DiskSet>(drivers, o.ignoreErrors);
+    disks = std::make_unique<DiskSet>(host, drivers, o.ignoreErrors);
     if (disks->firstError != kSuccess) {
       SetResultIfNone(disks->firstError);
     } else {
       s.completedStep = 0;
     }
-    ResolveSelectors(drivers, o.ignoreErrors);
+    ResolveSelectors(host, drivers, o.ignoreErrors);
     CommandContext context{o, s, *disks, StdOut(), frame, codePage};
     DispatchCommand(context);
     if (o.command == kCmdBootMenu && s.resultCode == kSuccess) RunBootMenuStep(context);

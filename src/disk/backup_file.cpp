@@ -100,7 +100,7 @@ void FillBackupHeader(DiskSet& disks, uint8_t* buffer, uint8_t kind, uint64_t fi
   h.partitionCount = Clamp16(count);
   h.diskModel = GetDiskDescription(disks, disks.currentDisk);
   h.diskCount = Clamp16(disks.diskCount);
-  h.computerName = platform::Host().ComputerName();
+  h.computerName = disks.machine().ComputerName();
   h.firstSector = firstSector;
   h.sectorCount = sectorCount;
   h.sourceDisk = Clamp16(disks.currentDisk);
@@ -124,19 +124,19 @@ void FillBackupHeader(DiskSet& disks, uint8_t* buffer, uint8_t kind, uint64_t fi
   EncodeBackupHeader(h, buffer);
 }
 
-uint8_t ReadBackupKind(const std::string& fileName, uint8_t* buffer) {
+uint8_t ReadBackupKind(platform::Machine& machine, const std::string& fileName, uint8_t* buffer) {
   std::memset(buffer, 0, kHeaderSize);
   DeviceHandle file;
-  if (!file.OpenRead(fileName)) return kBackupRaw;
+  if (!file.OpenRead(machine, fileName)) return kBackupRaw;
   bool failed = false;
   if (ReadFull(file, 0, buffer, kHeaderSize, &failed) < kHeaderSize || failed) return kBackupRaw;
   if (buffer[0] != 'D' || buffer[1] != 'D') return kBackupRaw;
   return buffer[kKindOffset];
 }
 
-uint64_t GetFileSizeByName(const std::string& fileName) {
+uint64_t GetFileSizeByName(platform::Machine& machine, const std::string& fileName) {
   DeviceHandle file;
-  if (!file.OpenRead(fileName)) return 0;
+  if (!file.OpenRead(machine, fileName)) return 0;
   uint64_t size = 0;
   if (!file.file()->Size(&size)) return 0;
   return size;

@@ -13,6 +13,9 @@
 namespace dh {
 
 class DiskSet;
+namespace platform {
+class Machine;
+}
 
 namespace backup {
 constexpr size_t kHeaderSize = 512;
@@ -93,14 +96,14 @@ BackupHeader DecodeBackupHeader(const uint8_t* in);
 // current disk, into 512 bytes at `buffer`.
 void FillBackupHeader(DiskSet& disks, uint8_t* buffer, uint8_t kind, uint64_t firstSector, uint64_t sectorCount);
 
-// Reads the first 512 bytes of a file into `buffer` (zeros where the file
-// has none) and returns the content kind: byte 10 when a whole sector was
+// Reads the first 512 bytes of a file of `machine` into `buffer` (zeros
+// where the file has none) and returns the content kind: byte 10 when a whole sector was
 // read and it begins with "DD", otherwise 0 (also for a file that cannot be
 // opened).  Nothing else is tested, so a raw file that begins with "DD"
 // passes for a header file, as it always has.
-uint8_t ReadBackupKind(const std::string& fileName, uint8_t* buffer);
+uint8_t ReadBackupKind(platform::Machine& machine, const std::string& fileName, uint8_t* buffer);
 
-// The size of a file in bytes; 0 when it cannot be opened.
-uint64_t GetFileSizeByName(const std::string& fileName);
+// The size of a file of `machine` in bytes; 0 when it cannot be opened.
+uint64_t GetFileSizeByName(platform::Machine& machine, const std::string& fileName);
 
 }  // namespace dh

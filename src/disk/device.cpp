@@ -6,13 +6,12 @@
 
 namespace dh {
 
-using platform::Host;
 using platform::OpenMode;
 
-bool DeviceHandle::Open(const std::string& openPath, OpenMode mode) {
+bool DeviceHandle::Open(platform::Machine& machine, const std::string& openPath, OpenMode mode) {
   if (IsOpen()) return false;
   path = openPath;
-  file_ = Host().Open(openPath, mode);
+  file_ = machine.Open(openPath, mode);
   if (!file_) return false;
   canWrite = true;
   canRead = true;

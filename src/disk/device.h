@@ -23,11 +23,13 @@ class DeviceHandle : public SectorDevice {
   DeviceHandle& operator=(DeviceHandle&&) = default;
 
   bool IsOpen() const { return file_ != nullptr; }
-  // Opens the path when closed; sets both flags on success.  False when the
-  // handle is already open or the open fails.
-  bool Open(const std::string& path, platform::OpenMode mode);
+  // Opens the path on `machine` when closed; sets both flags on success.
+  // False when the handle is already open or the open fails.
+  bool Open(platform::Machine& machine, const std::string& path, platform::OpenMode mode);
   // Opens an existing file read-only.
-  bool OpenRead(const std::string& path) { return Open(path, platform::OpenMode::ReadExisting); }
+  bool OpenRead(platform::Machine& machine, const std::string& path) {
+    return Open(machine, path, platform::OpenMode::ReadExisting);
+  }
   // Takes a file opened elsewhere (a virtual disk's layout, say).
   void Attach(std::unique_ptr<platform::File> file, const std::string& name);
   // Gives the file up; the handle is closed afterwards.

@@ -42,7 +42,8 @@ std::string DriveLetterText(const PartitionRecord& record, bool virtualDisk) {
   return "  ";
 }
 
-DiskSet::DiskSet(const DiskDrivers& drivers, bool ignore) : ignoreErrors(ignore), drivers_(drivers) {
+DiskSet::DiskSet(platform::Machine& machine, const DiskDrivers& drivers, bool ignore)
+    : ignoreErrors(ignore), machine_(machine), drivers_(drivers) {
   CountDisks(*this);
   if (diskCount > 0) SelectDisk(0);
 }
@@ -118,20 +119,20 @@ void DiskSet::SelectDisk(int32_t index) {
   device.Close();
   deviceName.clear();
   devicePath = PhysicalDrivePath(diskTable[index]);
-  if (!OpenDisk(device, diskTable[index])) RecordError(kDiskAccessFailed);
+  if (!OpenDisk(machine_, device, diskTable[index])) RecordError(kDiskAccessFailed);
   if (device.file() != nullptr) RecordError(device.file()->UnusableReason());
   LoadDisk(true);
   firstSelection_ = false;
 }
 
 void DiskSet::OpenVirtualDisk(const std::string& path) {
-  if (!platform::Host().PathExists(path)) {
+  if (!machine_.PathExists(path)) {
     RecordError(kVirtualFileMissing);
     return;
   }
   isVirtual = true;
   deviceName = path;
-  virtualDisk = drivers_.openVirtual ? drivers_.openVirtual(path) : nullptr;
+  virtualDisk = drivers_.openVirtual ? drivers_.openVirtual(machine_, path) : nullptr;
   device.Close();
   if (virtualDisk && virtualDisk->opened && virtualDisk->errorCode == kSuccess) {
     LoadDisk(true);
@@ -290,7 +291,7 @@ ResultCode CountDisks(DiskSet& disks) {
   disks.diskCount = 0;
   for (int32_t n = 0; n < kMaxDisks; ++n) {
     DeviceHandle probe;
-    if (probe.Open(PhysicalDrivePath(n), platform::OpenMode::ProbeRead)) {
+    if (probe.Open(disks.machine(), PhysicalDrivePath(n), platform::OpenMode::ProbeRead)) {
       disks.diskTable[disks.diskCount++] = n;
     }
   }
@@ -301,8 +302,8 @@ ResultCode CountDisks(DiskSet& disks) {
   return disks.firstError;
 }
 
-bool OpenDisk(DeviceHandle& handle, int32_t driveNumber) {
-  return handle.Open(PhysicalDrivePath(driveNumber), platform::OpenMode::DiskReadWrite);
+bool OpenDisk(platform::Machine& machine, DeviceHandle& handle, int32_t driveNumber) {
+  return handle.Open(machine, PhysicalDrivePath(driveNumber), platform::OpenMode::DiskReadWrite);
 }
 
 bool QueryGeometry(DiskSet& disks) {
@@ -377,9 +378,9 @@ std::vector<PartitionRecord*> Partitions(DiskSet& disks, int32_t kind) {
   return table ? table->Records(kind) : std::vector<PartitionRecord*>();
 }
 
-LocatedVolume LocateVolume(const DiskDrivers& drivers, VolumeSelector selector, const std::string& text,
-                           bool ignoreErrors) {
-  DiskSet scan(drivers, ignoreErrors);
+LocatedVolume LocateVolume(platform::Machine& machine, const DiskDrivers& drivers, VolumeSelector selector,
+                           const std::string& text, bool ignoreErrors) {
+  DiskSet scan(machine, drivers, ignoreErrors);
   LocatedVolume result;
   for (int32_t d = 0; d < scan.diskCount && !result.found; ++d) {
     scan.SelectDisk(d);

@@ -19,6 +19,7 @@
 #include "disk/table_driver.h"
 #include "disk/virtual_disk.h"
 #include "disk/write_plan.h"
+#include "platform/platform.h"
 
 namespace dh {
 
@@ -36,9 +37,11 @@ struct DiskDrivers {
 
 class DiskSet {
  public:
-  // Counts the drives and loads disk 0 when there is one.  `ignoreErrors`
-  // is the run's flag, copied.
-  DiskSet(const DiskDrivers& drivers, bool ignoreErrors);
+  // Counts the drives of `machine` and loads disk 0 when there is one.
+  // `ignoreErrors` is the run's flag, copied.  Every drive, file and
+  // system service of the set, and of the code handed the set, is the
+  // machine's.
+  DiskSet(platform::Machine& machine, const DiskDrivers& drivers, bool ignoreErrors);
   ~DiskSet();
   DiskSet(const DiskSet&) = delete;
   DiskSet& operator=(const DiskSet&) = delete;
@@ -97,6 +100,7 @@ class DiskSet {
   void ReloadAfterEdit() { reloadPending_ = true; }
 
   const DiskDrivers& drivers() const { return drivers_; }
+  platform::Machine& machine() const { return machine_; }
 
   // Run-level fields.
   int32_t currentDisk = -1;
@@ -159,6 +163,7 @@ class DiskSet {
   Guard guard_{*this};
   const WritePlan* plan_ = nullptr;
   bool writeRefused_ = false;
+  platform::Machine& machine_;
   DiskDrivers drivers_;
   // Cleared by the first selection; while set, selecting the current index
   // loads it all the same.
@@ -180,7 +185,7 @@ std::string DiskNameField(const DiskSet& disks, int32_t diskNumber);
 
 // Sector operations (they record their failures).
 ResultCode CountDisks(DiskSet& disks);
-bool OpenDisk(DeviceHandle& handle, int32_t driveNumber);
+bool OpenDisk(platform::Machine& machine, DeviceHandle& handle, int32_t driveNumber);
 bool QueryGeometry(DiskSet& disks);
 // One sector of the current disk; 0 or 506.
 ResultCode ReadSector(DiskSet& disks, uint64_t lba, uint8_t* buffer);
@@ -206,9 +211,9 @@ struct LocatedVolume {
 // a utility partition, a volume label, a drive letter.
 enum class VolumeSelector { System, Boot, Utility, Label, DriveLetter };
 
-// Finds the partition a symbolic selector names by scanning every disk with
-// a temporary DiskSet.
-LocatedVolume LocateVolume(const DiskDrivers& drivers, VolumeSelector selector, const std::string& text,
-                           bool ignoreErrors);
+// Finds the partition a symbolic selector names by scanning every disk of
+// `machine` with a temporary DiskSet.
+LocatedVolume LocateVolume(platform::Machine& machine, const DiskDrivers& drivers, VolumeSelector selector,
+                           const std::string& text, bool ignoreErrors);
 
 }  // namespace dh

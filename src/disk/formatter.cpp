@@ -61,7 +61,7 @@ bool FormatCallback(Formatter& f, int command, uint32_t, const platform::FormatC
   // now and then; never waiting keeps the format going.
   if (g_callbackCalls > 5) {
     g_callbackCalls = 0;
-    platform::Host().PumpOneMessage();
+    f.machine->PumpOneMessage();
   } else {
     ++g_callbackCalls;
   }
@@ -113,19 +113,19 @@ platform::FormatPlace FormatPlaceOf(DiskSet& disks, const PartitionRecord& parti
 }
 
 bool FormatVolume(DiskSet& disks, const PartitionRecord& partition, Formatter& f) {
-  platform::Machine& host = platform::Host();
+  platform::Machine& machine = *f.machine;
   f.state = kFormatterLoading;
   f.progressShown = false;
-  const platform::FormatEngineState engine = host.LoadFormatEngine();
+  const platform::FormatEngineState engine = machine.LoadFormatEngine();
   if (engine == platform::FormatEngineState::LibraryMissing) {
-    host.MessageBox("Error: Unable to locate Windows disk format utility", "Format Error!");
+    machine.MessageBox("Error: Unable to locate Windows disk format utility", "Format Error!");
     return false;
   }
   f.state = kFormatterLoaded;
   if (engine == platform::FormatEngineState::EntryMissing) {
     SetMessage(f, "Unable to instantiate format functionality");
     f.state = kFormatterNoEntry;
-    host.MessageBox(f.message, "Format Error!");
+    machine.MessageBox(f.message, "Format Error!");
     return false;
   }
   f.driveRoot = Widen(partition.volumeName);
@@ -142,7 +142,7 @@ bool FormatVolume(DiskSet& disks, const PartitionRecord& partition, Formatter& f
     return FormatCallback(f, command, subAction, data);
   };
   try {
-    if (!host.FormatEx(f.driveRoot, kFormatMediaFlag, kFormatFileSystem, f.label, false, 0, callback, place)) {
+    if (!machine.FormatEx(f.driveRoot, kFormatMediaFlag, kFormatFileSystem, f.label, false, 0, callback, place)) {
       // The engine could not be called at all: that is its failure too.
       platform::FormatCallbackData end;
       FormatCallback(f, 11, 0, end);

@@ -32,7 +32,7 @@ constexpr char16_t kFormatLabel[] = u"MYLABEL";
 constexpr uint32_t kFormatMediaFlag = 0x0C;
 
 struct Formatter {
-  explicit Formatter(Sink& console) : out(&console) {}
+  Formatter(Sink& console, platform::Machine& host) : out(&console), machine(&host) {}
 
   std::u16string driveRoot;
   std::u16string label;
@@ -44,6 +44,8 @@ struct Formatter {
   std::string message;
   // Where progress and failure lines go.
   Sink* out;
+  // Whose format engine runs, and whose message queue is served meanwhile.
+  platform::Machine* machine;
 };
 
 // The engine's report of one step (commands 0 progress, 6, 7, 9 failure

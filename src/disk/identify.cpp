@@ -29,18 +29,19 @@ std::string BufferText(const std::string& text, size_t bufferSize) {
   return text.substr(0, end);
 }
 
-bool ReadRegistryText(const std::string& key, const std::string& value, std::string* out) {
+bool ReadRegistryText(platform::Machine& machine, const std::string& key, const std::string& value,
+                      std::string* out) {
   std::string text;
-  if (!platform::Host().RegQueryString(key, value, &text)) return false;
+  if (!machine.RegQueryString(key, value, &text)) return false;
   *out = BufferText(text, kRegistryTextSize);
   return true;
 }
 
 // The device instance path ("BUS\DEVICE\INSTANCE") Windows lists for a disk.
-bool ReadInstancePath(int32_t diskIndex, std::string* out) {
+bool ReadInstancePath(platform::Machine& machine, int32_t diskIndex, std::string* out) {
   // The value is named after the index written with "%u".
   std::string valueName = std::to_string(static_cast<uint32_t>(diskIndex));
-  return ReadRegistryText(kDiskEnumKey, valueName, out);
+  return ReadRegistryText(machine, kDiskEnumKey, valueName, out);
 }
 
 bool EqualsIgnoreCase(const std::string& a, const char* b) {
@@ -106,11 +107,11 @@ bool MatchesByDevicePath(const DiskSet& disks, const std::vector<uint8_t>& data)
   const std::string removable = kRemovableMediaPrefix;
   if (ContinuesWith(text, 0, removable)) {
     std::string prefix;
-    GetDiskEnumInfo(disks.currentDisk, DiskEnumInfo::kParentPrefix, &prefix);
+    GetDiskEnumInfo(disks.machine(), disks.currentDisk, DiskEnumInfo::kParentPrefix, &prefix);
     return !prefix.empty() && ContinuesWith(text, removable.size(), prefix);
   }
   std::string path;
-  GetDiskEnumInfo(disks.currentDisk, DiskEnumInfo::kInstancePath, &path);
+  GetDiskEnumInfo(disks.machine(), disks.currentDisk, DiskEnumInfo::kInstancePath, &path);
   for (char& c : path) {
     if (c == '\\') c = '#';
   }
@@ -120,17 +121,20 @@ bool MatchesByDevicePath(const DiskSet& disks, const std::vector<uint8_t>& data)
 
 }  // namespace
 
-bool GetDiskEnumInfo(int32_t diskIndex, DiskEnumInfo what, std::string* out) {
+bool GetDiskEnumInfo(platform::Machine& machine, int32_t diskIndex, DiskEnumInfo what, std::string* out) {
   std::string instance;
-  if (!ReadInstancePath(diskIndex, &instance)) return false;
+  if (!ReadInstancePath(machine, diskIndex, &instance)) return false;
   const std::string key = kEnumKeyPrefix + instance;
   std::string text;
   switch (what) {
     case DiskEnumInfo::kDescription:
-      if (!ReadRegistryText(key, "FriendlyName", &text) && !ReadRegistryText(key, "DeviceDesc", &text)) return false;
+      if (!ReadRegistryText(machine, key, "FriendlyName", &text) &&
+          !ReadRegistryText(machine, key, "DeviceDesc", &text)) {
+        return false;
+      }
       break;
     case DiskEnumInfo::kParentPrefix:
-      if (!ReadRegistryText(key, "ParentIDPrefix", &text)) return false;
+      if (!ReadRegistryText(machine, key, "ParentIDPrefix", &text)) return false;
       break;
     case DiskEnumInfo::kInstancePath:
       // The platform reads values, not keys, so whether the instance key
@@ -150,7 +154,7 @@ const std::string& GetDiskBus(DiskSet& disks, int32_t diskIndex) {
   }
   disks.diskDescription.clear();
   std::string instance;
-  if (ReadInstancePath(diskIndex, &instance)) {
+  if (ReadInstancePath(disks.machine(), diskIndex, &instance)) {
     std::string bus = instance.substr(0, instance.find('\\'));
     // USB disks list under "USBSTOR" and similar enumerators.
     if (bus.compare(0, 3, "USB") == 0) bus = "USB";
@@ -175,7 +179,7 @@ const std::string& GetDiskDescription(DiskSet& disks, int32_t diskIndex) {
     }
     // When the registry holds no name, the bus name left by GetDiskBus
     // stands as the description.
-    GetDiskEnumInfo(diskIndex, DiskEnumInfo::kDescription, &disks.diskDescription);
+    GetDiskEnumInfo(disks.machine(), diskIndex, DiskEnumInfo::kDescription, &disks.diskDescription);
     if (suffix != nullptr) {
       size_t at = disks.diskDescription.rfind(suffix);
       if (at != std::string::npos) disks.diskDescription.erase(at);
@@ -186,21 +190,21 @@ const std::string& GetDiskDescription(DiskSet& disks, int32_t diskIndex) {
 }
 
 bool FindDriveLetter(DiskSet& disks, uint64_t startLba, DriveLetterMatch* out) {
-  platform::Machine& host = platform::Host();
-  const std::vector<std::string> roots = host.LogicalDriveStrings();
+  platform::Machine& machine = disks.machine();
+  const std::vector<std::string> roots = machine.LogicalDriveStrings();
   for (const std::string& root : roots) {
     if (root.empty()) continue;
     const char letter = root[0];
     std::string mountPoint = std::string(1, letter) + ":\\";
     std::string volumeName;
-    if (!host.VolumeNameForMountPoint(mountPoint, &volumeName)) continue;
+    if (!machine.VolumeNameForMountPoint(mountPoint, &volumeName)) continue;
     volumeName = BufferText(volumeName, kRegistryTextSize);
     // "\\?\Volume{GUID}\" is recorded as the value "\??\Volume{GUID}".
     std::string valueName = "\\??\\";
     if (volumeName.size() > 4) valueName += volumeName.substr(4);
     valueName.pop_back();
     std::vector<uint8_t> data;
-    if (!host.RegQueryBinary(kMountedDevicesKey, valueName, &data)) continue;
+    if (!machine.RegQueryBinary(kMountedDevicesKey, valueName, &data)) continue;
     if (MatchesBySignature(disks, startLba, data) || MatchesByDevicePath(disks, data)) {
       out->letter = letter;
       out->volumeName = volumeName.substr(0, kVolumeNameLength);

@@ -10,6 +10,9 @@
 namespace dh {
 
 class DiskSet;
+namespace platform {
+class Machine;
+}
 
 // Registry texts are read into 4,096-byte buffers: longer texts are cut to
 // 4,095 characters (the buffer keeps its terminator).
@@ -24,10 +27,10 @@ enum class DiskEnumInfo {
   kInstancePath,  // the instance path itself
 };
 
-// Reads one fact about disk `diskIndex` (its position in the disk table).
-// Writes `out` and returns true only when the fact was found; `out` is left
-// untouched otherwise.
-bool GetDiskEnumInfo(int32_t diskIndex, DiskEnumInfo what, std::string* out);
+// Reads one fact about disk `diskIndex` (its position in the disk table)
+// from the registry of `machine`.  Writes `out` and returns true only when
+// the fact was found; `out` is left untouched otherwise.
+bool GetDiskEnumInfo(platform::Machine& machine, int32_t diskIndex, DiskEnumInfo what, std::string* out);
 
 // The bus name of a disk ("USB", "IDE", "SCSI", ...), left in
 // disks.diskDescription, which is also returned; empty when unknown.

@@ -33,7 +33,7 @@ class VirtualDisk {
   DeviceHandle device;
 };
 
-// Opens a virtual disk file; never null.
-using VirtualDiskOpener = std::unique_ptr<VirtualDisk> (*)(const std::string& path);
+// Opens a virtual disk file on `machine`; never null.
+using VirtualDiskOpener = std::unique_ptr<VirtualDisk> (*)(platform::Machine& machine, const std::string& path);
 
 }  // namespace dh

@@ -306,7 +306,7 @@ bool ReadVolumeEncrypted(DiskSet& disks, uint64_t lba) {
 std::string ReadVolumeLabel(FileSystemKind kind, DiskSet& disks, uint64_t lba) {
   switch (kind) {
     case kFsNtfs:
-      return ReadNtfsLabel(disks.Device(), lba);
+      return ReadNtfsLabel(disks.machine(), disks.Device(), lba);
     case kFsFat16:
     case kFsFat32:
       return CapLabel(ReadFatLabel(disks.Device(), kind, lba));
@@ -385,7 +385,7 @@ std::string ReadExfatLabel(SectorDevice& device, uint64_t lba) {
   return {};
 }
 
-std::string ReadNtfsLabel(SectorDevice& device, uint64_t lba) {
+std::string ReadNtfsLabel(platform::Machine& machine, SectorDevice& device, uint64_t lba) {
   if (lba > UINT64_MAX / kSectorSize) return {};
   const uint64_t volumeOffset = lba * kSectorSize;
   uint8_t boot[kSectorSize] = {};
@@ -407,7 +407,7 @@ std::string ReadNtfsLabel(SectorDevice& device, uint64_t lba) {
   // An offset the system cannot position at (beyond its signed 64-bit file
   // offsets) is the system's failure to explain; a failed read is silent.
   if (recordOffset > static_cast<uint64_t>(INT64_MAX)) {
-    ShowLastErrorBox();
+    ShowLastErrorBox(machine);
     return {};
   }
   std::vector<uint8_t> record(recordBytes, 0);
@@ -473,16 +473,15 @@ std::string VolumeIdTextAt(DiskSet& disks, uint64_t lba) {
   return FormatVolumeId(sector + serialOffset);
 }
 
-uint32_t ShowLastErrorBox() {
-  platform::Machine& host = platform::Host();
-  const uint32_t code = host.LastError();
+uint32_t ShowLastErrorBox(platform::Machine& machine) {
+  const uint32_t code = machine.LastError();
   if (code == 0) return 0;
   // Without a system text the box still names the code.
   std::string text;
-  if (!host.SystemMessageText(code, &text)) text.clear();
+  if (!machine.SystemMessageText(code, &text)) text.clear();
   char head[16];
   std::snprintf(head, sizeof head, "%lu: ", static_cast<unsigned long>(code));
-  host.MessageBox(head + text, "");
+  machine.MessageBox(head + text, "");
   return code;
 }
 

@@ -18,6 +18,9 @@ namespace dh {
 
 class DiskSet;
 class SectorDevice;
+namespace platform {
+class Machine;
+}
 
 enum FileSystemKind : int32_t {
   kFsNone = 0,
@@ -163,8 +166,9 @@ std::string ReadVolumeLabel(FileSystemKind kind, DiskSet& disks, uint64_t lba);
 std::string ReadExfatLabel(SectorDevice& device, uint64_t lba);
 
 // The volume name of the NTFS volume at `lba`, from the $Volume record of
-// its master file table.
-std::string ReadNtfsLabel(SectorDevice& device, uint64_t lba);
+// its master file table.  A record beyond what `machine` can position at
+// shows its last error.
+std::string ReadNtfsLabel(platform::Machine& machine, SectorDevice& device, uint64_t lba);
 
 // The volume ID of the n-th partition (1-based, primary numbering; on GPT
 // disks the n-th entry): "1234-fABCD" for the serial bytes CD AB 34 12.
@@ -176,9 +180,10 @@ std::string VolumeIdTextAt(DiskSet& disks, uint64_t lba);
 // The text for four serial bytes as stored on disk.
 std::string FormatVolumeId(const uint8_t* serial);
 
-// Shows the system's message for the last error in a message box, when
-// there is a last error; returns that error code (0: nothing shown).
-uint32_t ShowLastErrorBox();
+// Shows the system's message for the last error of `machine` in a message
+// box, when there is a last error; returns that error code (0: nothing
+// shown).
+uint32_t ShowLastErrorBox(platform::Machine& machine);
 
 // Fills the record's volumeLabel from its volume boot record (physical
 // drives; the disk set labels virtual disks itself).

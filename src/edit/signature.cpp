@@ -67,11 +67,12 @@ SignatureBytes SignatureFromText(const std::string& text) {
   return bytes;
 }
 
-bool DrawSignature(const SignatureBytes& current, const std::vector<SignatureBytes>& taken, SignatureBytes* out) {
+bool DrawSignature(platform::Machine& machine, const SignatureBytes& current, const std::vector<SignatureBytes>& taken,
+                   SignatureBytes* out) {
   static constexpr SignatureBytes kZero{};
   for (int draw = 0; draw < kSignatureDraws; ++draw) {
     SignatureBytes candidate{};
-    if (!platform::Host().RandomBytes(candidate.data(), candidate.size())) return false;
+    if (!machine.RandomBytes(candidate.data(), candidate.size())) return false;
     if (candidate == kZero || candidate == current) continue;
     if (std::find(taken.begin(), taken.end(), candidate) != taken.end()) continue;
     *out = candidate;
@@ -80,11 +81,11 @@ bool DrawSignature(const SignatureBytes& current, const std::vector<SignatureByt
   return false;
 }
 
-std::vector<SignatureBytes> MachineSignatures() {
+std::vector<SignatureBytes> MachineSignatures(platform::Machine& machine) {
   // Without table drivers a disk set reads each drive's sector 0 and builds
   // nothing from it: no tables, extended chains or volumes are read.  Its
   // failures are its own; `ignore` keeps even those from being kept.
-  DiskSet scan(DiskDrivers{}, true);
+  DiskSet scan(machine, DiskDrivers{}, true);
   std::vector<SignatureBytes> signatures;
   for (int32_t d = 0; d < scan.diskCount; ++d) {
     scan.SelectDisk(d);
@@ -99,7 +100,8 @@ ResultCode SetDiskSignature(DiskSet& disks, SignatureMode mode, const std::strin
 
   SignatureBytes signature{};
   if (mode == SignatureMode::Generate) {
-    if (!DrawSignature(SignatureOf(disks.sector0), MachineSignatures(), &signature)) {
+    platform::Machine& machine = disks.machine();
+    if (!DrawSignature(machine, SignatureOf(disks.sector0), MachineSignatures(machine), &signature)) {
       disks.RecordError(kInvalidSignatureMode);
       return disks.firstError;
     }

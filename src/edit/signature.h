@@ -19,6 +19,9 @@
 namespace dh {
 
 class DiskSet;
+namespace platform {
+class Machine;
+}
 
 // Where the status byte lies in sector 0.
 constexpr size_t kStatusByteOffset = 434;
@@ -41,15 +44,16 @@ using SignatureBytes = std::array<uint8_t, 4>;
 // pair without a leading hexadecimal digit (or beyond the text) gives 00.
 SignatureBytes SignatureFromText(const std::string& text);
 
-// Draws a signature from the system's random source that is none of 0, the
-// disk's current signature and the `taken` ones.  False when the source
+// Draws a signature from the random source of `machine` that is none of 0,
+// the disk's current signature and the `taken` ones.  False when the source
 // fails or kSignatureDraws draws found none.
-bool DrawSignature(const SignatureBytes& current, const std::vector<SignatureBytes>& taken, SignatureBytes* out);
+bool DrawSignature(platform::Machine& machine, const SignatureBytes& current, const std::vector<SignatureBytes>& taken,
+                   SignatureBytes* out);
 
-// The signatures (sector 0 bytes 440..443) of every drive of the machine,
+// The signatures (sector 0 bytes 440..443) of every drive of `machine`,
 // read with a disk set of its own, so the current one is not touched.  A
 // drive whose sector 0 cannot be read gives 0.
-std::vector<SignatureBytes> MachineSignatures();
+std::vector<SignatureBytes> MachineSignatures(platform::Machine& machine);
 
 // Stores a new disk signature in a fresh copy of sector 0; when that copy
 // ends in 55 AA the disk model is first rebuilt from it (no second read).

@@ -514,7 +514,7 @@ ResultCode RestoreGptImage(DiskSet& disks, const std::string& file) {
   if (table == nullptr && !blankDisk) return kNotGptDisk;
 
   DeviceHandle source;
-  if (!source.OpenRead(file)) return fail(kGptFileOpen);
+  if (!source.OpenRead(disks.machine(), file)) return fail(kGptFileOpen);
   uint8_t header[kSectorSize];
   if (!ReadWhole(source, 0, header, kSectorSize)) return fail(kGptFileRead);
   if (header[backup::kMagicOffset] != 'D' || header[backup::kMagicOffset + 1] != 'D' ||

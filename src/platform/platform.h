@@ -320,7 +320,8 @@ ImageOpener GetImageOpener();
 // result is null.
 std::unique_ptr<Machine> CreateMachine(std::string* error);
 
-// The machine every part of the program uses; set once by main.
+// The machine of the run, set once by main.  Only the program's top layer
+// reads it: every layer below is handed the machine it works on.
 Machine& Host();
 void SetHost(Machine* machine);
 

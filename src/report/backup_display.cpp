@@ -48,11 +48,11 @@ int64_t DiskBytes(uint64_t sectors) {
                                                                    : static_cast<int64_t>(sectors * kSectorSize);
 }
 
-void PrintVbrFileSystem(Sink& out, const std::string& fileName, uint64_t sectorCount) {
+void PrintVbrFileSystem(Sink& out, platform::Machine& machine, const std::string& fileName, uint64_t sectorCount) {
   uint8_t sectors[kVbrDisplaySectors * kSectorSize] = {};
   const uint32_t count = static_cast<uint32_t>(std::min<uint64_t>(sectorCount, kVbrDisplaySectors));
   DeviceHandle file;
-  if (file.OpenRead(fileName) && count > 0) ReadFull(file, backup::kHeaderSize, sectors, count * kSectorSize);
+  if (file.OpenRead(machine, fileName) && count > 0) ReadFull(file, backup::kHeaderSize, sectors, count * kSectorSize);
   std::string name;
   if (DetectFileSystem(sectors, sizeof sectors, &name) != kFsNone) {
     out.Printf("\n    Filesystem:     %s", name.c_str());
@@ -64,7 +64,7 @@ void PrintHeaderBlock(Sink& out, DiskSet& disks, const BackupHeader& h, const st
   out.Printf("\n\n Source Computer");
   out.Printf("\n    Name:           %s", h.computerName.c_str());
   out.Printf("\n    Disk Model:     %s", h.diskModel.c_str());
-  out.Printf("\n    Disk Size:      %s", FormatSizeText(DiskBytes(h.diskSectors)).c_str());
+  out.Printf("\n    Disk Size:      %s", FormatSizeText(disks.machine(), DiskBytes(h.diskSectors)).c_str());
   out.Printf("\n    Partitions:     %d", h.partitionCount);
   out.Printf("\n    Valid MBR:      %s", mbr::HasBootSignature(disks.sector0) ? "Yes" : "No");
   out.Printf("\n\n File Contents:     ");
@@ -86,7 +86,7 @@ void PrintHeaderBlock(Sink& out, DiskSet& disks, const BackupHeader& h, const st
     case kBackupVbr:
       out.Printf("Volume Boot Record (VBR)\n    First Sector:   %" PRId64 "\n    Sector Count:   %" PRId64, first,
                   count);
-      PrintVbrFileSystem(out, fileName, h.sectorCount);
+      PrintVbrFileSystem(out, disks.machine(), fileName, h.sectorCount);
       break;
     case kBackupDisk:
       out.Printf("Disk \n   Sector Count:   %" PRId64, count);
@@ -138,14 +138,14 @@ ResultCode ShowContents(DiskSet& disks, bool isFile, const std::string& fileName
   ResultCode result = kSuccess;
   bool details = true;
   if (isFile) {
-    if (!platform::Host().PathExists(fileName)) {
+    if (!disks.machine().PathExists(fileName)) {
       result = kFileNotFound;
     } else {
       uint8_t header[backup::kHeaderSize];
-      const uint8_t kind = ReadBackupKind(fileName, header);
+      const uint8_t kind = ReadBackupKind(disks.machine(), fileName, header);
       if (kind != kBackupRaw) PrintHeaderBlock(out, disks, DecodeBackupHeader(header), fileName);
       DeviceHandle file;
-      if (file.OpenRead(fileName)) {
+      if (file.OpenRead(disks.machine(), fileName)) {
         uint64_t size = 0;
         if (!file.SizeBytes(&size)) size = 0;
         uint8_t first[kSectorSize] = {};

@@ -11,17 +11,17 @@ namespace dh {
 
 namespace {
 
-using platform::Host;
 using platform::LocaleItem;
+using platform::Machine;
 
 // GetLocaleInfoA fills a 9-character buffer: a longer value does not fit and
 // counts as a failed read.
 constexpr size_t kLocaleTextMax = 8;
 constexpr size_t kSizeTextMax = 100;
 
-bool ReadLocaleText(LocaleItem item, std::string* out) {
+bool ReadLocaleText(Machine& machine, LocaleItem item, std::string* out) {
   std::string text;
-  if (!Host().GetLocaleInfo(item, &text) || text.size() > kLocaleTextMax) return false;
+  if (!machine.GetLocaleInfo(item, &text) || text.size() > kLocaleTextMax) return false;
   *out = text;
   return true;
 }
@@ -40,35 +40,35 @@ uint32_t LeadingNumber(const std::string& text) {
 // A locale item that cannot be read keeps the value NumberFormat starts
 // with (the English (United States) setting), so that a broken locale still
 // gives a readable number rather than one without separators.
-void ReadLocaleNumber(LocaleItem item, uint32_t* field) {
+void ReadLocaleNumber(Machine& machine, LocaleItem item, uint32_t* field) {
   std::string text;
-  if (ReadLocaleText(item, &text)) *field = LeadingNumber(text);
+  if (ReadLocaleText(machine, item, &text)) *field = LeadingNumber(text);
 }
 
-platform::NumberFormat UserNumberFormat() {
+platform::NumberFormat UserNumberFormat(Machine& machine) {
   platform::NumberFormat format;
   format.numDigits = 2;
-  ReadLocaleNumber(LocaleItem::LeadingZero, &format.leadingZero);
-  ReadLocaleNumber(LocaleItem::Grouping, &format.grouping);
-  ReadLocaleText(LocaleItem::DecimalSep, &format.decimalSep);
-  ReadLocaleText(LocaleItem::ThousandSep, &format.thousandSep);
-  ReadLocaleNumber(LocaleItem::NegativeNumber, &format.negativeOrder);
+  ReadLocaleNumber(machine, LocaleItem::LeadingZero, &format.leadingZero);
+  ReadLocaleNumber(machine, LocaleItem::Grouping, &format.grouping);
+  ReadLocaleText(machine, LocaleItem::DecimalSep, &format.decimalSep);
+  ReadLocaleText(machine, LocaleItem::ThousandSep, &format.thousandSep);
+  ReadLocaleNumber(machine, LocaleItem::NegativeNumber, &format.negativeOrder);
   return format;
 }
 
 // When the number cannot be formatted, the reason takes its place: the
 // system's text for the error, without its line break.
-std::string FailureText() {
-  uint32_t error = Host().LastError();
+std::string FailureText(Machine& machine) {
+  uint32_t error = machine.LastError();
   std::string text;
-  if (!Host().SystemMessageText(error, &text)) return {};
+  if (!machine.SystemMessageText(error, &text)) return {};
   text.resize(text.size() >= 2 ? text.size() - 2 : 0);
   return text;
 }
 
 }  // namespace
 
-std::string FormatSizeText(int64_t bytes) {
+std::string FormatSizeText(Machine& machine, int64_t bytes) {
   static const char* const kUnits[] = {"Bytes", "KB", "MB", "GB", "TB", "PB"};
   // The first power of 1024 that the count stays below (minus one, so 1023
   // bytes already count as kilobytes).  Counts of 2^60 - 1 and more have no
@@ -88,7 +88,7 @@ std::string FormatSizeText(int64_t bytes) {
   std::snprintf(number, sizeof number, "%Lf", quotient);
 
   std::string text;
-  if (!Host().GetNumberFormat(number, UserNumberFormat(), &text)) text = FailureText();
+  if (!machine.GetNumberFormat(number, UserNumberFormat(machine), &text)) text = FailureText(machine);
   std::string unitWord = kUnits[unit];
   // The result is at most 100 characters; a long system message is cut so
   // that the unit word still shows.

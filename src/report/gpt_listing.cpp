@@ -33,7 +33,7 @@ int64_t SizeArgument(uint64_t bytes) { return bytes > INT64_MAX ? INT64_MAX : st
 
 void PrintGptDetails(DiskSet& disks, const TableHeaderFacts& facts, FramedWriter& out) {
   const FrameChars& frame = out.frame();
-  const std::string size = FormatSizeText(SizeArgument(disks.totalBytes));
+  const std::string size = FormatSizeText(disks.machine(), SizeArgument(disks.totalBytes));
   const std::string& revision = facts.revision;
   out.Inner("   Size:        " + size + FillTo(size, 17) + "GPT Revision:    " + revision + Blanks(24));
 

@@ -44,7 +44,7 @@ void ShowDiskInfo(DiskSet& disks, Sink& out) {
     out.Write("\n CHS:        " + std::to_string(disks.cylinders) + " " + std::to_string(disks.heads) + " " +
               std::to_string(disks.sectorsPerTrack) + "     Sectors: " +
               std::to_string(static_cast<int64_t>(disks.totalSectors)) +
-              "   Size: " + FormatSizeText(static_cast<int64_t>(disks.totalBytes)));
+              "   Size: " + FormatSizeText(disks.machine(), static_cast<int64_t>(disks.totalBytes)));
     out.Write("\n");
   }
 }
@@ -69,7 +69,7 @@ BootMenuChoice ReadBootMenuAnswer(const std::string& line, int32_t lastId) {
 
 BootMenuChoice RunBootMenu(DiskSet& disks, Sink& out) {
   out.Write("\n Disk: " + std::to_string(disks.currentDisk) +
-            "   Size: " + FormatSizeText(static_cast<int64_t>(disks.totalBytes)) + "  Name: " +
+            "   Size: " + FormatSizeText(disks.machine(), static_cast<int64_t>(disks.totalBytes)) + "  Name: " +
             CText(GetDiskDescription(disks, disks.currentDisk)) + "\n");
   out.Write("\n ID  Volume Label DL Type/Name  Size  Active  Hidden  Start Sector");
   out.Write("\n --  ------------ -- ---------  ----  ------  ------  ------------");
@@ -94,7 +94,7 @@ BootMenuChoice RunBootMenu(DiskSet& disks, Sink& out) {
   out.Write("\n\n Select the partition id to set active: ");
   std::string line;
   // End of input answers like an empty line.
-  if (!platform::Host().ReadLine(&line)) line.clear();
+  if (!disks.machine().ReadLine(&line)) line.clear();
   return ReadBootMenuAnswer(line, lastId);
 }
 

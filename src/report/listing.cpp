@@ -177,7 +177,7 @@ void PrintCharacterMap(uint32_t codePage, FramedWriter& out) {
 void PrintMbrDiskDetails(DiskSet& disks, FramedWriter& out) {
   const FrameChars& frame = out.frame();
 
-  const std::string size = FormatSizeText(static_cast<int64_t>(disks.totalBytes));
+  const std::string size = FormatSizeText(disks.machine(), static_cast<int64_t>(disks.totalBytes));
   const std::string geometry = "CHS:             " + std::to_string(disks.cylinders) + " " +
                                std::to_string(disks.heads) + " " + std::to_string(disks.sectorsPerTrack);
   out.Inner("   Size:        " + size + FillTo(size, 17) + geometry + FillTo(geometry, 44));

@@ -19,7 +19,6 @@ namespace dh {
 
 namespace {
 
-using platform::Host;
 using platform::OpenMode;
 
 constexpr char kSavingText[] = "Saving sectors to file, please wait...";
@@ -30,17 +29,16 @@ constexpr int kProgressEndRow = 11;
 // printed in its long form, and the percentage kept at one place.
 class SaveProgress {
  public:
-  SaveProgress(bool on, Sink& out) : on_(on), out_(out) {
+  SaveProgress(bool on, Sink& out, platform::Machine& console) : on_(on), out_(out), console_(console) {
     if (!on_) return;
-    platform::Machine& host = Host();
-    host.ClearScreen();
-    host.SetCursorPosition(1, 2);
+    console_.ClearScreen();
+    console_.SetCursorPosition(1, 2);
     out_.Printf("\n%s for %s        %s\n", kProgramTitle, kPlatformName, kReleaseDate);
     out_.Printf("  %s\n", kMakerNotice);
-    host.SetCursorPosition(2, kProgressRow);
+    console_.SetCursorPosition(2, kProgressRow);
     out_.Printf("%s", kSavingText);
     column_ = static_cast<int>(sizeof kSavingText - 1) + 4;
-    host.SetCursorPosition(column_, kProgressRow);
+    console_.SetCursorPosition(column_, kProgressRow);
   }
 
   // Shows the share of `count` reached before a chunk starts at `done`;
@@ -53,17 +51,18 @@ class SaveProgress {
     if (lastChunk) percent = 100;
     if (percent == shown_) return;
     shown_ = percent;
-    Host().SetCursorPosition(column_, kProgressRow);
+    console_.SetCursorPosition(column_, kProgressRow);
     out_.Printf("%" PRId64 "%% complete", percent);
   }
 
   void End() {
-    if (on_) Host().SetCursorPosition(column_, kProgressEndRow);
+    if (on_) console_.SetCursorPosition(column_, kProgressEndRow);
   }
 
  private:
   bool on_;
   Sink& out_;
+  platform::Machine& console_;
   int column_ = 0;
   int64_t shown_ = -1;
 };
@@ -100,8 +99,8 @@ bool WriteChunk(DiskSet& disks, HoleMap& diskHoles, uint64_t lba, const uint8_t*
 ResultCode SaveSectorsToFile(DiskSet& disks, const std::string& fileName, uint64_t firstSector, uint64_t count,
                              uint8_t kind) {
   DeviceHandle file;
-  if (!file.Open(fileName, OpenMode::CreateAlways)) {
-    disks.RecordError(Host().PathExists(fileName) ? kCannotOverwrite : kInvalidPath);
+  if (!file.Open(disks.machine(), fileName, OpenMode::CreateAlways)) {
+    disks.RecordError(disks.machine().PathExists(fileName) ? kCannotOverwrite : kInvalidPath);
     return disks.firstError;
   }
   bool written = true;
@@ -139,11 +138,11 @@ ResultCode SaveSectorsToFile(DiskSet& disks, const std::string& fileName, uint64
 ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t firstSector, uint64_t count,
                            uint8_t kind, Sink& out) {
   DeviceHandle file;
-  if (!file.Open(fileName, OpenMode::CreateAlways)) {
+  if (!file.Open(disks.machine(), fileName, OpenMode::CreateAlways)) {
     disks.RecordError(kInvalidPath);
     return disks.firstError;
   }
-  SaveProgress progress(count > kQuietSaveSectors, out);
+  SaveProgress progress(count > kQuietSaveSectors, out, disks.machine());
   // Runs of zeros are left as holes only in a file that starts empty: a
   // name that opens something that keeps its bytes (a device) gets every
   // byte written.
@@ -238,11 +237,12 @@ ResultCode SaveRangeToFile(DiskSet& disks, const std::string& fileName, uint64_t
 ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t targetSector, int64_t count,
                            bool requireMbr, Sink& out) {
   uint8_t header[backup::kHeaderSize];
-  const bool hasHeader = ReadBackupKind(fileName, header) != kBackupRaw;
+  platform::Machine& machine = disks.machine();
+  const bool hasHeader = ReadBackupKind(machine, fileName, header) != kBackupRaw;
   const uint64_t headerCount = hasHeader ? LoadLe64(header + backup::kSectorCountOffset) : 0;
 
   DeviceHandle file;
-  if (!file.OpenRead(fileName)) {
+  if (!file.OpenRead(machine, fileName)) {
     disks.RecordError(kFileMissing);
     return disks.firstError;
   }
@@ -250,7 +250,7 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
   // as more than any command asks for.
   const bool sizeFits = headerCount <= UINT64_MAX / kSectorSize;
   const uint64_t dataSize = hasHeader ? (sizeFits ? headerCount * kSectorSize : UINT64_MAX)
-                                      : GetFileSizeByName(fileName);
+                                      : GetFileSizeByName(machine, fileName);
   // A restore writes at most the sectors its area names: a file that holds
   // more (a header file counted one sector long, a disk image larger than
   // the disk) is refused before anything is written.  A smaller file is
@@ -263,7 +263,7 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
   const uint64_t wholeBytes = count > 0 ? dataSize : dataSize / kSectorSize * kSectorSize;
   // A header file cut short holds less than its header declares: restoring
   // it would leave the area half old, half restored.
-  const uint64_t fileSize = hasHeader ? GetFileSizeByName(fileName) : 0;
+  const uint64_t fileSize = hasHeader ? GetFileSizeByName(machine, fileName) : 0;
   const bool truncated = hasHeader && (fileSize < backup::kHeaderSize || fileSize - backup::kHeaderSize < dataSize);
   if (!sizeFits || truncated || (count > 0 && dataSize % kSectorSize != 0) || wholeBytes > allowed) {
     disks.RecordError(kFileSizeMismatch);

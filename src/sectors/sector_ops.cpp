@@ -86,9 +86,9 @@ bool LoadCompareSector(DiskSet& disks, const CompareSide& side, uint8_t* buffer)
   std::memset(buffer, 0, kSectorSize);
   if (!side.isFile) return ReadSector(disks, side.sector, buffer) == kSuccess;
   uint8_t header[backup::kHeaderSize];
-  const uint64_t dataSector = ReadBackupKind(side.fileName, header) != kBackupRaw ? 1 : 0;
+  const uint64_t dataSector = ReadBackupKind(disks.machine(), side.fileName, header) != kBackupRaw ? 1 : 0;
   DeviceHandle file;
-  if (!file.OpenRead(side.fileName)) return false;
+  if (!file.OpenRead(disks.machine(), side.fileName)) return false;
   // Like any sector read, a short read that is not empty counts.
   bool failed = false;
   return ReadFull(file, dataSector * kSectorSize, buffer, kSectorSize, &failed) > 0 && !failed;

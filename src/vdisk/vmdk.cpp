@@ -242,6 +242,8 @@ bool OpenVmdkImage(platform::Machine& files, const std::string& path, bool writa
   return true;
 }
 
-std::unique_ptr<VirtualDisk> OpenVirtualVmdk(const std::string& path) { return OpenVmdk(path, platform::Host()); }
+std::unique_ptr<VirtualDisk> OpenVirtualVmdk(platform::Machine& machine, const std::string& path) {
+  return OpenVmdk(path, machine);
+}
 
 }  // namespace dh

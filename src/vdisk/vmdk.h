@@ -56,7 +56,7 @@ bool OpenVmdkImage(platform::Machine& files, const std::string& path, bool writa
                    std::unique_ptr<platform::File>* file, std::string* why);
 
 // The disk set's opener: a VMware disk file as a virtual disk, its files
-// opened on the host machine.
-std::unique_ptr<VirtualDisk> OpenVirtualVmdk(const std::string& path);
+// opened on `machine`.
+std::unique_ptr<VirtualDisk> OpenVirtualVmdk(platform::Machine& machine, const std::string& path);
 
 }  // namespace dh

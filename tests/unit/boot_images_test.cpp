@@ -84,11 +84,10 @@ TEST(BootImagesTest, CommittedBytesAreWhatTheSourcesAssembleTo) {
 TEST(BootRepair, ReadsSectorZeroAfresh) {
   ResetRun();
   test::FakeMachine machine;
-  test::ScopedHost host(&machine);
   test::FakeDrive& d = machine.AddDrive(0, 4096);
   test::PutMbrEntry(d.Sector(0), 446, {0x80, 0x07, 64, 16});
   d.SetBootSignature();
-  DiskSet disks(test::TestDrivers(), false);
+  DiskSet disks(machine, test::TestDrivers(), false);
   d.Sector(0)[441] = d.Sector(0)[446 + 16 + 4] = 0x0C;
   EXPECT_EQ(kSuccess, RepairBootCode(disks, kWin7BootImage));
   EXPECT_EQ(Bytes(kWin7BootImage, kWin7BootImage + 440), Bytes(d.Sector(0), d.Sector(0) + 440));

@@ -225,14 +225,14 @@ FakeDrive& FakeDiskTest::MakeMbrDisk(const std::vector<MbrEntry>& slots, uint64_
 DiskSet& FakeDiskTest::Load(bool ignoreErrors) {
   if (drive == nullptr) drive = machine.Find(DrivePath(0));
   if (drive != nullptr) before = drive->bytes;
-  disks = std::make_unique<DiskSet>(TestDrivers(), ignoreErrors);
+  disks = std::make_unique<DiskSet>(machine, TestDrivers(), ignoreErrors);
   return *disks;
 }
 
 void FakeDiskTest::OpenUnloaded(uint64_t sectors) {
-  disks = std::make_unique<DiskSet>(TestDrivers(), false);
+  disks = std::make_unique<DiskSet>(machine, TestDrivers(), false);
   drive = &machine.AddDrive(0, sectors);
-  EXPECT_TRUE(disks->device.Open(DrivePath(0), platform::OpenMode::DiskReadWrite));
+  EXPECT_TRUE(disks->device.Open(machine, DrivePath(0), platform::OpenMode::DiskReadWrite));
 }
 
 std::vector<uint8_t> FakeDiskTest::Slot(int slot) {

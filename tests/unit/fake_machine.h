@@ -1,7 +1,7 @@
 // An in-memory machine for unit tests: drives and files are byte vectors,
 // and the services the tests steer answer from plain fields.  FakeDiskTest
-// bundles the usual fixture: a fresh run, a machine that is the host, drive
-// 0 with an MBR of given entries, and the disk set loaded from it.
+// bundles the usual fixture: a fresh run, a machine, its drive 0 with an MBR
+// of given entries, and the disk set loaded from it, handed that machine.
 #pragma once
 
 #include <cstdint>
@@ -108,15 +108,6 @@ class FakeMachine : public platform::Machine {
 
 std::string DrivePath(int number);  // "\\.\PhysicalDrive<number>"
 
-// Makes `machine` the Host() of the program for the lifetime of this object.
-class ScopedHost {
- public:
-  explicit ScopedHost(platform::Machine* machine) { platform::SetHost(machine); }
-  ~ScopedHost() { platform::SetHost(nullptr); }
-  ScopedHost(const ScopedHost&) = delete;
-  ScopedHost& operator=(const ScopedHost&) = delete;
-};
-
 DiskDrivers TestDrivers();  // the program's table and virtual-disk drivers
 
 // Runs the handler of Options().command on `disks` the way the dispatcher
@@ -151,7 +142,6 @@ class FakeDiskTest : public ::testing::Test {
   void ExpectOnlyTableChanged();
 
   FakeMachine machine;
-  ScopedHost host{&machine};
   FakeDrive* drive = nullptr;
   std::unique_ptr<DiskSet> disks;
   std::vector<uint8_t> before;

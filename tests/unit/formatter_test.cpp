@@ -53,7 +53,7 @@ TEST_F(FormatterTest, CallbackCommands) {
       {11, {}, "Unable to complete format.\n\n", "Invalid drive root"},
   };
   StringSink out;
-  Formatter f(out);
+  Formatter f(out, machine);
   for (const Step& s : steps) {
     out.text.clear();
     EXPECT_TRUE(FormatCallback(f, s.command, 0, s.data));

@@ -139,14 +139,16 @@ TEST_F(BackupHeaderDiskTest, ReadersTakeOnlyAWholeSectorBeginningWithDD) {
   other[1] = 'X';
   machine.AddFile("other.bin", other);
   uint8_t buffer[512];
-  EXPECT_EQ(6, ReadBackupKind("full.bin", buffer));
-  for (const char* name : {"short.bin", "other.bin", "missing.bin"}) EXPECT_EQ(0, ReadBackupKind(name, buffer)) << name;
-  EXPECT_EQ(512u, GetFileSizeByName("full.bin"));
-  EXPECT_EQ(0u, GetFileSizeByName("missing.bin"));
+  EXPECT_EQ(6, ReadBackupKind(machine, "full.bin", buffer));
+  for (const char* name : {"short.bin", "other.bin", "missing.bin"}) {
+    EXPECT_EQ(0, ReadBackupKind(machine, name, buffer)) << name;
+  }
+  EXPECT_EQ(512u, GetFileSizeByName(machine, "full.bin"));
+  EXPECT_EQ(0u, GetFileSizeByName(machine, "missing.bin"));
 
   // A device that hands over a few bytes per read still gives the header.
   machine.Find("full.bin")->readLimit = 100;
-  EXPECT_EQ(6, ReadBackupKind("full.bin", buffer));
+  EXPECT_EQ(6, ReadBackupKind(machine, "full.bin", buffer));
 }
 
 
@@ -171,7 +173,7 @@ class SectorOpsTest : public test::FakeDiskTest {
   // A new run on disks loaded afresh.
   std::unique_ptr<DiskSet> Fresh() {
     ResetRun();
-    return std::make_unique<DiskSet>(test::TestDrivers(), false);
+    return std::make_unique<DiskSet>(machine, test::TestDrivers(), false);
   }
 };
 
@@ -186,7 +188,7 @@ TEST_F(SectorOpsTest, EveryWriteIsHeldToThePlanInForce) {
   test::FakeDrive& d = MakeDisk(256);
   const Bytes expected = d.bytes;
   const Bytes data(2 * 512, 0xAB);
-  DiskSet disks(test::TestDrivers(), false);
+  DiskSet disks(machine, test::TestDrivers(), false);
   EXPECT_EQ(kWriteFailed, WriteSectors(disks, 5, data.data(), 1));  // no plan in force
   WritePlan plan;
   plan.Allow(5, 2);
@@ -226,7 +228,7 @@ TEST_F(SectorOpsTest, WipeWritesChunksRetriesAFailedOneSectorBySectorAndStopsAtT
   Bytes expected = d.bytes;
   std::fill(expected.begin() + 10 * 512, expected.begin() + 2500 * 512, 0);
   std::fill(expected.begin() + 2502 * 512, expected.end(), 0);
-  DiskSet disks(test::TestDrivers(), false);
+  DiskSet disks(machine, test::TestDrivers(), false);
   WriteScope scope(disks, AnySector());
   d.writeCalls = 0;
   // Far beyond the end: no write is tried there, so nothing loops.
@@ -245,7 +247,7 @@ TEST_F(SectorOpsTest, RestoreWritesMiBChunksFlushesOnceAndNeverPastTheEnd) {
   test::FakeDrive& d = MakeDisk(10000);
   const Bytes data = Sectors(0, 6144, 9);
   machine.AddFile("three.bin", data);
-  DiskSet disks(test::TestDrivers(), false);
+  DiskSet disks(machine, test::TestDrivers(), false);
   WriteScope scope(disks, AnySector());
   d.writeCalls = 0;
   d.flushCalls = 0;
@@ -276,7 +278,7 @@ TEST_F(SectorOpsTest, RestoreTakesNoMoreThanTheHeaderDeclares) {
   file.insert(file.end(), three.begin(), three.end());
   machine.AddFile("mbr.bin", file);
   const Bytes before = d.bytes;
-  DiskSet disks(test::TestDrivers(), false);
+  DiskSet disks(machine, test::TestDrivers(), false);
   WriteScope scope(disks, AnySector());
   EXPECT_EQ(kSuccess, RestoreFromFile(disks, "mbr.bin", 0, 1, true, StdOut()));
   EXPECT_EQ(Bytes(three.begin(), three.begin() + 512), Bytes(d.Sector(0), d.Sector(1)));

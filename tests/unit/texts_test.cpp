@@ -129,13 +129,13 @@ TEST_F(FormatSizeTextTest, ValuesInEnglishLocale) {
       {500107862016, "465.76GB"}, {2000398934016, "1.82TB"}, {int64_t{1} << 20, "1.00MB"},
       {(int64_t{1} << 20) - 2, "1,024.00KB"}, {(int64_t{1} << 60) - 2, "1,024.00PB"},
       {(int64_t{1} << 60) - 1, "1,024.00PB"}, {kMax, "8,192.00PB"}, {-1, "-1.00Bytes"}};
-  for (const auto& [bytes, text] : cases) EXPECT_EQ(FormatSizeText(bytes), text) << bytes;
+  for (const auto& [bytes, text] : cases) EXPECT_EQ(FormatSizeText(machine, bytes), text) << bytes;
   // The user's separators; an unreadable locale falls back to English.
   machine.locale[LocaleItem::DecimalSep] = ",";
   machine.locale[LocaleItem::ThousandSep] = ".";
-  EXPECT_EQ(FormatSizeText(1022), "1.022,00Bytes");
+  EXPECT_EQ(FormatSizeText(machine, 1022), "1.022,00Bytes");
   machine.localeFails = true;
-  EXPECT_EQ(FormatSizeText(1022), "1,022.00Bytes");
+  EXPECT_EQ(FormatSizeText(machine, 1022), "1,022.00Bytes");
 }
 
 TEST(FormatGroupedCount, ValuesAndWidths) {

@@ -86,7 +86,7 @@ const std::string kSparseDescriptor = Descriptor("monolithicSparse", "RW 4096 SP
 
 class VmdkTest : public ::testing::Test {
  protected:
-  VmdkTest() : host_(&machine_) { ResetRun(); }
+  VmdkTest() { ResetRun(); }
 
   std::unique_ptr<VmdkDisk> Open(const std::string& path) { return OpenVmdk(path, machine_); }
   test::FakeDrive& File(const std::string& path, Bytes bytes) { return machine_.AddFile(path, std::move(bytes)); }
@@ -105,7 +105,6 @@ class VmdkTest : public ::testing::Test {
   }
 
   test::FakeMachine machine_;
-  test::ScopedHost host_;
 };
 
 TEST(VmdkKeys, NumbersAndQuotedValuesFollowTheBlockRules) {

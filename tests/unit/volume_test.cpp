@@ -351,9 +351,9 @@ TEST_F(VolumeTest, NtfsLabels) {
   std::memcpy(r + 52, r + 1022, 2);
   StoreLe16(r + 510, 0x0007);
   StoreLe16(r + 1022, 0x0007);
-  EXPECT_EQ(ReadNtfsLabel(disks->device, kVolumeLba), "Crossing The Line");
+  EXPECT_EQ(ReadNtfsLabel(machine, disks->device, kVolumeLba), "Crossing The Line");
   StoreLe16(r + 1022, 0x0008);
-  EXPECT_NE(ReadNtfsLabel(disks->device, kVolumeLba), "Crossing The Line");
+  EXPECT_NE(ReadNtfsLabel(machine, disks->device, kVolumeLba), "Crossing The Line");
 }
 
 TEST_F(VolumeTest, NtfsNonResidentNames) {
