@@ -110,7 +110,7 @@ void HandleFlashMbr(CommandContext& c) { RecordOutcome(c.disks.firstError, kCmdF
 
 void HandleStatus(CommandContext& c) {
   ReadSectorIntoImage(c.disks, 0, true);
-  c.state.statusByte = c.disks.sector0[kStatusByteOffset];
+  c.state.statusByte = c.disks.disk().sector0()[kStatusByteOffset];
   RecordOutcome(c.disks.firstError, kCmdStatus);
 }
 
@@ -133,7 +133,7 @@ void ReadSignature(CommandContext& c) {
   ReadSectorIntoImage(c.disks, 0, true);
   RecordOutcome(c.disks.firstError, kCmdSignature);
   for (size_t i = 0; i < sizeof c.state.signatureBytes; ++i) {
-    c.state.signatureBytes[i] = c.disks.sector0[mbr::kDiskSignatureOffset + 3 - i];
+    c.state.signatureBytes[i] = c.disks.disk().sector0()[mbr::kDiskSignatureOffset + 3 - i];
   }
   c.options.command = kStepSignatureRead;
   RecordOutcome(c.disks.firstError, kStepSignatureRead);

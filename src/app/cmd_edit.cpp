@@ -52,7 +52,7 @@ std::string AskSort(const RunOptions&, const DiskSet& disks) {
 
 std::string AskActive(const RunOptions& o, const DiskSet& disks) {
   const bool activate = o.command == kCmdActive;
-  if (disks.isVirtual) {
+  if (disks.disk().isVirtual()) {
     char buffer[160];
     std::snprintf(buffer, sizeof buffer, "set the virtual disk partition %d %sctive", o.partNumber,
                   activate ? "a" : "ina");
@@ -72,7 +72,7 @@ std::string AskActive(const RunOptions& o, const DiskSet& disks) {
 std::string AskHide(const RunOptions& o, const DiskSet& disks) {
   const bool hide = o.command == kCmdHide;
   char buffer[160];
-  if (disks.isVirtual) {
+  if (disks.disk().isVirtual()) {
     std::snprintf(buffer, sizeof buffer, "%side virtual disk partition %d", hide ? "h" : "unh", o.partNumber);
   } else if (o.partNumber < 0) {
     std::snprintf(buffer, sizeof buffer, "%side all partitions on disk %d", hide ? "H" : "Unh", disks.currentDisk);

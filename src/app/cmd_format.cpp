@@ -20,7 +20,7 @@ namespace dh {
 
 void HandleFormat(CommandContext& c) {
   // The primaries come from the MBR; a GPT disk has none to count.
-  if (c.disks.isGpt) {
+  if (c.disks.disk().isGpt()) {
     SetResultIfNone(kNotGptDisk);
     return;
   }
@@ -34,7 +34,7 @@ void HandleFormat(CommandContext& c) {
   if (!c.options.confirmed && ReadVolumeEncrypted(c.disks, partition->startLba)) {
     // A virtual disk file has no disk number of its own.
     char action[96];
-    if (c.disks.isVirtual) {
+    if (c.disks.disk().isVirtual()) {
       std::snprintf(action, sizeof action, "format the encrypted (BitLocker) volume of virtual disk partition %d",
                     static_cast<int>(n));
     } else {

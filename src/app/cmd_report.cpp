@@ -87,7 +87,7 @@ const char* BootMenuText(int32_t step, const RunOptions&) {
 
 int32_t IsFixedExit(const RunOptions&, const RunState& s, const DiskSet* disks) {
   if (!disks) return s.resultCode;
-  return disks->mediaType == platform::kMediaRemovable ? 1 : 0;
+  return disks->disk().mediaType() == platform::kMediaRemovable ? 1 : 0;
 }
 
 int32_t DiskCountExit(const RunOptions&, const RunState& s, const DiskSet* disks) {

@@ -142,7 +142,7 @@ void RunSave(DiskSet& disks, Sink& out) {
       break;
     }
     case kAreaDisk:
-      SaveRangeToFile(disks, name, 0, disks.totalSectors, kind(kBackupDisk), out);
+      SaveRangeToFile(disks, name, 0, disks.disk().totalSectors(), kind(kBackupDisk), out);
       break;
     case kAreaRange: {
       // For save=, b is the number of sectors from a on.
@@ -267,14 +267,14 @@ bool LoadFileForShow(DiskSet& disks, std::string* name) {
   }
   uint8_t header[backup::kHeaderSize];
   const uint64_t dataSector = ReadBackupKind(disks.machine(), *name, header) != kBackupRaw ? 1 : 0;
-  std::memset(disks.sector0, 0, sizeof disks.sector0);
+  uint8_t image[kSectorSize] = {};
   DeviceHandle file;
   if (file.OpenRead(disks.machine(), *name)) {
-    ReadFull(file, dataSector * kSectorSize, disks.sector0, kSectorSize);
+    ReadFull(file, dataSector * kSectorSize, image, kSectorSize);
     file.Close();
   }
-  disks.walkExtended = false;
-  disks.skipVolumeInfo = true;
+  disks.SetSector0(image);
+  disks.KeepToImage();
   disks.LoadImageTable();
   SetHeading(FileHeading(*name));
   return true;
@@ -337,11 +337,11 @@ void RunWipe(DiskSet& disks) {
       break;
     }
     case kAreaDisk:
-      if (disks.totalSectors == 0) {
+      if (disks.disk().totalSectors() == 0) {
         SetResultIfNone(kWipeFailed);
         return;
       }
-      last = disks.totalSectors - 1;
+      last = disks.disk().totalSectors() - 1;
       break;
     case kAreaRange: {
       // For wipe=, b is the last sector to clear.

@@ -92,9 +92,9 @@ BackupHeader DecodeBackupHeader(const uint8_t* in) {
 void FillBackupHeader(DiskSet& disks, uint8_t* buffer, uint8_t kind, uint64_t firstSector, uint64_t sectorCount) {
   BackupHeader h;
   h.kind = kind;
-  h.mbrDisk = !disks.isGpt;
-  h.removable = disks.mediaType == platform::kMediaRemovable;
-  h.diskSectors = disks.totalSectors;
+  h.mbrDisk = !disks.disk().isGpt();
+  h.removable = disks.disk().mediaType() == platform::kMediaRemovable;
+  h.diskSectors = disks.disk().totalSectors();
   // On a GPT disk the primaries are the GPT entries.
   const int32_t count = PartitionCount(disks, kKindPrimary);
   h.partitionCount = Clamp16(count);

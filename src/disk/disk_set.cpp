@@ -25,11 +25,11 @@ std::string PhysicalDrivePath(int32_t number) {
 }  // namespace
 
 std::string DriveLetterText(const PartitionRecord& record, const DiskSet& disks) {
-  return DriveLetterText(record, disks.isVirtual);
+  return DriveLetterText(record, disks.disk().isVirtual());
 }
 
 std::string DiskNameField(const DiskSet& disks, int32_t diskNumber) {
-  if (disks.isVirtual) return "Virtual" + std::string(19, ' ');
+  if (disks.disk().isVirtual()) return "Virtual" + std::string(19, ' ');
   // "%-2d" and 24 blanks: a number of three digits pushes the field out.
   std::string number = std::to_string(diskNumber);
   if (number.size() < 2) number += ' ';
@@ -49,13 +49,13 @@ DiskSet::DiskSet(platform::Machine& machine, const DiskDrivers& drivers, bool ig
 }
 
 DiskSet::~DiskSet() {
-  table.reset();
+  disk_.table_.reset();
   virtualDisk.reset();
   device.Close();
 }
 
 SectorDevice& DiskSet::RawDevice() {
-  if (isVirtual && virtualDisk) return virtualDisk->device;
+  if (disk_.isVirtual_ && virtualDisk) return virtualDisk->device;
   return device;
 }
 
@@ -99,9 +99,9 @@ bool DiskSet::Guard::CloneFrom(SectorDevice& source, uint64_t from, uint64_t to,
 }
 
 uint64_t DiskSet::SectorsOnDisk(uint64_t lba, uint64_t count) const {
-  if (totalSectors == 0) return count;
-  if (lba >= totalSectors) return 0;
-  const uint64_t room = totalSectors - lba;
+  if (disk_.totalSectors_ == 0) return count;
+  if (lba >= disk_.totalSectors_) return 0;
+  const uint64_t room = disk_.totalSectors_ - lba;
   return count < room ? count : room;
 }
 
@@ -112,12 +112,11 @@ void DiskSet::SelectDisk(int32_t index) {
   }
   // While a virtual disk is loaded, the drive of currentDisk is not: it is
   // loaded again.
-  if (index == currentDisk && !firstSelection_ && !isVirtual) return;
+  if (index == currentDisk && !firstSelection_ && !disk_.isVirtual_) return;
   currentDisk = index;
   // The virtual disk stays allocated; the physical drive is current again.
-  isVirtual = false;
+  disk_.isVirtual_ = false;
   device.Close();
-  deviceName.clear();
   devicePath = PhysicalDrivePath(diskTable[index]);
   if (!OpenDisk(machine_, device, diskTable[index])) RecordError(kDiskAccessFailed);
   if (device.file() != nullptr) RecordError(device.file()->UnusableReason());
@@ -130,8 +129,7 @@ void DiskSet::OpenVirtualDisk(const std::string& path) {
     RecordError(kVirtualFileMissing);
     return;
   }
-  isVirtual = true;
-  deviceName = path;
+  disk_.isVirtual_ = true;
   virtualDisk = drivers_.openVirtual ? drivers_.openVirtual(machine_, path) : nullptr;
   device.Close();
   if (virtualDisk && virtualDisk->opened && virtualDisk->errorCode == kSuccess) {
@@ -144,96 +142,95 @@ void DiskSet::OpenVirtualDisk(const std::string& path) {
 }
 
 void DiskSet::LoadDisk(bool readSector0) {
-  mediumPresent = true;
-  bootSignatureValid = true;
-  isGpt = false;
+  disk_.mediumPresent_ = true;
+  disk_.bootSignatureValid_ = true;
+  disk_.isGpt_ = false;
   if (readSector0) LoadSector0();
-  table.reset();
-  std::memset(savedSignature, 0, sizeof savedSignature);
-  if (bootSignatureValid) std::memcpy(savedSignature, sector0 + mbr::kDiskSignatureOffset, 4);
+  disk_.table_.reset();
+  std::memset(disk_.savedSignature_, 0, sizeof disk_.savedSignature_);
+  if (disk_.bootSignatureValid_) std::memcpy(disk_.savedSignature_, disk_.sector0_ + mbr::kDiskSignatureOffset, 4);
 
-  if (sector0[mbr::kSlot0TypeOffset] == mbr::kGptProtectiveType) {
-    diskKindText = "GPT";
-    isGpt = true;
-    if (drivers_.loadGpt) table = drivers_.loadGpt(*this);
-    tableLoaded = true;
+  if (disk_.sector0_[mbr::kSlot0TypeOffset] == mbr::kGptProtectiveType) {
+    disk_.diskKindText_ = "GPT";
+    disk_.isGpt_ = true;
+    if (drivers_.loadGpt) disk_.table_ = drivers_.loadGpt(*this);
+    disk_.tableLoaded_ = true;
   } else if (drivers_.loadMbr) {
-    table = drivers_.loadMbr(*this);
+    disk_.table_ = drivers_.loadMbr(*this);
   }
   tableDisk_ = currentDisk;
-  tableVirtual_ = isVirtual;
-  activeIndex = -1;
+  tableVirtual_ = disk_.isVirtual_;
+  disk_.activeIndex_ = -1;
   const std::vector<PartitionRecord*> all = Partitions(*this, kKindAll);
   for (size_t i = 0; i < all.size(); ++i) {
-    if (all[i]->active) activeIndex = static_cast<int32_t>(i + 1);
+    if (all[i]->active) disk_.activeIndex_ = static_cast<int32_t>(i + 1);
   }
-  if (!skipVolumeInfo) LoadVolumeInfo();
+  if (!skipVolumeInfo_) LoadVolumeInfo();
 }
 
 void DiskSet::LoadSector0() {
-  if (isVirtual) {
+  if (disk_.isVirtual_) {
     const VirtualDisk& v = *virtualDisk;
-    cylinders = static_cast<uint32_t>(v.cylinders);
-    heads = static_cast<uint32_t>(v.heads);
-    sectorsPerTrack = static_cast<uint32_t>(v.sectorsPerTrack);
-    totalSectors = v.totalSectors;
-    totalBytes = v.sizeBytes;
-  } else if (QueryGeometry(*this)) {
-    mediumPresent = false;
-    mediaType = platform::kMediaRemovable;
+    disk_.cylinders_ = static_cast<uint32_t>(v.cylinders);
+    disk_.heads_ = static_cast<uint32_t>(v.heads);
+    disk_.sectorsPerTrack_ = static_cast<uint32_t>(v.sectorsPerTrack);
+    disk_.totalSectors_ = v.totalSectors;
+    disk_.totalBytes_ = v.sizeBytes;
+  } else if (QueryGeometry()) {
+    disk_.mediumPresent_ = false;
+    disk_.mediaType_ = platform::kMediaRemovable;
   }
-  std::memset(sector0, 0, sizeof sector0);
-  bootSectorLba = 0;
-  superFloppy = 0;
-  if (isVirtual) {
+  std::memset(disk_.sector0_, 0, sizeof disk_.sector0_);
+  disk_.superFloppy_ = 0;
+  if (disk_.isVirtual_) {
     // A virtual disk's sector 0 without 55 AA counts as empty.
     uint8_t image[kSectorSize] = {};
     if (ReadFull(Device(), 0, image, kSectorSize) == kSectorSize && mbr::HasBootSignature(image)) {
-      std::memcpy(sector0, image, kSectorSize);
+      std::memcpy(disk_.sector0_, image, kSectorSize);
     }
   } else {
-    ReadSector(*this, 0, sector0);
-    if (mediaType == platform::kMediaRemovable) {
-      if (std::memcmp(sector0 + 3, "NTFS", 4) == 0) {
-        superFloppy = 1;
-      } else if (std::memcmp(sector0 + 3, "FAT16", 5) == 0) {
-        superFloppy = 2;
-      } else if (std::memcmp(sector0 + 3, "FAT32", 5) == 0) {
-        superFloppy = 3;
+    ReadSector(*this, 0, disk_.sector0_);
+    if (disk_.mediaType_ == platform::kMediaRemovable) {
+      if (std::memcmp(disk_.sector0_ + 3, "NTFS", 4) == 0) {
+        disk_.superFloppy_ = 1;
+      } else if (std::memcmp(disk_.sector0_ + 3, "FAT16", 5) == 0) {
+        disk_.superFloppy_ = 2;
+      } else if (std::memcmp(disk_.sector0_ + 3, "FAT32", 5) == 0) {
+        disk_.superFloppy_ = 3;
       }
     }
   }
-  if (sector0[0] == 0x33 && sector0[1] == 0xC0) {
-    diskKindText = "MBR";
-  } else if (sector0[0] == 0x33 && sector0[1] == 0xFF) {
-    diskKindText = "MBR (HP)";
-  } else if (sector0[0] == 0xEB && sector0[1] == 0x58) {
-    diskKindText = "SuperFloppy";
-    superFloppy = 1;
-  } else if (superFloppy != 0) {
-    diskKindText = "SuperFloppy";
-    superFloppy = 1;
+  if (disk_.sector0_[0] == 0x33 && disk_.sector0_[1] == 0xC0) {
+    disk_.diskKindText_ = "MBR";
+  } else if (disk_.sector0_[0] == 0x33 && disk_.sector0_[1] == 0xFF) {
+    disk_.diskKindText_ = "MBR (HP)";
+  } else if (disk_.sector0_[0] == 0xEB && disk_.sector0_[1] == 0x58) {
+    disk_.diskKindText_ = "SuperFloppy";
+    disk_.superFloppy_ = 1;
+  } else if (disk_.superFloppy_ != 0) {
+    disk_.diskKindText_ = "SuperFloppy";
+    disk_.superFloppy_ = 1;
   } else {
-    diskKindText = "None";
+    disk_.diskKindText_ = "None";
   }
-  if (mbr::HasBootSignature(sector0)) {
-    if (diskKindText == "None") diskKindText = "MBR";
+  if (mbr::HasBootSignature(disk_.sector0_)) {
+    if (disk_.diskKindText_ == "None") disk_.diskKindText_ = "MBR";
   } else {
-    bootSignatureValid = false;
+    disk_.bootSignatureValid_ = false;
   }
 }
 
 void DiskSet::LoadVolumeInfo() {
-  if (!table) return;
-  for (PartitionRecord* r : table->Records(kKindAll)) {
-    if (isVirtual) {
+  if (!disk_.table_) return;
+  for (PartitionRecord* r : disk_.table_->Records(kKindAll)) {
+    if (disk_.isVirtual_) {
       r->volumeLabel = "<Virtual>";
     } else {
       ReadVolumeLabelOf(*this, *r);
     }
     r->driveLetter = ' ';
     r->volumeName.clear();
-    if (table->MayHaveDriveLetter(*r)) {
+    if (disk_.table_->MayHaveDriveLetter(*r)) {
       DriveLetterMatch found;
       if (FindDriveLetter(*this, r->startLba, &found)) {
         r->driveLetter = found.letter;
@@ -246,35 +243,35 @@ void DiskSet::LoadVolumeInfo() {
 void DiskSet::LoadImageTable() {
   // The rows come from the image's own entries, not from the drive layout
   // that stands in for the table of a volume without one.
-  superFloppy = 0;
-  const bool walk = walkExtended;
-  const bool skip = skipVolumeInfo;
-  walkExtended = false;
-  skipVolumeInfo = true;
-  if (sector0[mbr::kSlot0TypeOffset] != mbr::kGptProtectiveType) {
+  disk_.superFloppy_ = 0;
+  const bool walk = walkExtended_;
+  const bool skip = skipVolumeInfo_;
+  walkExtended_ = false;
+  skipVolumeInfo_ = true;
+  if (disk_.sector0_[mbr::kSlot0TypeOffset] != mbr::kGptProtectiveType) {
     LoadDisk(false);
   } else {
     // Loading a protective MBR would read the GPT of the disk, which is not
     // what the image holds: its entries are shown as they stand.
-    mediumPresent = true;
-    bootSignatureValid = true;
-    isGpt = false;
-    table = drivers_.loadMbr ? drivers_.loadMbr(*this) : nullptr;
+    disk_.mediumPresent_ = true;
+    disk_.bootSignatureValid_ = true;
+    disk_.isGpt_ = false;
+    disk_.table_ = drivers_.loadMbr ? drivers_.loadMbr(*this) : nullptr;
     tableDisk_ = currentDisk;
-    tableVirtual_ = isVirtual;
-    activeIndex = -1;
+    tableVirtual_ = disk_.isVirtual_;
+    disk_.activeIndex_ = -1;
   }
-  walkExtended = walk;
-  skipVolumeInfo = skip;
+  walkExtended_ = walk;
+  skipVolumeInfo_ = skip;
 }
 
 ResultCode DiskSet::DeletePartition(int32_t n) {
   const bool all = n == kEveryPartition;
   ResultCode rc = all ? kSuccess : kInvalidPartition;
-  if (table) {
-    if (const ResultCode refusal = table->Refusal(TableDriver::Edit::Delete)) return refusal;
+  if (disk_.table_) {
+    if (const ResultCode refusal = disk_.table_->Refusal(TableDriver::Edit::Delete)) return refusal;
     reloadPending_ = false;
-    rc = all ? table->DeleteAll() : table->Delete(n);
+    rc = all ? disk_.table_->DeleteAll() : disk_.table_->Delete(n);
     if (reloadPending_) {
       reloadPending_ = false;
       LoadDisk(false);
@@ -306,35 +303,35 @@ bool OpenDisk(platform::Machine& machine, DeviceHandle& handle, int32_t driveNum
   return handle.Open(machine, PhysicalDrivePath(driveNumber), platform::OpenMode::DiskReadWrite);
 }
 
-bool QueryGeometry(DiskSet& disks) {
-  disks.totalBytes = 0;
-  disks.totalSectors = 0;
-  platform::File* file = disks.device.file();
+bool DiskSet::QueryGeometry() {
+  disk_.totalBytes_ = 0;
+  disk_.totalSectors_ = 0;
+  platform::File* file = device.file();
   if (!file) return true;
   bool failed = true;
   platform::DiskGeometry g;
   if (file->GetDriveGeometry(&g)) {
-    disks.mediaType = g.mediaType;
-    disks.heads = g.tracksPerCylinder;
-    disks.sectorsPerTrack = g.sectorsPerTrack;
-    disks.cylinders = static_cast<uint32_t>(g.cylinders);
+    disk_.mediaType_ = g.mediaType;
+    disk_.heads_ = g.tracksPerCylinder;
+    disk_.sectorsPerTrack_ = g.sectorsPerTrack;
+    disk_.cylinders_ = static_cast<uint32_t>(g.cylinders);
     uint64_t perCylinder = static_cast<uint64_t>(g.tracksPerCylinder) * g.sectorsPerTrack;
-    disks.totalSectors = static_cast<uint64_t>(g.cylinders) * perCylinder;
-    disks.totalBytes = disks.totalSectors * kSectorSize;
+    disk_.totalSectors_ = static_cast<uint64_t>(g.cylinders) * perCylinder;
+    disk_.totalBytes_ = disk_.totalSectors_ * kSectorSize;
     failed = false;
-    if (disks.mediaType == platform::kMediaRemovable) {
+    if (disk_.mediaType_ == platform::kMediaRemovable) {
       uint64_t start = 0, length = 0;
       if (file->GetPartitionInfo(&start, &length)) {
-        disks.totalBytes = start + length;
-        disks.totalSectors = disks.totalBytes / kSectorSize;
+        disk_.totalBytes_ = start + length;
+        disk_.totalSectors_ = disk_.totalBytes_ / kSectorSize;
       }
     }
   }
   platform::DiskGeometry gx;
   uint64_t diskSize = 0;
   if (file->GetDriveGeometryEx(&gx, &diskSize)) {
-    disks.totalBytes = diskSize;
-    disks.totalSectors = diskSize / kSectorSize;
+    disk_.totalBytes_ = diskSize;
+    disk_.totalSectors_ = diskSize / kSectorSize;
   }
   return failed;
 }

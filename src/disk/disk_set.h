@@ -8,12 +8,14 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "base/result_codes.h"
 #include "disk/device.h"
+#include "disk/loaded_disk.h"
 #include "disk/mbr_layout.h"
 #include "disk/partition_record.h"
 #include "disk/table_driver.h"
@@ -73,7 +75,7 @@ class DiskSet {
   bool WritesRefused() { return RawDevice().WritesRefused(); }
   bool WriteWasRefused() const { return writeRefused_; }
   // The physical drive's handle (ioctls); null while a virtual disk is current.
-  DeviceHandle* PhysicalDevice() { return isVirtual ? nullptr : &device; }
+  DeviceHandle* PhysicalDevice() { return disk_.isVirtual_ ? nullptr : &device; }
 
   // How many of `count` sectors from `lba` lie on the current disk; all of
   // them when the disk's size is unknown.
@@ -86,8 +88,8 @@ class DiskSet {
     return tableVirtual_ == virtualDisk && (virtualDisk || tableDisk_ == disk);
   }
   // The loaded table (null before the first load).
-  TableDriver* Table() { return table.get(); }
-  const TableDriver* Table() const { return table.get(); }
+  TableDriver* Table() { return disk_.table_.get(); }
+  const TableDriver* Table() const { return disk_.table_.get(); }
   // `del`: the n-th partition the table deletes by number (MBR primaries,
   // GPT entries), or all of them (kEveryPartition), through the table,
   // rebuilding the model when the table asks for it.  The caller checks n.
@@ -102,9 +104,28 @@ class DiskSet {
   const DiskDrivers& drivers() const { return drivers_; }
   platform::Machine& machine() const { return machine_; }
 
+  // The loaded disk, to read.
+  const LoadedDisk& disk() const { return disk_; }
+  // Operations on it for the code that rewrites sector 0: the image the
+  // table is built from, and the signature kept for it.
+  void SetSector0(const uint8_t image[kSectorSize]) { std::memcpy(disk_.sector0_, image, kSectorSize); }
+  void PatchSector0(size_t offset, const void* bytes, size_t count) {
+    if (offset <= kSectorSize && count <= kSectorSize - offset) std::memcpy(disk_.sector0_ + offset, bytes, count);
+  }
+  void SetSavedSignature(const uint8_t signature[4]) { std::memcpy(disk_.savedSignature_, signature, 4); }
+  // Set by the MBR loader: the table was loaded as the system sees it.
+  void MarkTableLoaded() { disk_.tableLoaded_ = true; }
+  // Whether loading walks the extended chains (not for the images that are
+  // not the disk's own sector 0), and keeps to the image from now on: no
+  // chain walks and no volume inspection for the rest of the run.
+  bool walkExtended() const { return walkExtended_; }
+  void KeepToImage() {
+    walkExtended_ = false;
+    skipVolumeInfo_ = true;
+  }
+
   // Run-level fields.
   int32_t currentDisk = -1;
-  std::string deviceName;
   int32_t diskCount = 0;
   int32_t diskTable[kMaxDisks] = {};
   std::string devicePath;
@@ -114,31 +135,11 @@ class DiskSet {
   std::unique_ptr<VirtualDisk> virtualDisk;
   std::string diskDescription;
 
-  // The loaded disk (DiskRecord).
-  bool isVirtual = false;
-  bool mediumPresent = false;
-  bool bootSignatureValid = false;
-  bool tableLoaded = false;
-  std::string diskKindText = "None";
-  int32_t superFloppy = 0;
-  bool isGpt = false;
-  bool walkExtended = true;
-  bool skipVolumeInfo = false;
-  int32_t activeIndex = -1;
-  // Where sector 0 lies on the device: always 0, since every device maps
-  // the disk's own sectors.
-  uint64_t bootSectorLba = 0;
-  uint8_t sector0[512] = {};
-  uint32_t cylinders = 0;
-  uint32_t heads = 0;
-  uint32_t sectorsPerTrack = 0;
-  int32_t mediaType = 0;
-  uint64_t totalSectors = 0;
-  uint64_t totalBytes = 0;
-  std::unique_ptr<TableDriver> table;
-  uint8_t savedSignature[4] = {};
 
  private:
+  // Reads the drive's geometry and size into the loaded disk; true when
+  // the drive reports no geometry.
+  bool QueryGeometry();
   // The device under the guard.
   SectorDevice& RawDevice();
 
@@ -169,6 +170,9 @@ class DiskSet {
   // loads it all the same.
   bool firstSelection_ = true;
   bool reloadPending_ = false;
+  LoadedDisk disk_;
+  bool walkExtended_ = true;
+  bool skipVolumeInfo_ = false;
   // The disk the loaded table was read from.
   int32_t tableDisk_ = -1;
   bool tableVirtual_ = false;
@@ -186,7 +190,6 @@ std::string DiskNameField(const DiskSet& disks, int32_t diskNumber);
 // Sector operations (they record their failures).
 ResultCode CountDisks(DiskSet& disks);
 bool OpenDisk(platform::Machine& machine, DeviceHandle& handle, int32_t driveNumber);
-bool QueryGeometry(DiskSet& disks);
 // One sector of the current disk; 0 or 506.
 ResultCode ReadSector(DiskSet& disks, uint64_t lba, uint8_t* buffer);
 // `count` sectors of the current disk, flushed before success; 0 or 505.  A

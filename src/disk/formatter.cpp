@@ -92,10 +92,10 @@ bool FormatCallback(Formatter& f, int command, uint32_t, const platform::FormatC
 
 platform::FormatPlace FormatPlaceOf(DiskSet& disks, const PartitionRecord& partition) {
   platform::FormatPlace place;
-  place.drivePath = disks.isVirtual ? std::string() : disks.devicePath;
+  place.drivePath = disks.disk().isVirtual() ? std::string() : disks.devicePath;
   place.startLba = partition.startLba;
-  place.heads = disks.heads;
-  place.sectorsPerTrack = disks.sectorsPerTrack;
+  place.heads = disks.disk().heads();
+  place.sectorsPerTrack = disks.disk().sectorsPerTrack();
   const uint64_t start = partition.startLba;
   const uint64_t count = partition.sectorCount;
   if (start == 0 || count == 0 || disks.SectorsOnDisk(start, count) != count) return place;

@@ -88,7 +88,7 @@ void ReduceFirstBlankRun(std::string& text) {
 bool MatchesBySignature(const DiskSet& disks, uint64_t startLba, const std::vector<uint8_t>& data) {
   if (data.size() < 12) return false;
   uint8_t expected[12];
-  std::memcpy(expected, disks.savedSignature, 4);
+  std::memcpy(expected, disks.disk().savedSignature(), 4);
   StoreLe64(expected + 4, startLba * kSectorSize);
   return std::memcmp(data.data(), expected, sizeof expected) == 0;
 }
@@ -148,7 +148,7 @@ bool GetDiskEnumInfo(platform::Machine& machine, int32_t diskIndex, DiskEnumInfo
 }
 
 const std::string& GetDiskBus(DiskSet& disks, int32_t diskIndex) {
-  if (disks.isVirtual) {
+  if (disks.disk().isVirtual()) {
     disks.diskDescription = VirtualDiskInterfaceText(disks);
     return disks.diskDescription;
   }
@@ -164,7 +164,7 @@ const std::string& GetDiskBus(DiskSet& disks, int32_t diskIndex) {
 }
 
 const std::string& GetDiskDescription(DiskSet& disks, int32_t diskIndex) {
-  if (disks.isVirtual) {
+  if (disks.disk().isVirtual()) {
     disks.diskDescription = VirtualDiskDescriptionText(disks);
   } else {
     // The suffix Windows appends to the model name on each bus.

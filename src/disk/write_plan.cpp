@@ -57,9 +57,9 @@ std::vector<SectorRange> KnownPartitionSectors(DiskSet& disks) {
   std::vector<SectorRange> out;
   // The MBR entries of sector 0: a protective entry covers the whole disk
   // and stands for the GPT, whose own entries count instead.
-  if (mbr::HasBootSignature(disks.sector0)) {
+  if (mbr::HasBootSignature(disks.disk().sector0())) {
     for (size_t slot = 0; slot < mbr::kSlotCount; ++slot) {
-      const uint8_t* e = disks.sector0 + mbr::kEntryOffset + mbr::kEntrySize * slot;
+      const uint8_t* e = disks.disk().sector0() + mbr::kEntryOffset + mbr::kEntrySize * slot;
       const uint8_t type = e[mbr::kEntryType];
       if (type == 0 || type == mbr::kGptProtectiveType) continue;
       const uint32_t count = LoadLe32(e + mbr::kEntrySectorCount);

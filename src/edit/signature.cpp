@@ -32,9 +32,11 @@ int HexValue(char c) {
 // it ends in 55 AA, else records 510.  False when the read failed: the
 // image then holds zeros, not the disk's bytes.
 bool ReloadImage(DiskSet& disks) {
-  std::memset(disks.sector0, 0, sizeof disks.sector0);
-  if (ReadSector(disks, 0, disks.sector0) != kSuccess) return false;
-  if (mbr::HasBootSignature(disks.sector0)) {
+  uint8_t image[kSectorSize] = {};
+  const ResultCode read = ReadSector(disks, 0, image);
+  disks.SetSector0(image);
+  if (read != kSuccess) return false;
+  if (mbr::HasBootSignature(disks.disk().sector0())) {
     disks.LoadDisk(false);
   } else {
     disks.RecordError(kNoMbrHere);
@@ -45,8 +47,8 @@ bool ReloadImage(DiskSet& disks) {
 // The image as it stands goes to sector 0; the model keeps the signature
 // the disk now has.
 void WriteImage(DiskSet& disks) {
-  if (WriteSector0Image(disks) == kSuccess && disks.bootSignatureValid) {
-    std::memcpy(disks.savedSignature, disks.sector0 + mbr::kDiskSignatureOffset, sizeof disks.savedSignature);
+  if (WriteSector0Image(disks) == kSuccess && disks.disk().bootSignatureValid()) {
+    disks.SetSavedSignature(disks.disk().sector0() + mbr::kDiskSignatureOffset);
   }
 }
 
@@ -89,7 +91,7 @@ std::vector<SignatureBytes> MachineSignatures(platform::Machine& machine) {
   std::vector<SignatureBytes> signatures;
   for (int32_t d = 0; d < scan.diskCount; ++d) {
     scan.SelectDisk(d);
-    signatures.push_back(SignatureOf(scan.sector0));
+    signatures.push_back(SignatureOf(scan.disk().sector0()));
   }
   return signatures;
 }
@@ -101,14 +103,14 @@ ResultCode SetDiskSignature(DiskSet& disks, SignatureMode mode, const std::strin
   SignatureBytes signature{};
   if (mode == SignatureMode::Generate) {
     platform::Machine& machine = disks.machine();
-    if (!DrawSignature(machine, SignatureOf(disks.sector0), MachineSignatures(machine), &signature)) {
+    if (!DrawSignature(machine, SignatureOf(disks.disk().sector0()), MachineSignatures(machine), &signature)) {
       disks.RecordError(kInvalidSignatureMode);
       return disks.firstError;
     }
   } else if (mode == SignatureMode::Write) {
     signature = SignatureFromText(text);
   }
-  std::memcpy(disks.sector0 + mbr::kDiskSignatureOffset, signature.data(), signature.size());
+  disks.PatchSector0(mbr::kDiskSignatureOffset, signature.data(), signature.size());
   WriteImage(disks);
   return disks.firstError;
 }
@@ -116,7 +118,7 @@ ResultCode SetDiskSignature(DiskSet& disks, SignatureMode mode, const std::strin
 ResultCode WriteStatusByte(DiskSet& disks, uint8_t value) {
   // A 510 still writes: the byte is the script's, whatever the rest holds.
   if (!ReloadImage(disks)) return disks.firstError;
-  disks.sector0[kStatusByteOffset] = value;
+  disks.PatchSector0(kStatusByteOffset, &value, 1);
   WriteImage(disks);
   return disks.firstError;
 }

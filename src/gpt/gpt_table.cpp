@@ -77,7 +77,7 @@ bool ArrayCrcMatches(const uint8_t* header, const std::vector<uint8_t>& array, i
 void CheckPrimary(DiskSet& disks, GptTable& table) {
   GptFault fault = GptFault::kUnreadable;
   if (ReadWhole(disks.Device(), 1, table.primaryHeader, kSectorSize)) {
-    fault = CheckGptHeader(table.primaryHeader, 1, 0, disks.totalSectors, &table.header);
+    fault = CheckGptHeader(table.primaryHeader, 1, 0, disks.disk().totalSectors(), &table.header);
   }
   table.headerValid =
       fault != GptFault::kUnreadable && fault != GptFault::kNoSignature && fault != GptFault::kBadFields;
@@ -100,7 +100,7 @@ void CheckPrimary(DiskSet& disks, GptTable& table) {
 // belongs.  The backup must name that sector as its own and LBA 1 as its
 // alternate.
 void CheckBackup(DiskSet& disks, GptTable& table) {
-  const uint64_t total = disks.totalSectors;
+  const uint64_t total = disks.disk().totalSectors();
   const uint64_t alternate = table.header.alternateLba;
   uint64_t lba = 0;
   if (!IsHeaderFault(table.primaryFault) && alternate > 1 && (total == 0 || alternate < total)) {
@@ -157,7 +157,7 @@ void BuildRecord(DiskSet& disks, GptTable& table, const uint8_t* raw, uint32_t s
   // another partition; entries starting beyond the disk are not read.
   uint8_t sectors[kBootSectorBytes] = {};
   bool failed = false;
-  if ((disks.totalSectors == 0 || first < disks.totalSectors) && first <= UINT64_MAX / kSectorSize &&
+  if ((disks.disk().totalSectors() == 0 || first < disks.disk().totalSectors()) && first <= UINT64_MAX / kSectorSize &&
       ReadFull(disks.Device(), first * kSectorSize, sectors, kBootSectorBytes, &failed) != 0 && !failed) {
     record->type = DetectFileSystem(sectors, sizeof sectors, &details.fileSystemName);
   }
@@ -213,7 +213,7 @@ ResultCode PlanRewrite(DiskSet& disks, const GptTable& table, RewritePlan* out) 
   if (table.primaryFault != GptFault::kNone || table.fromBackup) return kGptInvalid;
   const GptHeaderFacts& h = table.header;
   const uint64_t sectors = h.arraySectors;
-  const uint64_t total = disks.totalSectors;
+  const uint64_t total = disks.disk().totalSectors();
   if (total < 3 || sectors > total - 3) return kGptSaveFailed;
   out->backupHeaderLba = total - 1;
   out->backupArrayLba = total - 1 - sectors;
@@ -284,7 +284,7 @@ bool GptTable::MayHaveDriveLetter(const PartitionRecord& record) const {
 }
 
 const char* GptTable::BackupStatusText() const {
-  if (owner_ != nullptr ? owner_->isVirtual : isVirtual) return "Virtual";
+  if (owner_ != nullptr ? owner_->disk().isVirtual() : isVirtual) return "Virtual";
   return backupValid ? "Valid" : "Invalid";
 }
 
@@ -366,7 +366,7 @@ uint32_t GptTable::BootRecordSectors(const PartitionRecord& record) const {
 
 std::unique_ptr<TableDriver> LoadGptTable(DiskSet& disks) {
   auto table = std::make_unique<GptTable>(&disks);
-  table->isVirtual = disks.isVirtual;
+  table->isVirtual = disks.disk().isVirtual();
 
   CheckPrimary(disks, *table);
   CheckBackup(disks, *table);
@@ -494,7 +494,7 @@ namespace {
 // or four empty entries.  A GPT backup may be restored onto such a disk
 // (one whose GPT was wiped, say), never over an MBR partition table.
 bool HoldsNoPartitionTable(const DiskSet& disks) {
-  const uint8_t* s = disks.sector0;
+  const uint8_t* s = disks.disk().sector0();
   if (!mbr::HasBootSignature(s)) return true;
   for (size_t slot = 0; slot < mbr::kSlotCount; ++slot) {
     if (s[mbr::kEntryOffset + mbr::kEntrySize * slot + mbr::kEntryType] != 0) return false;
@@ -530,7 +530,7 @@ ResultCode RestoreGptImage(DiskSet& disks, const std::string& file) {
   if (!ReadWhole(source, 1, head, sizeof head)) return fail(kGptFileRead);
   const uint8_t* savedHeader = head + kSectorSize;
   GptHeaderFacts facts;
-  if (ValidateGptHeader(savedHeader, disks.totalSectors, &facts) != kSuccess || !HeaderCrcMatches(savedHeader) ||
+  if (ValidateGptHeader(savedHeader, disks.disk().totalSectors(), &facts) != kSuccess || !HeaderCrcMatches(savedHeader) ||
       facts.entryArrayLba != 2) {
     return fail(kGptInvalid);
   }
@@ -554,7 +554,7 @@ ResultCode RestoreGptImage(DiskSet& disks, const std::string& file) {
 
   // The backup goes to the disk's end, beyond the saved usable area; the
   // restored primary names it there.
-  const uint64_t total = disks.totalSectors;
+  const uint64_t total = disks.disk().totalSectors();
   const uint64_t sectors = facts.arraySectors;
   if (total < area + sectors + 1) return fail(kGptInvalid);
   const uint64_t backupHeaderLba = total - 1;
@@ -606,7 +606,7 @@ uint64_t GptWipeLastSector(DiskSet& disks) {
   const GptTable& table = *GptOf(disks);
   // The wipe ends before the first partition of either table, whatever the
   // header claims, so that a damaged header cannot make it run into data.
-  uint64_t limit = disks.totalSectors != 0 ? disks.totalSectors : UINT64_MAX;
+  uint64_t limit = disks.disk().totalSectors() != 0 ? disks.disk().totalSectors() : UINT64_MAX;
   for (const SectorRange& r : KnownPartitionSectors(disks)) limit = std::min(limit, r.first);
   // Without an array that checks out, or with none at all, the partitions
   // are not known: the wipe keeps to the area the header itself occupies

@@ -22,27 +22,31 @@ constexpr uint16_t kBootSignature = 0xAA55;
 ResultCode RepairBootCode(DiskSet& disks, const uint8_t* image) {
   // The table and signature come from the disk as it is now, not from
   // whatever was loaded earlier in the run.
-  std::memset(disks.sector0, 0, sizeof disks.sector0);
+  uint8_t sector[kSectorSize] = {};
   bool failed = false;
   // Never write a table that was not read whole: zeros would wipe it.  A
   // short read counts as a read elsewhere, but here the missing tail is the
   // partition table about to be written back.  Under `ignore` nothing is
   // recorded and the repair just does not happen.
-  if (ReadFull(disks.Device(), 0, disks.sector0, kSectorSize, &failed) < kSectorSize || failed) {
+  const bool whole = ReadFull(disks.Device(), 0, sector, kSectorSize, &failed) == kSectorSize && !failed;
+  disks.SetSector0(sector);
+  if (!whole) {
     disks.RecordError(kReadFailed);
     return disks.firstError;
   }
-  const bool hadBootSignature = mbr::HasBootSignature(disks.sector0);
+  const bool hadBootSignature = mbr::HasBootSignature(sector);
 
   disks.LoadDisk(false);
   // Rebuilding from memory does not look at 55 AA again, so the bytes at
   // 440 of a sector without it would pass for a signature; they are not one.
-  if (!hadBootSignature) std::memset(disks.savedSignature, 0, sizeof disks.savedSignature);
+  static const uint8_t kNoSignature[4] = {};
+  if (!hadBootSignature) disks.SetSavedSignature(kNoSignature);
 
-  std::memcpy(disks.sector0, image, kBootImageSize);
-  std::memcpy(disks.sector0 + mbr::kDiskSignatureOffset, disks.savedSignature, sizeof disks.savedSignature);
-  StoreLe16(disks.sector0 + kReservedOffset, 0);
-  StoreLe16(disks.sector0 + mbr::kBootSignatureOffset, kBootSignature);
+  std::memcpy(sector, image, kBootImageSize);
+  std::memcpy(sector + mbr::kDiskSignatureOffset, disks.disk().savedSignature(), 4);
+  StoreLe16(sector + kReservedOffset, 0);
+  StoreLe16(sector + mbr::kBootSignatureOffset, kBootSignature);
+  disks.SetSector0(sector);
   // The one writer of sector 0 (it refuses a superfloppy, whose sector 0
   // is its volume's boot record).
   WriteSector0Image(disks);

@@ -84,10 +84,10 @@ void PartitionTable::Load() {
   visitedEbrs_.clear();
   if (!owner_) return;
   DiskSet& disk = *owner_;
-  disk.tableLoaded = true;
-  if (!disk.mediumPresent) return;
+  disk.MarkTableLoaded();
+  if (!disk.disk().mediumPresent()) return;
 
-  if (disk.superFloppy != 0) {
+  if (disk.disk().superFloppy() != 0) {
     // A volume without partition table: the system's drive layout describes
     // the one partition.
     DriveLayoutResult layout;
@@ -108,9 +108,9 @@ void PartitionTable::Load() {
     return;
   }
 
-  if (!disk.bootSignatureValid) return;
+  if (!disk.disk().bootSignatureValid()) return;
   for (size_t slot = 0; slot < mbr::kSlotCount; ++slot) {
-    const uint8_t* entry = disk.sector0 + mbr::kEntryOffset + mbr::kEntrySize * slot;
+    const uint8_t* entry = disk.disk().sector0() + mbr::kEntryOffset + mbr::kEntrySize * slot;
     uint8_t type = entry[mbr::kEntryType];
     if (type == 0) continue;
     auto record = std::make_unique<PartitionRecord>();
@@ -122,7 +122,7 @@ void PartitionTable::Load() {
     uint64_t start = record->startLba;
     records.push_back(std::move(record));
     ++primaryCount;
-    if (IsExtendedType(type) && disk.walkExtended) ReadExtendedChain(start);
+    if (IsExtendedType(type) && disk.walkExtended()) ReadExtendedChain(start);
   }
 }
 
@@ -277,7 +277,7 @@ constexpr size_t kTableBytes = mbr::kEntrySize * mbr::kSlotCount;
 // entries into it would break the volume, so every MBR write refuses such a
 // disk (recorded like any other failure of the disk layer).
 bool RefuseSuperFloppy(DiskSet& disks) {
-  if (disks.superFloppy == 0) return false;
+  if (disks.disk().superFloppy() == 0) return false;
   disks.RecordError(kRemovableNoMbr);
   return true;
 }
@@ -298,8 +298,9 @@ ResultCode PartitionTable::Delete(int32_t n) {
   // Only this slot is cleared; the other entries keep their slots.  The
   // model is then rebuilt from the image, not read back: a logical chain
   // whose extended entry went is no longer reached (its EBRs stay on disk).
-  std::memset(disks.sector0 + mbr::kEntryOffset + mbr::kEntrySize * static_cast<size_t>(record->slot), 0,
-              mbr::kEntrySize);
+  static const uint8_t kEmptyEntry[mbr::kEntrySize] = {};
+  disks.PatchSector0(mbr::kEntryOffset + mbr::kEntrySize * static_cast<size_t>(record->slot), kEmptyEntry,
+                     mbr::kEntrySize);
   WriteSector0Image(disks);
   return disks.firstError;
 }
@@ -311,8 +312,9 @@ ResultCode PartitionTable::DeleteAll() {
   // A sector 0 without the 55 AA marker (blank, unreadable, or holding
   // something else) has no partition entries to clear, and its bytes
   // 446..509 may be anyone's data: nothing is written.
-  if (!disks.mediumPresent || !disks.bootSignatureValid) return disks.firstError;
-  std::memset(disks.sector0 + mbr::kEntryOffset, 0, kTableBytes);
+  if (!disks.disk().mediumPresent() || !disks.disk().bootSignatureValid()) return disks.firstError;
+  static const uint8_t kEmptyTable[kTableBytes] = {};
+  disks.PatchSector0(mbr::kEntryOffset, kEmptyTable, kTableBytes);
   WriteSector0Image(disks);
   return disks.firstError;
 }
@@ -353,7 +355,7 @@ ResultCode WritePartitionTable(DiskSet& disks, bool sortedLayout) {
   if (RefuseSuperFloppy(disks)) return kRemovableNoMbr;
   PartitionTable* table = MbrTable(disks);
   uint8_t buffer[kSectorSize];
-  std::memcpy(buffer, disks.sector0, sizeof buffer);
+  std::memcpy(buffer, disks.disk().sector0(), sizeof buffer);
   if (table) table->SortByStart();
   std::memset(buffer + mbr::kEntryOffset, 0, kTableBytes);
   const std::vector<PartitionRecord*> primaries =
@@ -375,7 +377,7 @@ ResultCode WriteSector0Image(DiskSet& disks) {
   if (RefuseSuperFloppy(disks)) return kRemovableNoMbr;
   const WritePlan plan = Sector0Plan();
   WriteScope scope(disks, plan);
-  return WriteSectors(disks, 0, disks.sector0, 1);
+  return WriteSectors(disks, 0, disks.disk().sector0(), 1);
 }
 
 }  // namespace dh

@@ -77,12 +77,12 @@ void StoreChs(uint8_t* triple, uint32_t sector, uint32_t heads, uint32_t sectors
 // damaged table or an unusual disk size made of the steps before.
 bool AreaFits(DiskSet& disks, uint64_t start, uint64_t size) {
   if (size == 0 || size > kMaxMbrSectors || start > kMaxMbrSectors) return false;
-  if (start > disks.totalSectors || size > disks.totalSectors - start) return false;
+  if (start > disks.disk().totalSectors() || size > disks.disk().totalSectors() - start) return false;
   return !OverlapsPartition(disks, start, size);
 }
 
 FreeArea FindFreeSpace(DiskSet& disks) {
-  const uint64_t total = disks.totalSectors;
+  const uint64_t total = disks.disk().totalSectors();
   int32_t count = PrimaryCount(disks);
   if (count == 0) {
     if (total <= kFirstFreeSector) return {};
@@ -114,7 +114,7 @@ FreeArea FindFreeSpace(DiskSet& disks) {
 }
 
 bool IsSectorAssigned(DiskSet& disks, uint64_t sector) {
-  if (sector > disks.totalSectors) return false;
+  if (sector > disks.disk().totalSectors()) return false;
   int32_t count = PrimaryCount(disks);
   for (int32_t i = 1; i <= count; ++i) {
     PartitionRecord* p = Primary(disks, i);
@@ -125,8 +125,8 @@ bool IsSectorAssigned(DiskSet& disks, uint64_t sector) {
 }
 
 uint64_t MaxSizeFrom(DiskSet& disks, uint64_t start) {
-  if (start >= disks.totalSectors) return 0;
-  uint64_t limit = disks.totalSectors - start;
+  if (start >= disks.disk().totalSectors()) return 0;
+  uint64_t limit = disks.disk().totalSectors() - start;
   int32_t count = PrimaryCount(disks);
   for (int32_t i = 1; i <= count; ++i) {
     PartitionRecord* p = Primary(disks, i);
@@ -172,10 +172,10 @@ void BuildNewEntry(uint8_t entry[16], uint32_t start, uint32_t size, uint8_t typ
 
 ResultCode CreatePartition(DiskSet& disks, uint64_t start, uint64_t size, uint8_t type) {
   PartitionTable* table = MbrTable(disks);
-  if (!disks.bootSignatureValid && !disks.ignoreErrors) return kCreateNoMbr;
+  if (!disks.disk().bootSignatureValid() && !disks.ignoreErrors) return kCreateNoMbr;
   if (!table) return kCreateNoMbr;
   // The volume boot record of a superfloppy has no entries to add to.
-  if (disks.superFloppy != 0) return kRemovableNoMbr;
+  if (disks.disk().superFloppy() != 0) return kRemovableNoMbr;
   // A refusal, not a failure of the disk: it is reported even under
   // `ignore`, since nothing was written.
   if (!AreaFits(disks, start, size)) return kSizeUnavailable;
@@ -196,8 +196,8 @@ ResultCode CreatePartition(DiskSet& disks, uint64_t start, uint64_t size, uint8_
   }
 
   auto record = std::make_unique<PartitionRecord>();
-  BuildNewEntry(record->rawEntry, static_cast<uint32_t>(start), static_cast<uint32_t>(size), type, disks.heads,
-                disks.sectorsPerTrack);
+  BuildNewEntry(record->rawEntry, static_cast<uint32_t>(start), static_cast<uint32_t>(size), type, disks.disk().heads(),
+                disks.disk().sectorsPerTrack());
   DecodeEntry(*record, type, false);
   record->isPrimary = 1;
   record->slot = slot;
@@ -268,7 +268,7 @@ ResultCode CreateFromRequest(DiskSet& disks, const CreateRequest& request) {
     if (IsSectorAssigned(disks, start + size)) return kSizeUnavailable;
     // Testing the end sector alone would let a large size jump over a
     // whole partition or run off the disk; every sector is checked.
-    if (start + size > disks.totalSectors) return kSizeUnavailable;
+    if (start + size > disks.disk().totalSectors()) return kSizeUnavailable;
     for (int32_t i = 1; i <= PrimaryCount(disks); ++i) {
       PartitionRecord* p = Primary(disks, i);
       if (p && p->startLba > start && p->startLba <= start + size) return kSizeUnavailable;

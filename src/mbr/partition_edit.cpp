@@ -83,7 +83,7 @@ ResultCode ActivateRecord(DiskSet& disks, PartitionRecord& record, bool activate
 
 ResultCode MbrEditRefusal(DiskSet& disks) {
   if (MbrTable(disks) == nullptr) return kNotGptDisk;
-  if (disks.superFloppy != 0) return kRemovableNoMbr;
+  if (disks.disk().superFloppy() != 0) return kRemovableNoMbr;
   return kSuccess;
 }
 
@@ -91,7 +91,7 @@ ResultCode MbrEditRefusal(DiskSet& disks) {
 
 ResultCode PartitionTable::Refusal(Edit) const {
   // A superfloppy's sector 0 is a volume boot record with no entries.
-  return owner_->superFloppy != 0 ? kRemovableNoMbr : kSuccess;
+  return owner_->disk().superFloppy() != 0 ? kRemovableNoMbr : kSuccess;
 }
 
 ResultCode PartitionTable::SetHidden(int32_t n, bool hide) {

@@ -66,7 +66,7 @@ void PrintHeaderBlock(Sink& out, DiskSet& disks, const BackupHeader& h, const st
   out.Printf("\n    Disk Model:     %s", h.diskModel.c_str());
   out.Printf("\n    Disk Size:      %s", FormatSizeText(disks.machine(), DiskBytes(h.diskSectors)).c_str());
   out.Printf("\n    Partitions:     %d", h.partitionCount);
-  out.Printf("\n    Valid MBR:      %s", mbr::HasBootSignature(disks.sector0) ? "Yes" : "No");
+  out.Printf("\n    Valid MBR:      %s", mbr::HasBootSignature(disks.disk().sector0()) ? "Yes" : "No");
   out.Printf("\n\n File Contents:     ");
   const int64_t first = static_cast<int64_t>(h.firstSector);
   const int64_t count = static_cast<int64_t>(h.sectorCount);

@@ -33,11 +33,11 @@ int64_t SizeArgument(uint64_t bytes) { return bytes > INT64_MAX ? INT64_MAX : st
 
 void PrintGptDetails(DiskSet& disks, const TableHeaderFacts& facts, FramedWriter& out) {
   const FrameChars& frame = out.frame();
-  const std::string size = FormatSizeText(disks.machine(), SizeArgument(disks.totalBytes));
+  const std::string size = FormatSizeText(disks.machine(), SizeArgument(disks.disk().totalBytes()));
   const std::string& revision = facts.revision;
   out.Inner("   Size:        " + size + FillTo(size, 17) + "GPT Revision:    " + revision + Blanks(24));
 
-  const std::string sectors = std::to_string(static_cast<int64_t>(disks.totalSectors));
+  const std::string sectors = std::to_string(static_cast<int64_t>(disks.disk().totalSectors()));
   const std::string& backup = facts.backupStatus;
   out.Inner("   Sectors:     " + sectors + FillTo(sectors, 13) + "    Backup GPT:      " + backup + FillTo(backup, 27));
 

@@ -41,10 +41,10 @@ void ShowDiskInfo(DiskSet& disks, Sink& out) {
     out.Write("\n Disk:       " + std::to_string(d) + "\n Bios Ext:   None");
     out.Write("\n Host Bus:   Not Supported");
     out.Write("\n Interface:  Not Supported");
-    out.Write("\n CHS:        " + std::to_string(disks.cylinders) + " " + std::to_string(disks.heads) + " " +
-              std::to_string(disks.sectorsPerTrack) + "     Sectors: " +
-              std::to_string(static_cast<int64_t>(disks.totalSectors)) +
-              "   Size: " + FormatSizeText(disks.machine(), static_cast<int64_t>(disks.totalBytes)));
+    out.Write("\n CHS:        " + std::to_string(disks.disk().cylinders()) + " " + std::to_string(disks.disk().heads()) + " " +
+              std::to_string(disks.disk().sectorsPerTrack()) + "     Sectors: " +
+              std::to_string(static_cast<int64_t>(disks.disk().totalSectors())) +
+              "   Size: " + FormatSizeText(disks.machine(), static_cast<int64_t>(disks.disk().totalBytes())));
     out.Write("\n");
   }
 }
@@ -69,7 +69,7 @@ BootMenuChoice ReadBootMenuAnswer(const std::string& line, int32_t lastId) {
 
 BootMenuChoice RunBootMenu(DiskSet& disks, Sink& out) {
   out.Write("\n Disk: " + std::to_string(disks.currentDisk) +
-            "   Size: " + FormatSizeText(disks.machine(), static_cast<int64_t>(disks.totalBytes)) + "  Name: " +
+            "   Size: " + FormatSizeText(disks.machine(), static_cast<int64_t>(disks.disk().totalBytes())) + "  Name: " +
             CText(GetDiskDescription(disks, disks.currentDisk)) + "\n");
   out.Write("\n ID  Volume Label DL Type/Name  Size  Active  Hidden  Start Sector");
   out.Write("\n --  ------------ -- ---------  ----  ------  ------  ------------");

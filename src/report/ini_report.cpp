@@ -70,28 +70,28 @@ class IniWriter {
 };
 
 void WriteDiskSection(DiskSet& disks, int32_t d, IniWriter& ini) {
-  const bool isGpt = disks.isGpt;
+  const bool isGpt = disks.disk().isGpt();
   ini.Section("Disk" + std::to_string(d));
-  ini.Key("Size", Signed(disks.totalBytes));
-  ini.Sizes(disks.totalBytes);
+  ini.Key("Size", Signed(disks.disk().totalBytes()));
+  ini.Sizes(disks.disk().totalBytes());
   ini.Key("Type", isGpt ? "GPT" : "MBR");
   // The bus and the description share one buffer of the disk set.
   ini.Key("Interface", OneLine(GetDiskBus(disks, d)));
   ini.Key("Description", OneLine(GetDiskDescription(disks, d)));
-  ini.Key("Removable", YesNo(disks.mediaType == platform::kMediaRemovable));
+  ini.Key("Removable", YesNo(disks.disk().mediaType() == platform::kMediaRemovable));
   ini.Key("PartitionCount", std::to_string(PartitionCount(disks, kKindPrimary)));
   if (isGpt) return;
-  ini.Key("ActivePart", disks.activeIndex < 0 ? std::string("N/A") : std::to_string(disks.activeIndex));
-  ini.Key("Cylinders", std::to_string(disks.cylinders));
-  ini.Key("Heads", std::to_string(disks.heads));
-  ini.Key("SectorsPerTrack", std::to_string(disks.sectorsPerTrack));
-  const uint8_t* s = disks.savedSignature;
+  ini.Key("ActivePart", disks.disk().activeIndex() < 0 ? std::string("N/A") : std::to_string(disks.disk().activeIndex()));
+  ini.Key("Cylinders", std::to_string(disks.disk().cylinders()));
+  ini.Key("Heads", std::to_string(disks.disk().heads()));
+  ini.Key("SectorsPerTrack", std::to_string(disks.disk().sectorsPerTrack()));
+  const uint8_t* s = disks.disk().savedSignature();
   ini.Key("Signature", HexByte(s[3]) + HexByte(s[2]) + HexByte(s[1]) + HexByte(s[0]));
 }
 
 void WritePartitionSection(DiskSet& disks, int32_t d, int32_t p, const PartitionRecord& r,
                            const EntryDetails* details, IniWriter& ini) {
-  const bool isGpt = disks.isGpt;
+  const bool isGpt = disks.disk().isGpt();
   ini.Section("Disk" + std::to_string(d) + ".Partition" + std::to_string(p));
   if (!isGpt) ini.Key("ActivePart", YesNo(r.active != 0));
   // A GPT has no primaries, hidden types or MBR slots: every entry is a

@@ -70,8 +70,8 @@ void PrintMbrRows(DiskSet& disks, const ListRequest& options, FramedWriter& out)
       if (i + 1 < count) {
         const uint64_t next = primaries[i + 1]->startLba;
         if (next > end) EmitFreeSpaceRow(out, end, next - end);
-      } else if (disks.totalSectors > end) {
-        EmitFreeSpaceRow(out, end, disks.totalSectors - end);
+      } else if (disks.disk().totalSectors() > end) {
+        EmitFreeSpaceRow(out, end, disks.disk().totalSectors() - end);
       }
     }
   }
@@ -84,7 +84,7 @@ void PrintDiskBlock(DiskSet& disks, int32_t diskNumber, const ListRequest& reque
   out.Emit("\n");
   out.Border(frame.topLeft, frame.dblHLine, frame.topRight);
 
-  const std::string kind = CText(disks.diskKindText);
+  const std::string kind = CText(disks.disk().diskKindText());
   const std::string kindField = "MBR/GPT:         " + kind + FillTo(kind, 27);
   out.Inner(" Disk: " + DiskNameField(disks, diskNumber) + kindField);
 
@@ -100,7 +100,7 @@ void PrintDiskBlock(DiskSet& disks, int32_t diskNumber, const ListRequest& reque
     PrintMbrRows(disks, request, out);
   }
 
-  if (!disks.tableLoaded) {
+  if (!disks.disk().tableLoaded()) {
     out.Inner(Blanks(kFrameWidth));
     const std::string disk = std::to_string(disks.currentDisk);
     out.Inner("  Warning:  There is a discrepency with the partition table on disk " + disk + " " + Blanks(7));
@@ -123,7 +123,7 @@ void PrintTableWarnings(const DiskSet& disks, int32_t diskNumber, Sink& warnings
   const TableDriver* table = disks.Table();
   if (table == nullptr) return;
   const bool virtualDisk = diskNumber == kVirtualDisk;
-  if (disks.isVirtual != virtualDisk || !disks.TableLoadedFor(diskNumber, virtualDisk)) return;
+  if (disks.disk().isVirtual() != virtualDisk || !disks.TableLoadedFor(diskNumber, virtualDisk)) return;
   if (!virtualDisk && disks.currentDisk != diskNumber) return;
   const std::string prefix =
       "diskhold: warning: " + (virtualDisk ? std::string("virtual disk") : "disk " + std::to_string(diskNumber)) + ": ";
@@ -177,16 +177,16 @@ void PrintCharacterMap(uint32_t codePage, FramedWriter& out) {
 void PrintMbrDiskDetails(DiskSet& disks, FramedWriter& out) {
   const FrameChars& frame = out.frame();
 
-  const std::string size = FormatSizeText(disks.machine(), static_cast<int64_t>(disks.totalBytes));
-  const std::string geometry = "CHS:             " + std::to_string(disks.cylinders) + " " +
-                               std::to_string(disks.heads) + " " + std::to_string(disks.sectorsPerTrack);
+  const std::string size = FormatSizeText(disks.machine(), static_cast<int64_t>(disks.disk().totalBytes()));
+  const std::string geometry = "CHS:             " + std::to_string(disks.disk().cylinders()) + " " +
+                               std::to_string(disks.disk().heads()) + " " + std::to_string(disks.disk().sectorsPerTrack());
   out.Inner("   Size:        " + size + FillTo(size, 17) + geometry + FillTo(geometry, 44));
 
   // The signature bytes from last to first read as the little-endian number.
-  const std::string sectors = std::to_string(static_cast<int64_t>(disks.totalSectors));
+  const std::string sectors = std::to_string(static_cast<int64_t>(disks.disk().totalSectors()));
   out.Inner("   Sectors:     " + sectors + FillTo(sectors, 13) + Blanks(4) + "Disk Signature:  0x" +
-            Hex2(disks.savedSignature[3]) + Hex2(disks.savedSignature[2]) + Hex2(disks.savedSignature[1]) +
-            Hex2(disks.savedSignature[0]) + Blanks(17));
+            Hex2(disks.disk().savedSignature()[3]) + Hex2(disks.disk().savedSignature()[2]) + Hex2(disks.disk().savedSignature()[1]) +
+            Hex2(disks.disk().savedSignature()[0]) + Blanks(17));
 
   const std::vector<PartitionRecord*> primaries = Partitions(disks, kKindPrimary);
   std::string order;
@@ -211,7 +211,7 @@ void PrintMbrDiskDetails(DiskSet& disks, FramedWriter& out) {
 void PrintMediaAndDescription(DiskSet& disks, FramedWriter& out) {
   // The bus and the description share one buffer of the DiskSet.
   const std::string bus = CText(GetDiskBus(disks, disks.currentDisk));
-  const bool removable = disks.mediaType == platform::kMediaRemovable;
+  const bool removable = disks.disk().mediaType() == platform::kMediaRemovable;
   out.Inner(std::string("   Media Type:  ") + (removable ? "Removable" + Blanks(7) : "Fixed" + Blanks(11)) +
             " Interface:       " + bus + FillTo(bus, 27));
   const std::string description = CText(GetDiskDescription(disks, disks.currentDisk));

@@ -256,7 +256,7 @@ ResultCode RestoreFromFile(DiskSet& disks, const std::string& fileName, uint64_t
   // the disk) is refused before anything is written.  A smaller file is
   // accepted.
   const uint64_t room =
-      count > 0 ? static_cast<uint64_t>(count) : (disks.totalSectors != 0 ? disks.SectorsOnDisk(targetSector, UINT64_MAX)
+      count > 0 ? static_cast<uint64_t>(count) : (disks.disk().totalSectors() != 0 ? disks.SectorsOnDisk(targetSector, UINT64_MAX)
                                                                             : UINT64_MAX);
   const uint64_t allowed = room > UINT64_MAX / kSectorSize ? UINT64_MAX : room * kSectorSize;
   // A whole-disk restore leaves a last partial sector out, as it always has.

@@ -30,13 +30,13 @@ bool WriteZeros(DiskSet& disks, const std::vector<uint8_t>& zeros, uint64_t lba,
 ResultCode WipeArea(DiskSet& disks, uint64_t first, uint64_t last) {
   if (last < first) return disks.firstError;
   // Without a size there is no end to stop at.
-  if (disks.totalSectors == 0) {
+  if (disks.disk().totalSectors() == 0) {
     disks.RecordError(kWipeFailed);
     return disks.firstError;
   }
   // Every sector past the end would fail on its own; they are not tried,
   // but their failure is reported.
-  const uint64_t diskLast = disks.totalSectors - 1;
+  const uint64_t diskLast = disks.disk().totalSectors() - 1;
   const uint64_t end = std::min(last, diskLast);
   // The whole area at once by the medium's own zeroing (a hole punched in
   // an image, BLKZEROOUT on a drive); where that is refused, chunk by chunk,
@@ -77,8 +77,13 @@ ResultCode WipeArea(DiskSet& disks, uint64_t first, uint64_t last) {
 }
 
 ResultCode CopySector(DiskSet& disks, uint64_t source, uint64_t target) {
-  if (ReadSector(disks, source, disks.sector0) != kSuccess) return disks.firstError;
-  WriteSectors(disks, target, disks.sector0, 1);
+  // The sector passes through the disk's sector-0 image, as it always has.
+  uint8_t sector[kSectorSize];
+  std::memcpy(sector, disks.disk().sector0(), kSectorSize);
+  const ResultCode read = ReadSector(disks, source, sector);
+  disks.SetSector0(sector);
+  if (read != kSuccess) return disks.firstError;
+  WriteSectors(disks, target, sector, 1);
   return disks.firstError;
 }
 
@@ -110,9 +115,10 @@ ResultCode CompareItems(DiskSet& disks, const CompareSide& source, const Compare
 }
 
 ResultCode ReadSectorIntoImage(DiskSet& disks, uint64_t sector, bool requireMarker) {
-  std::memset(disks.sector0, 0, sizeof disks.sector0);
-  const ResultCode read = ReadSector(disks, sector, disks.sector0);
-  if (!requireMarker || mbr::HasBootSignature(disks.sector0)) {
+  uint8_t image[kSectorSize] = {};
+  const ResultCode read = ReadSector(disks, sector, image);
+  disks.SetSector0(image);
+  if (!requireMarker || mbr::HasBootSignature(disks.disk().sector0())) {
     disks.LoadImageTable();
     return read;
   }

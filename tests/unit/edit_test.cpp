@@ -290,7 +290,7 @@ TEST_F(SignatureTest, EachModeWritesOnlyTheFourSignatureBytesAndFlushes) {
     EXPECT_EQ(1, drive->writeCalls);
     EXPECT_EQ(1, drive->flushCalls);
     ExpectOnlyChanged(440, 4);
-    EXPECT_EQ(0, std::memcmp(disks->savedSignature, c.expected.data(), 4));
+    EXPECT_EQ(0, std::memcmp(disks->disk().savedSignature(), c.expected.data(), 4));
   }
 }
 

@@ -82,7 +82,10 @@ class FakeFile : public platform::File {
     return true;
   }
   bool GetDriveGeometryEx(platform::DiskGeometry* geometry, uint64_t* diskSize) override {
-    return GetDriveGeometry(geometry) && Size(diskSize);
+    if (!GetDriveGeometry(geometry)) return false;
+    if (drive_->reportedBytes == 0) return Size(diskSize);
+    *diskSize = drive_->reportedBytes;
+    return true;
   }
   bool GetPartitionInfo(uint64_t*, uint64_t*) override { return Fail(kErrorNotSupported); }
   // No drive has a layout of its own: superfloppies are run end to end.

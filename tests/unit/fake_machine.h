@@ -30,6 +30,7 @@ struct FakeDrive {
   bool writeProtected = false;
   bool zeroes = false;     // zeroes a range of its own (a file system's hole punching)
   bool flushFails = false;
+  uint64_t reportedBytes = 0;  // non-zero: the size the drive reports, not its bytes'
   platform::DiskGeometry geometry;  // set by FakeMachine::AddDrive
   int updatePropertiesCalls = 0;
   int writeCalls = 0;

@@ -129,7 +129,7 @@ class GptTableTest : public test::FakeDiskTest {
   // A DiskSet made now loads disk 0, and with it the GPT.
   GptTable& LoadGpt() {
     Load();
-    EXPECT_TRUE(disks->isGpt);
+    EXPECT_TRUE(disks->disk().isGpt());
     EXPECT_NE(GptOf(*disks), nullptr);
     return *GptOf(*disks);
   }

@@ -36,7 +36,8 @@ class IdentifyTest : public test::FakeDiskTest {
   IdentifyTest() {
     Load();
     disks->currentDisk = 0;
-    for (int i = 0; i < 4; ++i) disks->savedSignature[i] = static_cast<uint8_t>(0x12345678 >> (8 * i));
+    const uint8_t signature[4] = {0x78, 0x56, 0x34, 0x12};
+    disks->SetSavedSignature(signature);
   }
 
   void SetString(const std::string& key, const std::string& value, const std::string& text) {

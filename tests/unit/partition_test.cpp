@@ -50,16 +50,9 @@ class PartitionTableTest : public test::FakeDiskTest {
   }
 
   PartitionTable& LoadTable() {
-    std::memcpy(disks->sector0, drive->Sector(0), 512);
-    disks->mediumPresent = true;
-    disks->bootSignatureValid = disks->sector0[510] == 0x55 && disks->sector0[511] == 0xAA;
-    disks->tableLoaded = false;
-    table = std::make_unique<PartitionTable>(disks.get());
-    table->Load();
-    return *table;
+    disks->LoadDisk(true);
+    return *MbrTable(*disks);
   }
-
-  std::unique_ptr<PartitionTable> table;
 };
 
 TEST(DecodeEntry, DecodesEveryField) {
@@ -97,7 +90,7 @@ TEST_F(PartitionTableTest, PrimariesAreNumberedAcrossEmptySlots) {
   PutSlot(0, kNtfs, 63, 100, 0x81);
   PutSlot(2, 0x1D, 200, 50, 0x80);
   PartitionTable& t = LoadTable();
-  EXPECT_TRUE(disks->tableLoaded);
+  EXPECT_TRUE(disks->disk().tableLoaded());
   ASSERT_EQ(t.Count(kKindAll), 2);
   PartitionRecord* first = t.Get(1, kKindPrimary);
   PartitionRecord* second = t.Get(2, kKindPrimary);
@@ -120,7 +113,7 @@ TEST_F(PartitionTableTest, TablesWithoutPartitions) {
   // only the primaries count.
   PutSlot(1, kExtended, 1000, 3000);
   PutEbr(1000, kNtfs, 63, 100, 0);
-  disks->walkExtended = false;
+  disks->KeepToImage();
   PartitionTable& t = LoadTable();
   EXPECT_EQ(t.Count(kKindAll), 2);
   // Numbers out of range, and kinds that do not exist.

@@ -98,7 +98,7 @@ TEST_F(BackupHeaderDiskTest, GptEntriesBeyondTheFourthHaveNoSlotButMayBeTheSourc
   for (uint64_t i = 0; i < 6; ++i) entries.push_back({test::kBasicDataType, 2048 + i * 1000, 2047 + (i + 1) * 1000});
   test::WriteGptDisk(machine.AddDrive(0, 20000), entries);
   Load();
-  ASSERT_TRUE(disks->isGpt);
+  ASSERT_TRUE(disks->disk().isGpt());
   ASSERT_EQ(6, PartitionCount(*disks, kKindPrimary));
   const char* labels[] = {"ONE", "TWO", "THREE", "FOUR", "FIVE", "SIXTH"};
   for (int32_t n = 1; n <= 6; ++n) GetPartition(*disks, n, kKindPrimary)->volumeLabel = labels[n - 1];
@@ -196,7 +196,8 @@ TEST_F(SectorOpsTest, EveryWriteIsHeldToThePlanInForce) {
   EXPECT_EQ(kWriteFailed, WriteSectors(disks, 6, data.data(), 2));  // sector 7 is not in the plan
   d.zeroes = true;
   EXPECT_FALSE(disks.Device().ZeroRange(7 * 512, 512));  // nor is a range the device would zero itself
-  disks.totalSectors = 6;  // the disk ends before the drive does
+  d.reportedBytes = 6 * 512;  // the disk as loaded ends before the drive does
+  disks.LoadDisk(true);
   EXPECT_EQ(kWriteFailed, WriteSectors(disks, 5, data.data(), 2));
   EXPECT_EQ(expected, d.bytes);
 }
@@ -238,8 +239,8 @@ TEST_F(SectorOpsTest, WipeWritesChunksRetriesAFailedOneSectorBySectorAndStopsAtT
   EXPECT_EQ(3 + 2048, d.writeCalls);
   EXPECT_EQ(1, d.flushCalls);
 
+  d.isDevice = false;  // no size known
   auto empty = Fresh();
-  empty->totalSectors = 0;
   EXPECT_EQ(kWipeFailed, WipeArea(*empty, 0, 0));
 }
 
