@@ -71,11 +71,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t kind = dh::ReadBackupKind(*disk.host, kFile, header);
   if (kind != dh::kBackupRaw) dh::DecodeBackupHeader(header);
   dh::GetFileSizeByName(*disk.host, kFile);
-  std::memset(d.sector0, 0, sizeof d.sector0);
+  uint8_t image[512] = {};
   dh::DeviceHandle file;
-  if (file.OpenRead(*disk.host, kFile)) dh::ReadFull(file, kind != dh::kBackupRaw ? 512 : 0, d.sector0, 512);
-  d.walkExtended = false;
-  d.skipVolumeInfo = true;
+  if (file.OpenRead(*disk.host, kFile)) dh::ReadFull(file, kind != dh::kBackupRaw ? 512 : 0, image, 512);
+  d.SetSector0(image);
+  d.KeepToImage();
   d.LoadImageTable();
   dh::Partitions(d, dh::kKindAll);
   return 0;

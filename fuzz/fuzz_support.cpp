@@ -205,14 +205,11 @@ DiskSet& DirectDisk::Load(const MemFile& image, platform::sim::MediaKind media) 
   host->Put(kPath, image);
   DiskSet& d = *disks_;
   d.SetWritePlan(nullptr);
-  d.table.reset();
+  d.ForgetLoadedDisk();
   d.firstError = kSuccess;
-  d.isVirtual = false;
   d.currentDisk = 0;
   d.diskCount = 1;
   d.diskTable[0] = 0;
-  d.walkExtended = true;
-  d.skipVolumeInfo = false;
   d.device.Close();
   d.devicePath = "\\\\.\\PhysicalDrive0";
   d.device.Attach(platform::sim::MakeDriveFile(Drive(0, kPath, media), host->Open(kPath, platform::OpenMode::DiskReadWrite),

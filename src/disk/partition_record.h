@@ -45,7 +45,6 @@ struct PartitionRecord {
   uint8_t gptTypeGuid[16] = {};
   uint8_t gptUniqueGuid[16] = {};
   uint64_t gptAttributes = 0;
-  std::string gptName;      // UTF-16 name converted to 8-bit text
   std::string gptTypeName;  // name from the GPT type table
   int32_t gptEntryIndex = -1;  // position in the on-disk entry array
 };

@@ -37,18 +37,6 @@ bool ReadWhole(SectorDevice& device, uint64_t lba, uint8_t* buffer, uint32_t byt
   return ReadFull(device, lba * kSectorSize, buffer, bytes, &failed) == bytes && !failed;
 }
 
-// The name field: UTF-16LE up to its first NUL, as 8-bit text ('?' for
-// what 8 bits cannot hold).
-std::string EntryName(const uint8_t* entry) {
-  std::string name;
-  for (size_t i = 0; i + 1 < gpt::kEntryNameSize; i += 2) {
-    const uint16_t unit = LoadLe16(entry + gpt::kEntryName + i);
-    if (unit == 0) break;
-    name += unit < 0x100 ? static_cast<char>(unit) : '?';
-  }
-  return name;
-}
-
 bool IsUnusedEntry(const uint8_t* entry) {
   static const uint8_t kZero[gpt::kGuidSize] = {};
   return std::memcmp(entry + gpt::kEntryTypeGuid, kZero, gpt::kGuidSize) == 0;
@@ -146,7 +134,6 @@ void BuildRecord(DiskSet& disks, GptTable& table, const uint8_t* raw, uint32_t s
   std::memcpy(record->gptTypeGuid, raw + gpt::kEntryTypeGuid, gpt::kGuidSize);
   std::memcpy(record->gptUniqueGuid, raw + gpt::kEntryUniqueGuid, gpt::kGuidSize);
   record->gptAttributes = LoadLe64(raw + gpt::kEntryAttributes);
-  record->gptName = EntryName(raw);
   record->gptEntryIndex = static_cast<int32_t>(slot);
   details.required = (record->gptAttributes & gpt::kAttrRequired) != 0;
   details.readOnly = (record->gptAttributes & gpt::kAttrReadOnly) != 0;
