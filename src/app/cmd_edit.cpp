@@ -6,7 +6,6 @@
 
 #include "app/command_table.h"
 #include "app/grammar.h"
-#include "app/handlers.h"
 #include "app/messages.h"
 #include "base/sink.h"
 #include "base/text.h"

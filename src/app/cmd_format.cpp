@@ -11,7 +11,6 @@
 
 #include "app/command_table.h"
 #include "app/confirm.h"
-#include "app/handlers.h"
 #include "disk/disk_set.h"
 #include "disk/formatter.h"
 #include "disk/volume.h"

@@ -4,7 +4,6 @@
 
 #include "app/command_table.h"
 #include "app/grammar.h"
-#include "app/handlers.h"
 #include "app/messages.h"
 #include "disk/disk_set.h"
 #include "disk/table_driver.h"

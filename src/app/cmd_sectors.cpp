@@ -9,7 +9,6 @@
 
 #include "app/command_table.h"
 #include "app/grammar.h"
-#include "app/handlers.h"
 #include "app/messages.h"
 #include "app/run_state.h"
 #include "base/le.h"

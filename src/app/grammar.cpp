@@ -133,57 +133,73 @@ struct Keyword {
   std::string RunOptions::*destination;  // value mode: the text field that takes the value
   ApplyFn apply;                          // null: selects `command`
   int32_t command;
+  // Its line on the help pages and the line's place (see CommandSpec).
+  int helpPlace = 0;
+  const char* help = nullptr;
 };
 
 // The keywords that select no command; the commands' own keywords come
 // from the command table.  Each carries its place in the one order in
-// which keywords are tried.
+// which keywords are tried, and those on the help pages their line there.
 const Keyword kOptionKeywords[] = {
     {3, "freespace", MatchMode::Fixed, nullptr, Set<&RunOptions::showFreeSpace, true>, 0},
     {4, "extended", MatchMode::Fixed, nullptr, Set<&RunOptions::showLogical, true>, 0},
     {5, "logical", MatchMode::Fixed, nullptr, Set<&RunOptions::showLogical, true>, 0},
-    {6, "disk=", MatchMode::Fixed, nullptr, ApplyDisk, 0},
-    {7, "part=", MatchMode::Fixed, nullptr, ApplyPart, 0},
+    {6, "disk=", MatchMode::Fixed, nullptr, ApplyDisk, 0,
+     102, "Disk=#      Selects the disk (or file), defaults to '0' if not specified"},
+    {7, "part=", MatchMode::Fixed, nullptr, ApplyPart, 0,
+     103, "Part=#      Selects partition by number.  Defaults to '1'"},
     {8, "option=", MatchMode::Fixed, nullptr, ApplyOption, 0},
-    {9, "sector=", MatchMode::Fixed, nullptr, ApplySector, 0},
-    {10, "vol=", MatchMode::Fixed, nullptr, ApplyVol, 0},
+    {9, "sector=", MatchMode::Fixed, nullptr, ApplySector, 0,
+     105, "Sector=#    Specifies sector(s) to use for applicable operations"},
+    {10, "vol=", MatchMode::Fixed, nullptr, ApplyVol, 0,
+     104, "Vol=x       Specifies volume by drive letter (C:) or volume label"},
     {11, "Filename=", MatchMode::Fixed, nullptr,
      [](const std::string&, const std::string& value) { AssignValueText(Options().valueText2, value); }, 0},
     {17, "FILE", MatchMode::Abbreviation, nullptr, Accept, 0},
     {19, "range=", MatchMode::Value, &RunOptions::valueText, Accept, 0},
-    {22, "result", MatchMode::Abbreviation, nullptr, Set<&RunOptions::showResult, true>, 0},
+    {22, "result", MatchMode::Abbreviation, nullptr, Set<&RunOptions::showResult, true>, 0,
+     216, "Result      Shows Errorlevel code on program exit"},
     {31, "source=", MatchMode::Value, &RunOptions::valueText,
      [](const std::string&, const std::string& value) { Options().rangeFirst = ReadDecimal64(value); }, 0},
     {32, "target=", MatchMode::Value, &RunOptions::valueText2,
      [](const std::string&, const std::string& value) { Options().rangeLast = ReadDecimal64(value); }, 0},
     {39, "value=", MatchMode::Value, &RunOptions::valueText2, Accept, 0},
-    {40, "align=", MatchMode::Value, &RunOptions::valueText2, Accept, 0},
-    {41, "start=", MatchMode::Value, &RunOptions::valueText2, Accept, 0},
-    {42, "size=", MatchMode::Value, &RunOptions::valueText2, Accept, 0},
-    {46, "ignore", MatchMode::Abbreviation, nullptr, Set<&RunOptions::ignoreErrors, true>, 0},
+    {40, "align=", MatchMode::Value, &RunOptions::valueText2, Accept, 0,
+     210, "Align=      Alignment boundary to start new partition, eg. 1k, 2k, 4k, etc."},
+    {41, "start=", MatchMode::Value, &RunOptions::valueText2, Accept, 0,
+     208, "Start=      Sector to start new partition. /Freespace uses first avail. "},
+    {42, "size=", MatchMode::Value, &RunOptions::valueText2, Accept, 0,
+     209, "Size=       Size in MB of new partition. /Max uses all avail freespace. "},
+    {46, "ignore", MatchMode::Abbreviation, nullptr, Set<&RunOptions::ignoreErrors, true>, 0,
+     215, "Ignore      Ignore Errors and continue processing"},
     {47, "msg=", MatchMode::Value, &RunOptions::valueText3,
-     [](const std::string&, const std::string& value) { Options().messageNumber = ReadDecimal(value); }, 0},
-    {48, "confirm", MatchMode::Abbreviation, nullptr, Set<&RunOptions::confirmed, true>, 0},
+     [](const std::string&, const std::string& value) { Options().messageNumber = ReadDecimal(value); }, 0,
+     213, "Msg=#       Hides the status message displayed upon program exit"},
+    {48, "confirm", MatchMode::Abbreviation, nullptr, Set<&RunOptions::confirmed, true>, 0,
+     214, "Confirm     Automatically answers 'Yes'"},
     {49, "debug", MatchMode::Abbreviation, nullptr, Accept, 0},
     {50, "text", MatchMode::Abbreviation, nullptr, Set<&RunOptions::textFrame, true>, 0},
     {54, "silent", MatchMode::Abbreviation, nullptr, Set<&RunOptions::silent, true>, 0},
     {55, "nohdr", MatchMode::Abbreviation, nullptr, Set<&RunOptions::noHeader, true>, 0},
     {56, "asciimap", MatchMode::Abbreviation, nullptr, Set<&RunOptions::asciiMap, true>, 0},
     {57, "shutdown=", MatchMode::Value, &RunOptions::valueText3,
-     [](const std::string&, const std::string& value) { Options().shutdownMode = ReadDecimal(value); }, 0},
-    {58, "?", MatchMode::Abbreviation, nullptr, Set<&RunOptions::helpRequested, true>, 0},
+     [](const std::string&, const std::string& value) { Options().shutdownMode = ReadDecimal(value); }, 0,
+     201, "Shutdown=#  1-Force shutdown, 2-Force Reboot, 3-Shutdown, 4-Reboot"},
+    {58, "?", MatchMode::Abbreviation, nullptr, Set<&RunOptions::helpRequested, true>, 0,
+     217, "?           Displays this help page"},
 };
 
 // Every keyword in the order they are tried: the option keywords and the
 // commands' keywords merged by their places.
-const std::vector<Keyword>& AllKeywords() {
+const std::vector<Keyword>& KeywordTable() {
   static const std::vector<Keyword> all = [] {
     std::vector<Keyword> list(std::begin(kOptionKeywords), std::end(kOptionKeywords));
     size_t count = 0;
     const CommandSpec* rows = CommandRows(&count);
     for (size_t i = 0; i < count; ++i) {
       const CommandSpec& c = rows[i];
-      list.push_back({c.keywordOrder, c.keyword, c.mode, c.valueField, c.parse, c.id});
+      list.push_back({c.keywordOrder, c.keyword, c.mode, c.valueField, c.parse, c.id, c.helpPlace, c.help});
     }
     std::stable_sort(list.begin(), list.end(), [](const Keyword& a, const Keyword& b) { return a.order < b.order; });
     return list;
@@ -304,7 +320,7 @@ bool MatchKeyword(MatchMode mode, std::string_view keyword, const std::string& a
 }
 
 void ParseArgument(const std::string& argument) {
-  for (const Keyword& k : AllKeywords()) {
+  for (const Keyword& k : KeywordTable()) {
     std::string value;
     MatchResult result = Match(k.mode, k.keyword, argument, &value);
     if (result == MatchResult::None) continue;
@@ -323,6 +339,21 @@ void ParseArgument(const std::string& argument) {
     return;
   }
   InvalidSwitch(argument);
+}
+
+std::vector<std::string> AllKeywords() {
+  std::vector<std::string> words;
+  for (const Keyword& k : KeywordTable()) words.emplace_back(k.keyword);
+  return words;
+}
+
+std::vector<HelpLine> HelpLines() {
+  std::vector<HelpLine> lines;
+  for (const Keyword& k : KeywordTable()) {
+    if (k.help != nullptr) lines.push_back({k.helpPlace, k.help});
+  }
+  std::sort(lines.begin(), lines.end(), [](const HelpLine& a, const HelpLine& b) { return a.place < b.place; });
+  return lines;
 }
 
 int32_t ParseRepairKind() {

@@ -69,6 +69,18 @@ bool MatchKeyword(MatchMode mode, std::string_view keyword, const std::string& a
 // Options(); an argument that matches none is an invalid switch (105).
 void ParseArgument(const std::string& argument);
 
+// Every keyword of the command line, the commands' own among them, in the
+// order they are tried.
+std::vector<std::string> AllKeywords();
+
+// The lines of the help pages in their order (each is printed after a "/"),
+// with their places: page * 100 + line.
+struct HelpLine {
+  int place;
+  const char* text;
+};
+std::vector<HelpLine> HelpLines();
+
 // What a bad argument leaves in the run state.  An invalid switch (105) is a
 // usage error; the first bad argument is the one reported.
 void InvalidSwitch(const std::string& argument);

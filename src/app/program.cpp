@@ -9,7 +9,6 @@
 #include "app/confirm.h"
 #include "app/dispatcher.h"
 #include "app/grammar.h"
-#include "app/handlers.h"
 #include "app/messages.h"
 #include "app/run_state.h"
 #include "app/shutdown.h"

@@ -9,47 +9,6 @@
 
 namespace dh {
 
-// Command numbers; they also select the success messages.
-enum CommandId : int32_t {
-  kCmdNone = 0,
-  kCmdSave = 1,
-  kCmdRepair = 2,
-  kCmdRestore = 3,
-  kCmdShow = 4,
-  kCmdWipe = 5,
-  kCmdSort = 6,
-  kCmdIsSorted = 7,
-  kCmdList = 8,
-  kCmdTabList = 9,
-  kCmdActive = 10,
-  kCmdHide = 11,
-  kCmdInactive = 12,
-  kCmdUnhide = 13,
-  kCmdDelete = 14,
-  kStepDeleteAll = 15,
-  kCmdType = 16,
-  kCmdCopy = 17,
-  kCmdCompare = 18,
-  kCmdWriteIni = 20,
-  kCmdBootMenu = 21,
-  kCmdStatus = 26,
-  kCmdStatusWrite = 27,
-  kCmdCreate = 28,
-  kCmdFormat = 29,
-  kCmdFlashMbr = 30,
-  kCmdSignature = 31,
-  kStepSignatureRead = 32,
-  kStepSignatureWrite = 33,
-  kStepSignatureGenerate = 34,
-  kStepSignatureZero = 35,
-  kCmdVolumeId = 36,
-  kStepVolumeIdRead = 37,
-  kCmdInfo = 39,
-  kCmdDiskCount = 40,
-  kCmdPartCount = 41,
-  kCmdIsFixed = 42,
-};
-
 // Special selector values.
 constexpr int32_t kDiskNotGiven = -9999;
 constexpr int32_t kAllDisks = -1;
@@ -77,7 +36,7 @@ constexpr int32_t kAreaRange = -6;
 constexpr size_t kValueTextSize = 1024;
 
 struct RunOptions {
-  int32_t command = kCmdNone;
+  int32_t command = 0;  // a CommandId (app/command_table.h); 0: none
   int32_t diskNumber = kDiskNotGiven;
   bool diskExplicit = true;
   int32_t partNumber = kPartNotGiven;

@@ -13,9 +13,9 @@
 #include <string>
 #include <tuple>
 
+#include "app/command_table.h"
 #include "app/grammar.h"
 #include "app/messages.h"
-#include "app/run_state.h"
 #include "base/sink.h"
 #include "disk/disk_set.h"
 #include "fake_machine.h"
@@ -45,11 +45,8 @@ TEST(Messages, FinalReportLines) {
   const std::pair<std::function<std::string()>, std::string> cases[] = {
       {[] { Options().valueText = "C:\\100%s%d%n.ini"; return Success(kCmdWriteIni); },
        " MBR information was successfully written to C:\\100%s%d%n.ini \n"},
-      {[] { Options().valueText = "2"; return Success(kCmdBootMenu); },
-       " \n Partition 2 successfully set to active \n"},
       {[] { Options().areaKind = kAreaMbr; Options().valueText2 = "mbr%s.bin"; return Success(kCmdSave); },
        " The MBR was successfully saved to mbr%s.bin\n"},
-      {[] { State().statusByte = 255; return Success(kCmdStatus); }, " Status read successfully as 255  \n"},
       {[] { Options().silent = true; State().volumeIdText = "50%d"; return Success(kStepVolumeIdRead); }, "50%d"},
       {[] { Options().messageNumber = 2; return Success(kCmdHide); }, " Partition(s) successfully hidden \n"},
       {[] { Options().messageNumber = 3; return Failure(kUserCancelled); }, ""},
