@@ -18,9 +18,10 @@
 namespace dh {
 
 void HandleFormat(CommandContext& c) {
-  // The primaries come from the MBR; a GPT disk has none to count.
-  if (c.disks.disk().isGpt()) {
-    SetResultIfNone(kNotGptDisk);
+  // The partitions are numbered among the primaries, which only the MBR has.
+  const TableDriver* table = c.disks.Table();
+  if (const ResultCode refusal = table != nullptr ? table->Refusal(TableDriver::Edit::Volume) : kSuccess) {
+    SetResultIfNone(refusal);
     return;
   }
   const int32_t n = c.options.partNumber;

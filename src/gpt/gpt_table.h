@@ -41,7 +41,7 @@ class GptTable : public TableDriver {
   std::vector<PartitionRecord*> Records(int32_t kind) override;
   bool HeaderFacts(TableHeaderFacts* facts) const override;
   // Entries are deleted; flags, types, names, new entries and their order
-  // are not edited here (131).
+  // are not edited here, nor are volumes formatted by number (131).
   ResultCode Refusal(Edit edit) const override { return edit == Edit::Delete ? kSuccess : kNotGptDisk; }
   ResultCode SetHidden(int32_t, bool) override { return kNotGptDisk; }
   ResultCode SetActive(int32_t, bool) override { return kNotGptDisk; }

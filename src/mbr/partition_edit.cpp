@@ -89,8 +89,10 @@ ResultCode MbrEditRefusal(DiskSet& disks) {
 
 // The table driver's edits.
 
-ResultCode PartitionTable::Refusal(Edit) const {
-  // A superfloppy's sector 0 is a volume boot record with no entries.
+ResultCode PartitionTable::Refusal(Edit edit) const {
+  // A superfloppy's sector 0 is a volume boot record with no entries; its
+  // volume is still there to format.
+  if (edit == Edit::Volume) return kSuccess;
   return owner_->disk().superFloppy() != 0 ? kRemovableNoMbr : kSuccess;
 }
 
