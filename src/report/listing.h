@@ -38,9 +38,10 @@ struct ListRequest {
 // The list/tablist operation: one framed block per disk (every disk, or the
 // one selected), then the character map when asked for.  A disk that fails
 // to load is listed all the same; the first such code is returned.  After
-// the block of a GPT disk whose GPT failed a check come its warning lines
-// (GptWarningLines), on `request.warnings`: once per listed disk, never
-// for a disk that is only loaded.
+// the block of a disk whose table found problems in itself (a GPT that
+// failed a check) come its warning lines, one per problem the table's
+// Verify names, on `request.warnings`: once per listed disk, never for a
+// disk that is only loaded.
 ResultCode ListDisks(DiskSet& disks, const ListRequest& request, FramedWriter& out);
 
 // The details block and the column header of the current MBR disk.
