@@ -71,10 +71,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t kind = dh::ReadBackupKind(*disk.host, kFile, header);
   if (kind != dh::kBackupRaw) dh::DecodeBackupHeader(header);
   dh::GetFileSizeByName(*disk.host, kFile);
-  uint8_t image[512] = {};
+  uint8_t sector0[512] = {};
   dh::DeviceHandle file;
-  if (file.OpenRead(*disk.host, kFile)) dh::ReadFull(file, kind != dh::kBackupRaw ? 512 : 0, image, 512);
-  d.SetSector0(image);
+  if (file.OpenRead(*disk.host, kFile)) dh::ReadFull(file, kind != dh::kBackupRaw ? 512 : 0, sector0, 512);
+  d.SetSector0(sector0);
   d.KeepToImage();
   d.LoadImageTable();
   dh::Partitions(d, dh::kKindAll);
