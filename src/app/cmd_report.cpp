@@ -55,7 +55,7 @@ void RunBootMenuStep(CommandContext& c) {
   // The menu offers MBR entries: a GPT disk has none, and a superfloppy's
   // sector 0 is a boot record whose bytes are no entries to rewrite.
   TableDriver* table = c.disks.Table();
-  const ResultCode refusal = table != nullptr ? table->Refusal(TableDriver::Edit::Flags) : kNotGptDisk;
+  const ResultCode refusal = table != nullptr ? table->Refusal(TableDriver::Edit::Entries) : kNotGptDisk;
   if (refusal != kSuccess) {
     SetResultIfNone(refusal);
     return;

@@ -119,16 +119,16 @@ class DiskSet {
   // not the disk's own sector 0), and keeps to the image from now on: no
   // chain walks and no volume inspection for the rest of the run.
   bool walkExtended() const { return walkExtended_; }
+  void KeepToImage() {
+    walkExtended_ = false;
+    skipVolumeInfo_ = true;
+  }
   // Drops the loaded disk and the image-only options: the set is as it was
   // before its first load (a harness that loads one image after another).
   void ForgetLoadedDisk() {
     disk_ = LoadedDisk();
     walkExtended_ = true;
     skipVolumeInfo_ = false;
-  }
-  void KeepToImage() {
-    walkExtended_ = false;
-    skipVolumeInfo_ = true;
   }
 
   // Run-level fields.

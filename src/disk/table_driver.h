@@ -85,9 +85,9 @@ class TableDriver {
   // Why the table takes no edit of this kind, or 0: what a command that
   // asks a question first (the boot menu) or wraps the edit (delete) needs
   // to know before it starts.  The edits below refuse the same way.
-  // Volume: a partition's volume formatted, the partition named by its
-  // number among the primaries.
-  enum class Edit { Flags, Delete, Volume };
+  // Entries: flags, types, names, new entries and their order; Volume: a
+  // partition's volume formatted, named by its number among the primaries.
+  enum class Edit { Entries, Delete, Volume };
   virtual ResultCode Refusal(Edit edit) const = 0;
   // Flags of the n-th partition the edits number (1-based), or of every
   // one (kEveryPartition).

@@ -211,8 +211,6 @@ ResultCode CreatePartition(DiskSet& disks, uint64_t start, uint64_t size, uint8_
 }
 
 ResultCode CreateFromRequest(DiskSet& disks, const CreateRequest& request) {
-  // The MBR create has no place on a GPT disk: its entries are in the GPT.
-  if (ResultCode refusal = MbrEditRefusal(disks)) return refusal;
   if (PrimaryCount(disks) >= static_cast<int32_t>(mbr::kSlotCount)) return kTableFull;
   if (!IsSorted(*MbrTable(disks))) return kMustBeSorted;
 

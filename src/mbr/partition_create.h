@@ -58,9 +58,9 @@ void BuildNewEntry(uint8_t entry[16], uint32_t start, uint32_t size, uint8_t typ
 // `ignore` is off; otherwise the DiskSet's first error.
 ResultCode CreatePartition(DiskSet& disks, uint64_t start, uint64_t size, uint8_t type);
 
-
-// The create= command: start, alignment, size and type from the request,
-// then CreatePartition, then the request to the system to re-read the disk.
+// The create= command on an MBR that takes edits (the driver's Add checks
+// that first): start, alignment, size and type from the request, then
+// CreatePartition, then the request to the system to re-read the disk.
 // Returns the command's result; 117 for a /type outside 1..255 (the caller
 // names the argument).
 ResultCode CreateFromRequest(DiskSet& disks, const CreateRequest& request);

@@ -81,12 +81,6 @@ ResultCode ActivateRecord(DiskSet& disks, PartitionRecord& record, bool activate
 
 }  // namespace
 
-ResultCode MbrEditRefusal(DiskSet& disks) {
-  if (MbrTable(disks) == nullptr) return kNotGptDisk;
-  if (disks.disk().superFloppy() != 0) return kRemovableNoMbr;
-  return kSuccess;
-}
-
 // The table driver's edits.
 
 ResultCode PartitionTable::Refusal(Edit edit) const {
@@ -97,12 +91,12 @@ ResultCode PartitionTable::Refusal(Edit edit) const {
 }
 
 ResultCode PartitionTable::SetHidden(int32_t n, bool hide) {
-  if (ResultCode refusal = Refusal(Edit::Flags)) return refusal;
+  if (ResultCode refusal = Refusal(Edit::Entries)) return refusal;
   return n == kEveryPartition ? SetAllPartitionsHidden(*owner_, hide) : SetPartitionHidden(*owner_, n, hide);
 }
 
 ResultCode PartitionTable::SetActive(int32_t n, bool active) {
-  if (ResultCode refusal = Refusal(Edit::Flags)) return refusal;
+  if (ResultCode refusal = Refusal(Edit::Entries)) return refusal;
   // Only one partition can be active: every partition is a number that
   // names none when activating.
   if (n == kEveryPartition && !active) return DeactivateAllPartitions(*owner_);
@@ -110,13 +104,16 @@ ResultCode PartitionTable::SetActive(int32_t n, bool active) {
 }
 
 ResultCode PartitionTable::SetType(int32_t n, int32_t type) {
-  if (ResultCode refusal = Refusal(Edit::Flags)) return refusal;
+  if (ResultCode refusal = Refusal(Edit::Entries)) return refusal;
   // No type byte could be read from the command line: nothing is stored.
   if (type < 0) return kInvalidParameter;
   return ChangePartitionType(*owner_, n, static_cast<uint8_t>(type & 0xFF));
 }
 
-ResultCode PartitionTable::Add(const CreateRequest& request) { return CreateFromRequest(*owner_, request); }
+ResultCode PartitionTable::Add(const CreateRequest& request) {
+  if (ResultCode refusal = Refusal(Edit::Entries)) return refusal;
+  return CreateFromRequest(*owner_, request);
+}
 
 ResultCode SetPartitionHidden(DiskSet& disks, int32_t n, bool hide) {
   PartitionRecord* record = SelectedPrimary(disks, n);

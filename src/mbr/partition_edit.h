@@ -18,12 +18,6 @@ namespace dh {
 
 class DiskSet;
 
-// Why the MBR edits cannot run on the current disk, or 0: 131 on a disk
-// without an MBR table (a GPT disk), 130 on a superfloppy, whose sector 0
-// is a volume boot record.  Refusals write nothing and are reported even
-// under `ignore`.
-ResultCode MbrEditRefusal(DiskSet& disks);
-
 ResultCode SetPartitionHidden(DiskSet& disks, int32_t n, bool hide);
 ResultCode SetAllPartitionsHidden(DiskSet& disks, bool hide);
 ResultCode SetPartitionActive(DiskSet& disks, int32_t n, bool activate);

@@ -37,13 +37,12 @@ ResultCode PartitionTable::CheckOrder(bool* ordered) {
   return kSuccess;
 }
 
-ResultCode PartitionTable::Reorder() { return SortPartitionEntries(*owner_); }
-
-ResultCode SortPartitionEntries(DiskSet& disks) {
-  PartitionTable* table = MbrTable(disks);
-  if (!table || IsSorted(*table)) return kAlreadySorted;
-  WritePartitionTable(disks, true);
-  return disks.firstError;
+ResultCode PartitionTable::Reorder() {
+  // Packs the primaries into slots 0.. in start order (the writer refuses a
+  // superfloppy, whose one partition is in order anyway).
+  if (IsSorted(*this)) return kAlreadySorted;
+  WritePartitionTable(*owner_, true);
+  return owner_->firstError;
 }
 
 }  // namespace dh

@@ -14,9 +14,5 @@ class PartitionTable;
 // The answer is the one SortByStart gives by exchanging nothing.
 bool IsSorted(PartitionTable& table);
 
-// The sort command on the current MBR disk: 125 when the table is already
-// sorted (nothing written), otherwise the primary entries are packed into
-// slots 0.. in start order and written; then the DiskSet's first error.
-ResultCode SortPartitionEntries(DiskSet& disks);
 
 }  // namespace dh
